@@ -1,0 +1,532 @@
+/*
+ * zvxfer.h - the public interface of the zvxfer file-transfer library.
+ *
+ * zvxfer moves files over a connection that the host program owns: XMODEM
+ * (checksum, CRC, 1K, streaming), YMODEM and YMODEM-G, ZMODEM, Kermit,
+ * CompuServe B+ and plain ASCII upload and capture.
+ *
+ * How a host uses it
+ * ------------------
+ * 1. Create a host window (ZvCreateWindow) whose procedure answers
+ *    XferPortMessage (1425): wParam PORT_READ asks for received bytes, wParam
+ *    PORT_WRITE hands over bytes to send; lParam points at the PortBlock to
+ *    fill or to take.  A host whose bytes arrive on a file descriptor also
+ *    registers it with ZvWatchFd so that the library's waits wake the moment
+ *    bytes arrive.  (host/ in the source tree holds a ready-made line host
+ *    for ttys, sockets, pipes and ptys.)
+ * 2. Optionally install hooks: SetPortIdleFunctionPtr, SetAbortXferFunctionPtr,
+ *    SetUserErrorNameFunctionPtr, SetXferFileOpenFunctionPtr.
+ * 3. Open a port with PortOpen(userData, window, receiveFolder, policy).
+ * 4. Call one entry point, for example
+ *        XmodemReceiveWithOptions(port, name, status, progress, XferOptEnd);
+ *    The whole exchange runs on the calling thread.  Option codes follow the
+ *    fixed arguments as int words and end with 0 (XferOptEnd).
+ * 5. Read the result: 0 or a file count on success, a negative code on
+ *    failure (XFER_RESULT_MAP and PORT_RESULT_MAP below give every code with
+ *    its text).  -7 means an option or protocol number was refused before
+ *    anything was opened, sent or called back.
+ * 6. Close the port with port->Ops.PortClose(port).
+ *
+ * Threads: a transfer runs wholly on the thread that called its entry.  The
+ * host window may live on that thread (the port message is then a direct
+ * call) or on another thread (the call blocks until the window's thread has
+ * handled it while it peeks, pumps or waits for messages).
+ *
+ * Errors are values: no function of this header throws or aborts, except the
+ * debug log's documented length limit.
+ */
+#ifndef ZVXFER_H
+#define ZVXFER_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(_WIN32)
+#define ZVXFER_EXTERN __declspec(dllexport)
+#elif defined(__GNUC__)
+#define ZVXFER_EXTERN __attribute__((visibility("default")))
+#else
+#define ZVXFER_EXTERN
+#endif
+
+/* ------------------------------------------------------------------------ */
+/* Host windows and messages (the host side of the platform layer)          */
+/* ------------------------------------------------------------------------ */
+
+/** Opaque host window handle.  NULL is never a valid window. */
+typedef struct ZvWindow *ZvHwnd;
+
+/** Window procedure: called on the window's owner thread. */
+typedef intptr_t (*ZvWndProc)(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam);
+
+/** A queued message, as ZvPeekMessage returns it. */
+typedef struct ZvMsg {
+    ZvHwnd Window;
+    uint32_t Message;
+    uintptr_t WParam;
+    intptr_t LParam;
+} ZvMsg;
+
+/* Message numbers keep their Windows values so code and tests read alike. */
+#define ZV_WM_DESTROY 2u
+#define ZV_WM_PAINT 15u
+#define ZV_WM_CLOSE 16u
+#define ZV_WM_QUIT 18u
+#define ZV_WM_NCDESTROY 130u
+#define ZV_WM_SYSCOMMAND 274u
+#define ZV_SC_CLOSE 0xF060u
+#define ZV_WM_USER 1024u
+
+/** The port message: sent synchronously to the host window. */
+#define XferPortMessage (ZV_WM_USER + 401u)
+/** wParam of XferPortMessage: fill the RxBlock with received bytes. */
+#define PORT_READ 1u
+/** wParam of XferPortMessage: take the TxBlock's bytes for sending. */
+#define PORT_WRITE 2u
+
+/** Poll events for ZvWatchFd (same values as POLLIN / POLLOUT). */
+#define ZV_FD_READ 0x001
+#define ZV_FD_WRITE 0x004
+
+/**
+ * Create a window owned by the calling thread.
+ * @param[in] proc  window procedure (not NULL)
+ * @param[in] user  value returned by ZvGetWindowUserData
+ * @return the window, or NULL when out of memory or proc is NULL.
+ */
+ZVXFER_EXTERN ZvHwnd ZvCreateWindow(ZvWndProc proc, void *user);
+
+/** Destroy a window; its queued messages are dropped.  Owner thread only. */
+ZVXFER_EXTERN void ZvDestroyWindow(ZvHwnd window);
+
+/** The user value given to ZvCreateWindow. */
+ZVXFER_EXTERN void *ZvGetWindowUserData(ZvHwnd window);
+
+/**
+ * Send a message and wait for its result.  On the owner thread this calls
+ * the procedure directly; from any other thread it queues the message and
+ * blocks until the owner handles it (in ZvPeekMessage, ZvGetMessage or
+ * ZvWaitMessage).  Returns 0 for a NULL window.
+ */
+ZVXFER_EXTERN intptr_t ZvSendMessage(ZvHwnd window, uint32_t message, uintptr_t wParam,
+                                     intptr_t lParam);
+
+/** Append a message to the owner thread's queue and wake that thread. 1 = queued. */
+ZVXFER_EXTERN int ZvPostMessage(ZvHwnd window, uint32_t message, uintptr_t wParam,
+                                intptr_t lParam);
+
+/** Post WM_QUIT (window NULL, wParam = exitCode) to the calling thread. */
+ZVXFER_EXTERN void ZvPostQuitMessage(int exitCode);
+
+/**
+ * Take the next posted message of the calling thread without waiting.
+ * Messages sent from other threads are handled first.
+ * @param[out] msg     the message (when 1 is returned)
+ * @param[in]  remove  non-zero: remove it from the queue
+ * @return 1 when a message was found, 0 when the queue is empty.
+ */
+ZVXFER_EXTERN int ZvPeekMessage(ZvMsg *msg, int remove);
+
+/** Wait for and remove the next message.  Returns 0 for WM_QUIT, else 1. */
+ZVXFER_EXTERN int ZvGetMessage(ZvMsg *msg);
+
+/** Call the message's window procedure (nothing for a NULL window). */
+ZVXFER_EXTERN intptr_t ZvDispatchMessage(const ZvMsg *msg);
+
+/**
+ * Wait until the calling thread has input: a posted or sent message, or a
+ * watched file descriptor that is ready.  Sent messages are handled inside.
+ * @param[in] timeoutMs  milliseconds, or UINT32_MAX for no limit
+ * @return 1 when input arrived, 0 on time-out.
+ */
+ZVXFER_EXTERN int ZvWaitMessage(uint32_t timeoutMs);
+
+/**
+ * Make the calling thread's waits wake when fd becomes ready for the given
+ * events (ZV_FD_READ, ZV_FD_WRITE).  Calling again for the same fd replaces
+ * its events.  Returns 0, or -1 when the table is full (64 per thread).
+ */
+ZVXFER_EXTERN int ZvWatchFd(int fd, int events);
+
+/** Stop watching fd on the calling thread. */
+ZVXFER_EXTERN void ZvUnwatchFd(int fd);
+
+/**
+ * Install the sink of the library's debugger output (trace lines of the
+ * Kermit engine and the debug log).  NULL restores the default: the file
+ * named by the environment variable ZVXFER_DEBUG ("stderr" allowed), or
+ * nothing when it is unset.
+ */
+ZVXFER_EXTERN void ZvSetDebugOutput(void (*sink)(const char *text));
+
+/* ------------------------------------------------------------------------ */
+/* Result codes                                                             */
+/* ------------------------------------------------------------------------ */
+
+/* Port-layer codes, -1 to -42, with the texts PortErrorName gives them. */
+#define PORT_RESULT_MAP(XX)                                                                        \
+    XX(0, PortSuccess, "Success")                                                                  \
+    XX(-1, PortGeneralError, "General error")                                                      \
+    XX(-2, PortInvalidPort, "Invalid port")                                                        \
+    XX(-3, PortInUse, "In use")                                                                    \
+    XX(-4, PortInvalidBufferSize, "Invalid buffer size")                                           \
+    XX(-5, PortNoMemory, "No memory available")                                                    \
+    XX(-6, PortNotSetUp, "Not set up")                                                             \
+    XX(-7, PortInvalidParameter, "Invalid parameter")                                              \
+    XX(-8, PortBufferEmpty, "Buffer empty")                                                        \
+    XX(-9, PortBufferFull, "Buffer full")                                                          \
+    XX(-10, PortTimeOut, "Time out")                                                               \
+    XX(-11, PortCtsLow, "CTS is low")                                                              \
+    XX(-12, PortCdLow, "CD is low")                                                                \
+    XX(-13, PortDsrLow, "DSR is low")                                                              \
+    XX(-14, PortNo8250, "No 8250 present")                                                         \
+    XX(-15, PortXmodemStatus, "XMODEM status")                                                     \
+    XX(-16, PortUserAbort, "User abort")                                                           \
+    XX(-17, PortFileIoError, "File I/O error")                                                     \
+    XX(-18, PortXmodemStatus2, "XMODEM status")                                                    \
+    XX(-19, PortNotWideTrack, "Not wide track")                                                    \
+    XX(-20, PortHardwareConflict, "Hardware conflict")                                             \
+    XX(-21, PortCrcMode, "CRC mode")                                                               \
+    XX(-22, PortModemNoOk, "Modem didn't send OK")                                                 \
+    XX(-23, PortNoModemResponse, "No modem response")                                              \
+    XX(-24, PortNotSupported, "Function not supported")                                           \
+    XX(-25, PortIllegalBaudRate, "Illegal baud rate")                                              \
+    XX(-26, PortIllegalParity, "Illegal parity")                                                   \
+    XX(-27, PortIllegalWordLength, "Ilegal word length")                                           \
+    XX(-28, PortIllegalStopBits, "Illegal number of stop bits")                                    \
+    XX(-30, PortDriverNotInstalled, "Driver not installed")                                        \
+    XX(-31, PortUserBufferOverflow, "User buffer overflow")                                        \
+    XX(-32, PortConnectFailure, "Failure to connect to port")                                      \
+    XX(-33, PortDosExtenderError, "DOS Extender returned an error")                                \
+    XX(-34, PortIllegalBoard, "Illegal board number")                                              \
+    XX(-35, PortBoardInUse, "Board is in use")                                                     \
+    XX(-36, PortBlockedByHandshake, "Blocked by handshaking")                                      \
+    XX(-37, PortTooManyPorts, "Maximum number of ports exceeded")                                  \
+    XX(-38, PortIllegalIrq, "Illegal IRQ line")                                                    \
+    XX(-39, PortIrqInUse, "IRQ line in use")                                                       \
+    XX(-40, PortThunkFailed, "Thunk setup failed")                                                 \
+    XX(-41, PortAnsiError, "ANSI Error")                                                           \
+    XX(-42, PortPackingError, "Compiler packing error")
+
+/* Transfer codes, -601 to -623, stored in XferRecord.Result. */
+#define XFER_RESULT_MAP(XX)                                                                        \
+    XX(-601, XferErrNoBuffer, "Can't allocate xfer buffer")                                        \
+    XX(-602, XferErrOpenFile, "Can't open xfer file")                                              \
+    XX(-603, XferErrSendNak, "Can't send NAK, buffer full")                                        \
+    XX(-604, XferErrSendAck, "Can't send ACK, buffer full")                                        \
+    XX(-605, XferErrUserAbort, "User hit abort key")                                               \
+    XX(-606, XferErrRemoteAbort, "Remote end sent abort code")                                     \
+    XX(-607, XferErrFileIo, "Error during file I/O")                                               \
+    XX(-608, XferErrPacketTimeout, "Timed out waiting for packet")                                 \
+    XX(-609, XferErrPacketSize, "Got an invalid packet size")                                      \
+    XX(-610, XferErrTooManyErrors, "Too many errors to continue")                                  \
+    XX(-611, XferErrInternal, "Internal error")                                                    \
+    XX(-612, XferErrSendBlock, "Can't send block, buffer full")                                    \
+    XX(-613, XferErrSendEot, "Can't send EOT, buffer full")                                        \
+    XX(-614, XferErrProtocol, "Protocol error")                                                    \
+    XX(-615, XferErrSendChar, "Can't send char, buffer full")                                      \
+    XX(-616, XferErrGetChar, "Can't get character")                                                \
+    XX(-617, XferErrCharTimeout, "Timeout waiting for characters")                                 \
+    XX(-618, XferErrLostCarrier, "Lost carrier during transfer")                                   \
+    XX(-619, XferErrNoFilesSent, "No files were sent")                                             \
+    XX(-620, XferErrShouldSkip, "Receiver should send ZSKIP")                                      \
+    XX(-621, XferErrBPlusSequence, "CompuServe B+ packet sequence err")                            \
+    XX(-622, XferErrBPlusPacket, "CompuServe B+ packet arrived")                                   \
+    XX(-623, XferErrFileEngine, "File engine failed")
+
+#define ZVXFER_RESULT_ENUM_(code, name, text) name = (code),
+typedef enum PortResult { PORT_RESULT_MAP(ZVXFER_RESULT_ENUM_) } PortResult;
+typedef enum XferResult { XFER_RESULT_MAP(ZVXFER_RESULT_ENUM_) } XferResult;
+#undef ZVXFER_RESULT_ENUM_
+
+/* ------------------------------------------------------------------------ */
+/* Protocols and option codes                                               */
+/* ------------------------------------------------------------------------ */
+
+typedef enum XferProtocol {
+    Xmodem = 0,
+    Ymodem = 1,
+    Kermit = 2,
+    Zmodem = 3,
+    Xmodem1K = 4,
+    CompuServeBPlus = 5,
+    Xmodem1KG = 6, /* only through XferOptStreaming */
+    YmodemG = 7,   /* only through XferOptStreaming */
+    Ascii = 8
+} XferProtocol;
+
+/* Option codes; "+ value" codes take the next word as their value. */
+typedef enum XferOption {
+    XferOptEnd = 0,
+    XferOptNone = 1001,
+    XferOptKermitQuote8Bit = 1002,
+    XferOptKermitTextMode = 1003,
+    XferOptKermitNoRepeat = 1004,
+    XferOptFullPath = 1005,
+    XferOptFlag1006 = 1006,
+    XferOptAbortKey = 1007, /* + key code */
+    XferOptChecksum = 1008,
+    XferOptSubfolders = 1009,
+    XferOptStreaming = 1011,
+    XferOptReceiveTimeout = 1012, /* + milliseconds */
+    XferOptZmResume = 1014,
+    XferOptZmPacing = 1015,
+    XferOptSendTimeout = 1016, /* + milliseconds */
+    XferOptZmNoWindow = 1017,
+    XferOptZmNewerLonger = 1018,
+    XferOptZmAppend = 1019,
+    XferOptZmReplace = 1020,
+    XferOptZmDiffer = 1021,
+    XferOptZmProtect = 1022,
+    XferOptZmNewer = 1023,
+    XferOptBPlusCheckMethod = 1024, /* + check method */
+    XferOptBPlusFileInfo = 1025,
+    XferOptBPlusResume = 1026,
+    XferOptReleaseHookBuffer = 1027, /* + flag */
+    XferOptMaxErrors = 1028,         /* + count */
+    XferOptZmWindowSize = 1029       /* + bytes */
+} XferOption;
+
+/* Existing-file policies (fourth argument of PortOpen). */
+#define XFER_EXISTING_OVERWRITE 0
+#define XFER_EXISTING_RENAME 1
+#define XFER_EXISTING_SKIP 2
+
+/* ------------------------------------------------------------------------ */
+/* Records                                                                  */
+/* ------------------------------------------------------------------------ */
+
+/** A local file: a POSIX file descriptor on this platform; -1 is invalid. */
+typedef intptr_t XferFile;
+#define XFER_INVALID_FILE ((XferFile)-1)
+
+typedef struct XferPort XferPort;
+typedef struct XferRecord XferRecord;
+typedef struct ThreadHooks ThreadHooks;
+typedef struct SendFileList SendFileList;
+
+/** Idle hook: >= 0 keep waiting, < 0 end the wait with that value. */
+typedef int32_t (*XferIdleFn)(XferPort *port);
+/** Abort hook: 0 go on; any other value becomes the transfer's Result. */
+typedef int32_t (*XferAbortFn)(XferRecord *record);
+/** File-open hook: mode is "rb" or "wb"; returns a file or XFER_INVALID_FILE. */
+typedef XferFile (*XferFileOpenFn)(XferRecord *record, const char *name, const char *mode);
+/** Error-name hook: a text for the code, or NULL to let the library answer. */
+typedef const char *(*XferErrorNameFn)(int32_t code);
+/** Status callback: level 0 trace, 1 notice; text valid during the call only. */
+typedef int32_t (*XferStatusFn)(XferRecord *record, int32_t level, const char *text);
+/** Progress callback: called at every abort check; the result is ignored. */
+typedef int32_t (*XferProgressFn)(XferRecord *record);
+/** ASCII character callback: every byte echoed or captured. */
+typedef void (*XferCharFn)(uint8_t ch);
+
+/** The three words the port and the host exchange through XferPortMessage. */
+typedef struct PortBlock {
+    uint8_t *Data;   /* first byte concerned */
+    uint32_t Length; /* bytes at Data */
+    int32_t Error;   /* non-zero: the host reports a lost connection */
+} PortBlock;
+
+/** The port's 17 link operations, in slot order.  Each returns 0, a byte
+ *  value or a count on success and a negative code on failure. */
+typedef struct XferPortOps {
+    int32_t (*ReadChar)(XferPort *port);
+    int32_t (*PeekChar)(XferPort *port);
+    int32_t (*WriteChar)(XferPort *port, uint8_t byte);
+    int32_t (*PortClose)(XferPort *port);
+    int32_t (*Reserved1)(XferPort *port, intptr_t value);
+    int32_t (*Reserved2)(XferPort *port, intptr_t value); /* always NULL */
+    int32_t (*Reserved3)(XferPort *port, intptr_t value);
+    int32_t (*Reserved4)(XferPort *port, intptr_t value);
+    int32_t (*Reserved5)(XferPort *port, intptr_t value);
+    int32_t (*TxFree)(XferPort *port);
+    int32_t (*TxCount)(XferPort *port);
+    int32_t (*RxFree)(XferPort *port);
+    int32_t (*RxCount)(XferPort *port);
+    int32_t (*PurgeTx)(XferPort *port);
+    int32_t (*WriteBuffer)(XferPort *port, const uint8_t *data, uint32_t length);
+    int32_t (*ReadBuffer)(XferPort *port, uint8_t *destination, uint32_t length);
+    void (*ClearError)(XferPort *port);
+} XferPortOps;
+
+#define XFER_TX_BUFFER_SIZE 4096
+
+/** The port object made by PortOpen, in field order. */
+struct XferPort {
+    int32_t Status;             /* last reported code: 0 or a port-layer code */
+    uint32_t Count;             /* bytes moved by the last ReadBuffer/WriteBuffer */
+    PortBlock RxBlock;          /* host's received bytes not yet consumed */
+    PortBlock TxBlock;          /* bytes offered by the last WriteBuffer */
+    ZvHwnd HostWindow;          /* target of XferPortMessage */
+    int32_t ExistingFilePolicy; /* XFER_EXISTING_* */
+    const char *ReceiveFolder;  /* by reference: the host keeps it alive */
+    uint8_t *TxBuffer;          /* 4096-byte staging block */
+    XferPortOps Ops;            /* the link operations */
+    uintptr_t PortUserData;     /* the host's, never used by the library */
+    ThreadHooks *Hooks;         /* the hook record; the port holds one reference */
+};
+
+/** The process's hook record (one serves every thread), in field order. */
+struct ThreadHooks {
+    XferIdleFn IdleFunction;
+    XferFileOpenFn FileOpenFunction;
+    XferAbortFn AbortFunction;
+    void *WorkBuffer; /* released by clean-up when option 1027 is non-zero */
+    int32_t AbortKey; /* 27 by default */
+    XferErrorNameFn UserErrorNameFunction;
+    uintptr_t Thread; /* the current-thread pseudo-handle */
+    int32_t PortRefs;
+};
+
+#define XFER_PATH_MAX 512
+
+/** The public face of a send-file list (the library allocates it). */
+struct SendFileList {
+    int32_t (*Next)(XferRecord *record, SendFileList *list); /* 1 = a file is ready */
+    int32_t (*Destroy)(SendFileList *list);
+    char Path[XFER_PATH_MAX]; /* full name of the current file */
+    int32_t Size;             /* its size in bytes */
+    int32_t ModTime;          /* its modification time, seconds since 1970 UTC */
+    int32_t SearchError;      /* 0, -601, or non-zero when a name matched nothing */
+};
+
+/** The state of one transfer, in field order; what callbacks can see. */
+struct XferRecord {
+    int32_t SkipFile;
+    SendFileList *SendList;
+    char *FileName;
+    int32_t BlockNumber;
+    int32_t FilePos;
+    int32_t FileSize;
+    int32_t FileTime; /* seconds since 1970-01-01 UTC, -1 unknown */
+    XferStatusFn StatusCallback;
+    XferProgressFn ProgressCallback;
+    uint8_t *Buffer;
+    XferFile File;
+    XferPort *Port;
+    int32_t AbortKey;
+    int32_t FileCount;
+    int32_t Result;
+    int32_t BlockSize;
+    int32_t RxCheck;
+    int32_t RxSeq;
+    int32_t Option1006Flag;
+    int32_t ErrorTotal;
+    int32_t ErrorRun;
+    int8_t Sending;
+    int8_t StripPath;
+    int32_t ReleaseHookBuffer;
+    int8_t Protocol; /* XferProtocol */
+    intptr_t ProtocolParam;
+    intptr_t ProtocolHook;
+    int32_t ProtocolFlag;
+    union {
+        uint8_t Bytes[64];
+        int32_t Words[16];
+    } ProtocolBytes;
+};
+
+/** The option block of the generic entries: 28 words, unset slots 1001. */
+typedef struct FileTransferOptions {
+    int32_t Slot[28];
+} FileTransferOptions;
+
+/* ------------------------------------------------------------------------ */
+/* Port and hooks                                                           */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Open a port on the host's window.
+ * @param[in] userData  kept in PortUserData, never used by the library
+ * @param[in] window    the host window that answers XferPortMessage
+ * @param[in] receiveFolder  folder for received files, ending in '/'; stored
+ *                      by reference, so the host keeps it alive
+ * @param[in] existingFilePolicy  XFER_EXISTING_OVERWRITE, _RENAME or _SKIP
+ * @return the port, or NULL when out of memory or no hook record can be had.
+ * Close it with port->Ops.PortClose(port).
+ */
+ZVXFER_EXTERN XferPort *PortOpen(uintptr_t userData, ZvHwnd window, const char *receiveFolder,
+                                 int32_t existingFilePolicy);
+
+/** Discard everything the host has received so far.  0, or a negative code. */
+ZVXFER_EXTERN int32_t ClearRXBuffer(XferPort *port);
+
+/* Hook setters: affect every thread's transfers; NULL is not accepted. */
+ZVXFER_EXTERN void SetPortIdleFunctionPtr(XferIdleFn idle);
+ZVXFER_EXTERN void SetAbortXferFunctionPtr(XferAbortFn abortFn);
+ZVXFER_EXTERN void SetUserErrorNameFunctionPtr(XferErrorNameFn errorName);
+ZVXFER_EXTERN void SetXferFileOpenFunctionPtr(XferFileOpenFn fileOpen);
+
+/* ------------------------------------------------------------------------ */
+/* Transfers                                                                */
+/* ------------------------------------------------------------------------ */
+/*
+ * Every entry returns the transfer's Result when it is not 0, else the number
+ * of files handled.  Option words follow the fixed arguments, ended by 0.
+ * Send names: one writable string of double-quoted names with wildcards, for
+ * example "\"/tmp/a b.txt\",\"/tmp/*.bin\""; it is split in place.
+ */
+
+ZVXFER_EXTERN FileTransferOptions *CLSetFileTransferOptions(const int32_t *list);
+ZVXFER_EXTERN int32_t CLFileSend(XferPort *port, int32_t protocol, char *names, int32_t asciiFlag,
+                                 int32_t asciiValue, FileTransferOptions *block,
+                                 XferStatusFn status, XferProgressFn progress);
+ZVXFER_EXTERN int32_t CLFileReceive(XferPort *port, int32_t protocol, char *name,
+                                    int32_t asciiFlag, FileTransferOptions *block,
+                                    XferStatusFn status, XferProgressFn progress);
+
+ZVXFER_EXTERN int32_t XmodemSendWithOptions(XferPort *port, char *names, XferStatusFn status,
+                                            XferProgressFn progress, ...);
+ZVXFER_EXTERN int32_t XmodemReceiveWithOptions(XferPort *port, char *fileName,
+                                               XferStatusFn status, XferProgressFn progress, ...);
+ZVXFER_EXTERN int32_t Xmodem1KSendWithOptions(XferPort *port, char *names, XferStatusFn status,
+                                              XferProgressFn progress, ...);
+ZVXFER_EXTERN int32_t Xmodem1KReceiveWithOptions(XferPort *port, char *fileName,
+                                                 XferStatusFn status, XferProgressFn progress,
+                                                 ...);
+ZVXFER_EXTERN int32_t YmodemSendWithOptions(XferPort *port, char *names, XferStatusFn status,
+                                            XferProgressFn progress, ...);
+ZVXFER_EXTERN int32_t YmodemReceiveWithOptions(XferPort *port, XferStatusFn status,
+                                               XferProgressFn progress, ...);
+ZVXFER_EXTERN int32_t ZmodemSendWithOptions(XferPort *port, char *names, XferStatusFn status,
+                                            XferProgressFn progress, ...);
+ZVXFER_EXTERN int32_t ZmodemReceiveWithOptions(XferPort *port, XferStatusFn status,
+                                               XferProgressFn progress, ...);
+ZVXFER_EXTERN int32_t KermitSendWithOptions(XferPort *port, char *fileList, XferStatusFn status,
+                                            XferProgressFn progress, ...);
+ZVXFER_EXTERN int32_t KermitReceiveWithOptions(XferPort *port, XferStatusFn status,
+                                               XferProgressFn progress, ...);
+ZVXFER_EXTERN int32_t CompuServeBPlusWithOptions(XferPort *port, XferStatusFn status,
+                                                 XferProgressFn progress, ...);
+ZVXFER_EXTERN int32_t CompuServeBPlusRespond(XferPort *port, int32_t bplusFlag);
+ZVXFER_EXTERN int32_t AsciiSendWithOptions(XferPort *port, char *names, XferStatusFn status,
+                                           XferProgressFn progress, XferCharFn charCallback,
+                                           uint8_t dropLf, int32_t lineDelayMs, ...);
+ZVXFER_EXTERN int32_t AsciiReceiveWithOptions(XferPort *port, char *fileName,
+                                              XferStatusFn status, XferProgressFn progress,
+                                              XferCharFn charCallback, uint8_t dropLf, ...);
+
+/* ------------------------------------------------------------------------ */
+/* Message library                                                          */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Load the message catalogue in the user's language.  Runs by itself when
+ * the library is loaded; a host may call it again after UnregisterXferDLL.
+ * @return 0 when loaded (or already loaded, or not registered), 1 when the
+ * registration was found but no catalogue could be loaded.
+ */
+ZVXFER_EXTERN int32_t RegisterXferDLL(void);
+
+/** Release the message catalogue (runs by itself when the library unloads). */
+ZVXFER_EXTERN void UnregisterXferDLL(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZVXFER_H */

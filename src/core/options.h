@@ -1,0 +1,34 @@
+// The option-list convention shared by every entry: words after the fixed
+// arguments, 0 ends, 1001 is skipped, value codes consume the next word, and
+// any code the entry does not accept refuses the whole call with -7 before
+// anything is opened, sent or called back.
+#pragma once
+#include <cstdarg>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace zvxfer {
+
+struct Option {
+    int32_t code;
+    int32_t value; // 0 for codes without a value
+};
+
+// True for the codes that take a value word (1007, 1012, 1016, 1024, 1027,
+// 1028, 1029).
+bool OptionTakesValue(int32_t code);
+
+// Read words until 0 from `words` (reading stops early at a refused code).
+// Accepted codes are appended to `out` in order; returns 0, or -7 at the
+// first code that `accepted` does not hold.
+int32_t ReadOptionList(std::span<const int32_t> words, std::span<const int32_t> accepted,
+                       std::vector<Option> &out);
+
+// Collect the words of a variadic option list up to and including its 0,
+// reading a value word only after a value code and stopping right after a
+// word that is not an option code at all (the caller supplied nothing past
+// it that we may read).
+std::vector<int32_t> CollectOptionWords(va_list args);
+
+} // namespace zvxfer

@@ -1,0 +1,41 @@
+// The port object, its link operations and the timed helpers every engine
+// waits with; the per-thread host hooks.
+#pragma once
+#include <cstdint>
+
+#include "zvxfer.h"
+
+namespace zvxfer {
+
+// --- timed helpers over a port made by PortOpen (or any port with ops) ---
+
+// A byte 0..255, -8 on time-out, or the idle hook's negative answer.
+// timeoutMs -1 waits without limit.
+int32_t ReadCharTimed(XferPort *port, int32_t timeoutMs);
+// 0, or a negative code; retries a full (-9) or handshake-blocked (-36)
+// port until the deadline.  timeoutMs -1 waits without limit.
+int32_t WriteCharTimed(XferPort *port, uint8_t byte, int32_t timeoutMs);
+// 1 when nothing waits, 0 when bytes wait, or RxCount's negative answer.
+int32_t RxEmpty(XferPort *port);
+// 0 after `milliseconds`, or the first negative answer of the idle hook.
+int32_t IdleWait(XferPort *port, int32_t milliseconds);
+// 0 when it removed a message that means the application or window is
+// closing; 1 otherwise.
+int32_t PumpMessages(uint32_t milliseconds);
+void PumpDelay(uint32_t milliseconds);
+
+// Call the port's idle hook (DefaultIdle when none is set).
+int32_t CallIdle(XferPort *port);
+
+// --- hooks ---
+
+// The process's hook record, created with defaults when there is none;
+// nullptr when the table is full or memory runs out.
+ThreadHooks *ThreadHooksFind();
+// Drop one port reference; the record is released at 0.
+void ThreadHooksRelease(ThreadHooks *hooks);
+
+int32_t DefaultIdle(XferPort *port);
+XferFile DefaultFileOpen(XferRecord *record, const char *name, const char *mode);
+
+} // namespace zvxfer
