@@ -14,7 +14,7 @@ namespace {
 constexpr int32_t kMsgWriteTimedOut = 28295;
 // Longest pause between two tries; short enough that a port that frees up
 // is used at once, long enough that a full port does not spin a core.
-constexpr uint32_t kRetryPauseMs = 2;
+constexpr uint32_t kRetryPauseMs = 1;
 
 // What the two writers differ in.
 struct Patience {

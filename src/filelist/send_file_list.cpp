@@ -81,6 +81,7 @@ void FillFacts(ListState &s) {
 Step FoundFile(ListState &s, const plat::FindData &entry) {
     Join(s.Path, sizeof s.Path, s.folder, entry.name.c_str()); // 255 + 255 always fit
     FillFacts(s);
+    s.SearchError = 0;
     return Step::ReturnFile;
 }
 
