@@ -61,8 +61,9 @@ TEST_F(MessageTextTest, MissingNumberNeverStaysCached) {
     EXPECT_STREQ(MessageText(1), "A1");
     EXPECT_EQ(MessageText(99), Fallback(99));
     Catalogue("1\tB1\n99\tB99\n");
-    EXPECT_STREQ(MessageText(99), "B99"); // looked up again, not served from a slot
-    EXPECT_STREQ(MessageText(1), "A1");   // a found number stays cached
+    EXPECT_STREQ(MessageText(99), "B99");     // looked up again, not served from a slot
+    EXPECT_STREQ(MessageText(1), "A1");       // a found number stays cached
+    EXPECT_EQ(MessageText(-1), Fallback(-1)); // not the text of the slot marked -1
     EXPECT_EQ(MessageText(-5), Fallback(-5));
     EXPECT_EQ(MessageText(-5), Fallback(-5));
 }
