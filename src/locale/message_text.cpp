@@ -52,8 +52,10 @@ Slot &LoadIntoNextSlot(int32_t number) {
 
 // The slot holding `number`, loading it when no slot does; caller holds gMutex.
 const Slot &Lookup(int32_t number) {
+    // A slot marked not-found holds another number's fallback text, so -1
+    // itself is always looked up.
     for (const Slot &slot : gCache.slots) {
-        if (slot.number == number) return slot;
+        if (slot.number == number && number != kNotFound) return slot;
     }
     return LoadIntoNextSlot(number);
 }
