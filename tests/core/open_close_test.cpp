@@ -71,7 +71,7 @@ class OpenFile : public ::testing::Test {
         XferCloseFile(&record);
     }
 
-    test::SteppingClock clock;
+    test::SteppingClock clock{100}; // clean-ups settle in a few rounds
     test::TempTree tree;
     FakePort fake;
     XferRecord record = test::BlankRecord();

@@ -40,7 +40,7 @@ class CoreRecord : public ::testing::Test {
         return std::string(first) + ". " + second;
     }
 
-    test::SteppingClock clock;
+    test::SteppingClock clock{100}; // clean-ups settle in a few rounds
     FakePort fake;
     XferRecord record{};
 };
