@@ -468,7 +468,7 @@ ZVXFER_EXTERN void SetXferFileOpenFunctionPtr(XferFileOpenFn fileOpen);
  * Every entry returns the transfer's Result when it is not 0, else the number
  * of files handled.  Option words follow the fixed arguments, ended by 0.
  * Send names: one writable string of double-quoted names with wildcards, for
- * example "\"/tmp/a b.txt\",\"/tmp/*.bin\""; it is split in place.
+ * example "\"/tmp/a b.txt\",\"/tmp/x?.bin\""; it is split in place.
  */
 
 ZVXFER_EXTERN FileTransferOptions *CLSetFileTransferOptions(const int32_t *list);

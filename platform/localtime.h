@@ -9,4 +9,9 @@ struct TimeOfDay {
 
 TimeOfDay GetLocalTime();
 
+// Replace the clock behind GetLocalTime (tests); nullptr restores the
+// system's local time.
+using LocalTimeSource = TimeOfDay (*)();
+void SetLocalTimeSource(LocalTimeSource source);
+
 } // namespace zvxfer::plat

@@ -3,7 +3,11 @@
 // machine-wide values in /etc/zvxfer/registry and in
 // <library folder>/../etc/zvxfer/registry (written when the library is
 // installed).  ZVXFER_REGISTRY_DIR=<dir> replaces all of them by
-// <dir>/user and <dir>/machine.  A file holds lines
+// <dir>/user and <dir>/machine.  HKCU is read from the per-user file, HKLM
+// from the machine-wide ones (the library's own first), HKCR from both with
+// per-user classes first.  Key paths and value names are compared without
+// regard to ASCII case; a key also opens when only keys below it are named.
+// A file holds lines
 //     ROOT<TAB>key path<TAB>value name<TAB>data
 // with ROOT one of HKCR, HKCU, HKLM and an empty value name for the key's
 // default value; '#' starts a comment line.

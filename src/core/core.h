@@ -1,4 +1,6 @@
-// The transfer record's core operations, shared by every engine but Kermit.
+// The transfer record's core operations, shared by every engine but Kermit
+// (which uses XferCheckAbort only).  All of them run on the transfer's own
+// thread and work on the record the entry built on its stack.
 #pragma once
 #include <cstdarg>
 #include <cstddef>
@@ -11,28 +13,75 @@ namespace zvxfer {
 // Ten CAN then ten backspace bytes: sent to the remote side after a failure.
 extern const uint8_t XferCancelString[20];
 
+// Reset the counters, allocate Buffer (128 bytes for ASCII, 1025 for B+,
+// 1024 otherwise; plat::HeapAllocZero), set the protocol defaults, clear the
+// port's Status and make the first abort check.  1 = go on; 0 = stop (the
+// buffer failed: Result -601 and the clean-up ran; or the host aborted).
 int XferInit(XferRecord *record);
+
+// A status line "<name> : <message>" to the record's StatusCallback (none
+// when it is null).  The message is formatted into 256 bytes; when the full
+// FileName is too long for the format (length >= 256 - strlen(format)) it
+// is replaced by the texts of messages 28264 and 28263.  The line lives in a
+// 342-byte global-heap block freed after the callback (a stack block when
+// the heap fails).  Texts are cut, never overflowed.
 void XferStatus(XferRecord *record, int32_t level, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
 void XferStatusV(XferRecord *record, int32_t level, const char *format, va_list args);
+// A status line whose format is the text of message `number` (copied before
+// anything else is looked up); the arguments are those the message takes.
+void XferStatusMessage(XferRecord *record, int32_t level, int32_t number, ...);
+
+// Progress callback, then the host's abort hook.  1 = stop now.  A non-zero
+// hook value becomes Result; then (not for B+) notice 28263 and (not for
+// Kermit, not for B+) XferCleanup.
 int XferCheckAbort(XferRecord *record);
+
+// Open the current file: "rb" for a sender (FileName = SendList->Path when
+// there is a list), "wb" for a receiver under the port's existing-file
+// policy.  1 = go on (open, or skipped with SkipFile = 1); 0 = stop (Result
+// set, clean-up done).  A receiver's FileName buffer must hold at least
+// three characters more than the name (policy 1 may grow it by "(1)").
 int XferOpenFile(XferRecord *record);
+// Flush, stamp FileTime (unless -1), close; safe when nothing is open.
 void XferCloseFile(XferRecord *record);
+// End the transfer: close the file, on failure send the cancel string
+// (XMODEM family; ZMODEM after PurgeTx unless the remote aborted), settle for
+// one second, drain the line, then release Buffer, a ZMODEM receiver's
+// FileName, the send list, the B+ state and (option 1027) the hook record's
+// WorkBuffer.  Buffer, the ZMODEM receiver's FileName, the B+ state and the
+// WorkBuffer are released with plat::HeapFreeBlock, so their owners take
+// them from plat::HeapAllocZero.  Safe to call more than once.
 void XferCleanup(XferRecord *record);
+// 1 once the line has been quiet (or sent a NUL) for one second; 0 when the
+// transfer must stop.
 int XferWaitQuiet(XferRecord *record);
+
+// The patient writers: retry a full (-9) or handshake-blocked (-36) port
+// for 30 s (one byte) or 60 s (a buffer, partial takes continued), calling
+// the abort check and the idle hook between tries.  0, or the port's (or
+// idle hook's) negative answer with Result set to -615 / -612.
 int32_t XferWriteChar(XferRecord *record, uint8_t byte);
 int32_t XferWriteBuffer(XferRecord *record, const uint8_t *bytes, uint32_t count);
 
 // Pointer into `name` after its last '/' or '\'; when there is neither,
-// after its last ':'; else `name` itself.
+// after its last ':'; else `name` itself.  A name from the remote side cut
+// this way can never leave the receive folder.
 const char *BareName(const char *name);
 char *BareName(char *name);
 
-// True when a file (not a directory) of this name exists.
+// True when a file (not a directory) of this name exists, found by a
+// directory search.  Null and empty names do not exist.
 bool XferFileExists(const char *name);
 
-// Replace `name` (capacity `size`) by a free name: report(1).txt, ...
-// false when no free name could be made.
+// Room a receiver's name buffer needs beyond the name for XferFreeName.
+constexpr std::size_t kFreeNameRoom = 3;
+
+// Replace `name` (capacity `size`) by a free name: report.txt becomes
+// report(1).txt, report(2).txt, ...; report(1).txt itself counts on from its
+// own counter; trailing dots go ("notes." -> "notes(1)").  The counter is
+// one character and stops at '9': false (name unchanged) when every name up
+// to (9) exists or the result would not fit `size`.
 bool XferFreeName(char *name, std::size_t size);
 
 } // namespace zvxfer

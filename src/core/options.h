@@ -19,16 +19,22 @@ struct Option {
 // 1028, 1029).
 bool OptionTakesValue(int32_t code);
 
-// Read words until 0 from `words` (reading stops early at a refused code).
-// Accepted codes are appended to `out` in order; returns 0, or -7 at the
-// first code that `accepted` does not hold.
+// True for 0 and the codes of the option vocabulary (1001..1029 without the
+// unused 1010 and 1013).
+bool IsOptionCode(int32_t code);
+
+// Read words until 0 from `words` (reading stops early at a refused code;
+// the end of the span counts as the end of the list, and a value code at
+// the very end gets the value 0).  Accepted codes are appended to `out` in
+// order; returns 0, or -7 at the first code that `accepted` does not hold.
+// 1001 is skipped whether or not `accepted` lists it.
 int32_t ReadOptionList(std::span<const int32_t> words, std::span<const int32_t> accepted,
                        std::vector<Option> &out);
 
 // Collect the words of a variadic option list up to and including its 0,
 // reading a value word only after a value code and stopping right after a
 // word that is not an option code at all (the caller supplied nothing past
-// it that we may read).
+// it that we may read).  The va_list is consumed.
 std::vector<int32_t> CollectOptionWords(va_list args);
 
 } // namespace zvxfer

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/module.h"
+
 namespace zvxfer {
 
 // Text of a numbered message (at most 255 characters).  Valid until three
@@ -23,6 +25,19 @@ int32_t ReadRegistryString(const char *keyPath, const char *valueName, char *buf
 const char *LanguageCodeFromLangId(uint16_t langId);
 int32_t GetUILanguageCode(const char *keyPath, char *out, std::size_t size);
 int32_t MakeLocalizedName(char *out, const char *name, const char *dottedCode, std::size_t size);
+// The catalogue in the user's language when one can be named and loaded,
+// else the catalogue `name` itself; nullptr when neither loads.
+plat::ModuleHandle LoadLocalizedLibrary(const char *name);
+
+// Root flags of ReadRegistryString; none: current user first, then local
+// machine.
+constexpr uint32_t kRegCurrentUserOnly = 0x1;
+constexpr uint32_t kRegLocalMachineOnly = 0x2;
+constexpr uint32_t kRegLocalMachineFirst = 0x4;
+
+// Put the text cache back in its start state: every slot number 0 with an
+// empty text, slot index 0 (tests).
+void ResetMessageCache();
 
 constexpr int32_t kErrorFunctionFailed = 1627;
 constexpr const char *kLocaleKey = "Software\\Marrowind\\Tessera\\15.00\\Locale";

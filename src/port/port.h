@@ -1,6 +1,7 @@
 // The port object, its link operations and the timed helpers every engine
 // waits with; the per-thread host hooks.
 #pragma once
+#include <atomic>
 #include <cstdint>
 
 #include "zvxfer.h"
@@ -32,8 +33,17 @@ int32_t CallIdle(XferPort *port);
 // The process's hook record, created with defaults when there is none;
 // nullptr when the table is full or memory runs out.
 ThreadHooks *ThreadHooksFind();
-// Drop one port reference; the record is released at 0.
+// Find or create the record and add one port reference to it, as one step
+// (so a concurrent last close cannot free it in between); nullptr as above.
+ThreadHooks *ThreadHooksAcquire();
+// Drop one port reference; the record is released at 0.  nullptr is ignored.
 void ThreadHooksRelease(ThreadHooks *hooks);
+
+// Read a hook field that a setter on another thread may be writing.
+template <typename Fn>
+inline Fn LoadHook(Fn &field) {
+    return std::atomic_ref<Fn>(field).load(std::memory_order_relaxed);
+}
 
 int32_t DefaultIdle(XferPort *port);
 XferFile DefaultFileOpen(XferRecord *record, const char *name, const char *mode);

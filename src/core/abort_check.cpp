@@ -1,0 +1,28 @@
+// XferCheckAbort: the progress callback, then the host's abort hook.
+#include "core/core.h"
+
+namespace zvxfer {
+
+namespace {
+constexpr int32_t kMsgCancelled = 28263;
+}
+
+int XferCheckAbort(XferRecord *record) {
+    if (record->ProgressCallback != nullptr) record->ProgressCallback(record);
+    if (record->Result == XferErrUserAbort) return 1;
+    // A transfer that already failed is ending anyway: no second abort.
+    if (record->Result < 0) return 0;
+
+    ThreadHooks *hooks = record->Port != nullptr ? record->Port->Hooks : nullptr;
+    if (hooks == nullptr || hooks->AbortFunction == nullptr) return 0;
+    const int32_t verdict = hooks->AbortFunction(record);
+    if (verdict == 0) return 0;
+
+    record->Result = verdict;
+    if (record->Protocol == CompuServeBPlus) return 1; // the B+ engine ends it itself
+    XferStatusMessage(record, 1, kMsgCancelled);
+    if (record->Protocol != Kermit) XferCleanup(record);
+    return 1;
+}
+
+} // namespace zvxfer

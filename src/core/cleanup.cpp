@@ -1,0 +1,81 @@
+// XferCleanup: the end of every transfer, successful or not.
+#include "core/core.h"
+#include "platform/heap.h"
+#include "port/port.h"
+
+namespace zvxfer {
+
+namespace {
+
+// A nested clean-up (an abort check inside the cancel string's patient
+// write that ends the transfer again) returns at once: the outer one is
+// still running and finishes the job.
+thread_local int cleanupDepth = 0;
+
+struct DepthGuard {
+    DepthGuard() { ++cleanupDepth; }
+    ~DepthGuard() { --cleanupDepth; }
+};
+
+void SendCancelString(XferRecord *record) {
+    XferWriteBuffer(record, XferCancelString, sizeof XferCancelString);
+}
+
+// Tell the remote side, let the line settle, and throw away what arrives.
+void EndFailedTransfer(XferRecord *record) {
+    XferPort *port = record->Port;
+    switch (record->Protocol) {
+    case Xmodem:
+    case Ymodem:
+    case Xmodem1K:
+        SendCancelString(record);
+        break;
+    case Zmodem:
+        if (record->Buffer != nullptr && record->Result != XferErrRemoteAbort) {
+            port->Ops.PurgeTx(port);
+            SendCancelString(record);
+        }
+        break;
+    default: // Kermit, B+, ASCII and the streaming variants send nothing
+        break;
+    }
+    IdleWait(port, 1000);
+    while (port->Ops.RxCount(port) > 0) port->Ops.ReadChar(port);
+}
+
+void ReleaseHeld(XferRecord *record) {
+    if (record->Buffer != nullptr) {
+        plat::HeapFreeBlock(record->Buffer);
+        record->Buffer = nullptr;
+    }
+    if (record->Protocol == Zmodem && !record->Sending && record->FileName != nullptr) {
+        plat::HeapFreeBlock(record->FileName);
+        record->FileName = nullptr;
+    }
+    if (record->SendList != nullptr) {
+        record->SendList->Destroy(record->SendList);
+        record->SendList = nullptr;
+    }
+    if (record->Protocol == CompuServeBPlus && record->ProtocolParam != 0) {
+        plat::HeapFreeBlock(reinterpret_cast<void *>(record->ProtocolParam));
+        record->ProtocolParam = 0;
+    }
+    if (record->ReleaseHookBuffer != 0) {
+        if (ThreadHooks *hooks = ThreadHooksFind(); hooks && hooks->WorkBuffer) {
+            plat::HeapFreeBlock(hooks->WorkBuffer);
+            hooks->WorkBuffer = nullptr;
+        }
+    }
+}
+
+} // namespace
+
+void XferCleanup(XferRecord *record) {
+    if (cleanupDepth > 0) return;
+    DepthGuard guard;
+    XferCloseFile(record);
+    if (record->Result != 0 && record->Port != nullptr) EndFailedTransfer(record);
+    ReleaseHeld(record);
+}
+
+} // namespace zvxfer

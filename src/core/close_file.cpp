@@ -1,0 +1,17 @@
+// XferCloseFile: flush, stamp the file's time, close.
+#include "core/core.h"
+#include "platform/file.h"
+
+namespace zvxfer {
+
+void XferCloseFile(XferRecord *record) {
+    if (record->File == XFER_INVALID_FILE) return;
+    plat::FileFlush(record->File);
+    // FileTime is signed: times before 1970 are stamped too; only -1 means
+    // "unknown, leave what the system set".
+    if (record->FileTime != -1) plat::FileSetTimes(record->File, record->FileTime);
+    plat::FileClose(record->File);
+    record->File = XFER_INVALID_FILE;
+}
+
+} // namespace zvxfer

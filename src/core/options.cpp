@@ -1,0 +1,58 @@
+// Reading option lists: one reader for every entry, each with its own table
+// of accepted codes.
+#include "core/options.h"
+
+#include <algorithm>
+
+#include "zvxfer.h"
+
+namespace zvxfer {
+
+namespace {
+
+constexpr int32_t kValueCodes[] = {
+    XferOptAbortKey,          XferOptReceiveTimeout, XferOptSendTimeout,  XferOptBPlusCheckMethod,
+    XferOptReleaseHookBuffer, XferOptMaxErrors,      XferOptZmWindowSize,
+};
+
+bool Holds(std::span<const int32_t> codes, int32_t code) {
+    return std::find(codes.begin(), codes.end(), code) != codes.end();
+}
+
+} // namespace
+
+bool OptionTakesValue(int32_t code) {
+    return Holds(kValueCodes, code);
+}
+
+bool IsOptionCode(int32_t code) {
+    if (code == XferOptEnd) return true;
+    return code >= XferOptNone && code <= XferOptZmWindowSize && code != 1010 && code != 1013;
+}
+
+int32_t ReadOptionList(std::span<const int32_t> words, std::span<const int32_t> accepted,
+                       std::vector<Option> &out) {
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        const int32_t code = words[i];
+        if (code == XferOptEnd) break;
+        if (code == XferOptNone) continue;
+        if (!Holds(accepted, code)) return PortInvalidParameter;
+        Option option{code, 0};
+        if (OptionTakesValue(code) && i + 1 < words.size()) option.value = words[++i];
+        out.push_back(option);
+    }
+    return 0;
+}
+
+std::vector<int32_t> CollectOptionWords(va_list args) {
+    std::vector<int32_t> words;
+    for (;;) {
+        const int32_t code = va_arg(args, int32_t);
+        words.push_back(code);
+        if (code == XferOptEnd || !IsOptionCode(code)) break;
+        if (OptionTakesValue(code)) words.push_back(va_arg(args, int32_t));
+    }
+    return words;
+}
+
+} // namespace zvxfer

@@ -1,0 +1,125 @@
+// The waits every engine builds on: a timed byte read and write, the idle
+// wait, the empty test, the idle-hook call and the exported receive purge.
+// A wait reads the tick only once it actually has to wait, and sleeps in
+// the thread's message wait between rounds instead of spinning a core.
+#include <algorithm>
+
+#include "platform/message.h"
+#include "platform/tick.h"
+#include "port/port.h"
+
+namespace zvxfer {
+
+namespace {
+
+constexpr uint32_t kRoundMs = 5; // longest sleep between two rounds
+constexpr uint32_t kPurgeChunk = 64;
+
+// A deadline of `timeoutMs` (-1: none) that starts on its first check, so
+// a wait satisfied at once never reads the clock.
+class LazyDeadline {
+  public:
+    explicit LazyDeadline(int32_t timeoutMs) : timeoutMs_(timeoutMs) {}
+
+    bool Expired() {
+        if (timeoutMs_ == -1) return false;
+        const uint32_t now = plat::GetTickCount();
+        if (!started_) {
+            deadline_ = now + static_cast<uint32_t>(timeoutMs_);
+            started_ = true;
+        }
+        return plat::TickReached(now, deadline_);
+    }
+
+    // Sleep until input arrives, for at most the time left (and 5 ms).
+    void Pause() const {
+        uint32_t wait = kRoundMs;
+        if (timeoutMs_ != -1) {
+            const auto left = static_cast<int32_t>(deadline_ - plat::GetTickCount());
+            if (left <= 0) return;
+            wait = std::min<uint32_t>(wait, static_cast<uint32_t>(left));
+        }
+        plat::WaitForInput(wait);
+    }
+
+  private:
+    int32_t timeoutMs_;
+    bool started_ = false;
+    uint32_t deadline_ = 0;
+};
+
+} // namespace
+
+int32_t CallIdle(XferPort *port) {
+    const XferIdleFn idle =
+        port != nullptr && port->Hooks != nullptr ? LoadHook(port->Hooks->IdleFunction) : nullptr;
+    return idle != nullptr ? idle(port) : DefaultIdle(port);
+}
+
+int32_t ReadCharTimed(XferPort *port, int32_t timeoutMs) {
+    LazyDeadline deadline(timeoutMs);
+    for (;;) {
+        if (port->Ops.RxCount(port) != 0) return port->Ops.ReadChar(port);
+        const int32_t idle = CallIdle(port);
+        if (idle < 0) {
+            port->Status = idle;
+            return idle;
+        }
+        if (deadline.Expired()) return PortBufferEmpty;
+        // An empty read normally waited in the message pump already; a lost
+        // connection answers at once, so wait here instead of spinning.
+        if (port->RxBlock.Error != 0) deadline.Pause();
+    }
+}
+
+int32_t WriteCharTimed(XferPort *port, uint8_t byte, int32_t timeoutMs) {
+    const int32_t saved = port->Status;
+    LazyDeadline deadline(timeoutMs);
+    for (;;) {
+        port->Status = PortSuccess;
+        const int32_t r = port->Ops.WriteChar(port, byte);
+        port->Status = saved;
+        if (r == PortSuccess) return r;
+        if (r != PortBufferFull && r != PortBlockedByHandshake) return r;
+        if (deadline.Expired()) return r;
+        const int32_t idle = CallIdle(port);
+        if (idle < 0) return idle;
+        deadline.Pause();
+    }
+}
+
+int32_t RxEmpty(XferPort *port) {
+    const int32_t r = port->Ops.RxCount(port);
+    if (r < 0) return r;
+    return r == 0 ? 1 : 0;
+}
+
+int32_t IdleWait(XferPort *port, int32_t milliseconds) {
+    uint32_t now = plat::GetTickCount();
+    const uint32_t deadline = now + static_cast<uint32_t>(milliseconds);
+    while (!plat::TickReached(now, deadline)) {
+        const int32_t idle = CallIdle(port);
+        if (idle < 0) return idle;
+        now = plat::GetTickCount();
+        if (plat::TickReached(now, deadline)) break;
+        plat::WaitForInput(std::min<uint32_t>(kRoundMs, deadline - now));
+        now = plat::GetTickCount();
+    }
+    return 0;
+}
+
+} // namespace zvxfer
+
+using namespace zvxfer;
+
+// Read and drop what the host holds, 64 bytes at a time, until a read
+// moves nothing.
+extern "C" ZVXFER_EXTERN int32_t ClearRXBuffer(XferPort *port) {
+    if (port == nullptr) return PortInvalidParameter;
+    uint8_t scratch[kPurgeChunk];
+    for (;;) {
+        const int32_t r = port->Ops.ReadBuffer(port, scratch, kPurgeChunk);
+        if (r < 0 && r != PortBufferEmpty) return r;
+        if (port->Count == 0) return PortSuccess;
+    }
+}

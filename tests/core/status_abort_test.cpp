@@ -1,0 +1,210 @@
+// Status lines, the abort check and XferInit's defaults.
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+#include <string>
+
+#include "core/core.h"
+#include "fake_port.h"
+#include "locale/locale.h"
+#include "platform/heap.h"
+
+namespace zvxfer {
+namespace {
+
+using test::FakePort;
+using test::StatusLog;
+
+void StatusV(XferRecord *record, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    XferStatusV(record, 0, format, args);
+    va_end(args);
+}
+
+class CoreRecord : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        StatusLog::lines.clear();
+        record.Port = &fake.port;
+        record.StatusCallback = &StatusLog::Callback;
+        record.FileTime = -1;
+        record.File = XFER_INVALID_FILE;
+    }
+    void TearDown() override { XferCleanup(&record); }
+
+    static std::string Substitute() {
+        char first[256], second[256];
+        MessageTextCopy(28264, first, sizeof first);
+        MessageTextCopy(28263, second, sizeof second);
+        return std::string(first) + ". " + second;
+    }
+
+    test::SteppingClock clock{100}; // clean-ups settle in a few rounds
+    FakePort fake;
+    XferRecord record{};
+};
+
+TEST_F(CoreRecord, StatusLineShowsTheBareNameOrPlaceholder) {
+    XferStatus(&record, 0, "Sending block %ld", 7L);
+    record.FileName = const_cast<char *>("/tmp/dl/report.txt");
+    XferStatus(&record, 1, "%s", "done");
+    ASSERT_EQ(StatusLog::lines.size(), 2u);
+    EXPECT_EQ(StatusLog::lines[0], std::make_pair(0, std::string("<\?\?\?> : Sending block 7")));
+    EXPECT_EQ(StatusLog::lines[1], std::make_pair(1, std::string("report.txt : done")));
+
+    record.StatusCallback = nullptr; // no callback: nothing happens
+    XferStatus(&record, 0, "x");
+    EXPECT_EQ(StatusLog::lines.size(), 2u);
+}
+
+TEST_F(CoreRecord, LongNamesGetTheSubstituteMessage) {
+    std::string name(249, 'n');
+    record.FileName = name.data();
+    XferStatus(&record, 0, "abc %d", 5); // a format of six characters
+    name.push_back('n');                 // 250 characters
+    record.FileName = name.data();
+    XferStatus(&record, 0, "abc %d", 5);
+    ASSERT_EQ(StatusLog::lines.size(), 2u);
+    EXPECT_EQ(StatusLog::lines[0].second, std::string(249, 'n') + " : abc 5");
+    const std::string expected = std::string(250, 'n') + " : " + Substitute();
+    EXPECT_EQ(StatusLog::lines[1].second, expected.substr(0, 341));
+}
+
+TEST_F(CoreRecord, OverlongTextsAreCutNeverOverflowed) {
+    const std::string huge(1000, 'x');
+    XferStatus(&record, 0, "%s", huge.c_str());
+    ASSERT_EQ(StatusLog::lines.size(), 1u);
+    EXPECT_EQ(StatusLog::lines[0].second, "<\?\?\?> : " + std::string(255, 'x'));
+
+    // A bare name longer than the line block: the line is cut at 341.
+    std::string name(400, 'y');
+    record.FileName = name.data();
+    XferStatus(&record, 0, "x");
+    EXPECT_EQ(StatusLog::lines[1].second.size(), 341u);
+    // A format longer than the message buffer itself leaves no room for
+    // any name: the substitute message is shown.
+    record.FileName = nullptr;
+    const std::string longFormat(300, 'f');
+    StatusV(&record, longFormat.c_str());
+    ASSERT_EQ(StatusLog::lines.size(), 3u);
+    EXPECT_EQ(StatusLog::lines[2].second, "<\?\?\?> : " + Substitute());
+}
+
+TEST_F(CoreRecord, StatusLineStillArrivesWhenTheHeapFails) {
+    plat::SetAllocFailAfter(0);
+    XferStatus(&record, 1, "no heap %d", 1);
+    plat::SetAllocFailAfter(-1);
+    ASSERT_EQ(StatusLog::lines.size(), 1u);
+    EXPECT_EQ(StatusLog::lines[0].second, "<\?\?\?> : no heap 1");
+}
+
+int progressCalls = 0;
+int abortCalls = 0;
+int32_t abortAnswer = 0;
+int32_t CountProgress(XferRecord *) {
+    return ++progressCalls;
+}
+int32_t AbortWith(XferRecord *) {
+    ++abortCalls;
+    return abortAnswer;
+}
+
+TEST_F(CoreRecord, AbortCheckSkipsTheHookOnceFailed) {
+    progressCalls = abortCalls = 0;
+    abortAnswer = -605;
+    record.ProgressCallback = &CountProgress;
+    fake.hooks.AbortFunction = &AbortWith;
+
+    record.Result = -602;
+    EXPECT_EQ(XferCheckAbort(&record), 0);
+    record.Result = -605;
+    EXPECT_EQ(XferCheckAbort(&record), 1);
+    EXPECT_EQ(progressCalls, 2);
+    EXPECT_EQ(abortCalls, 0) << "a failed transfer never asks the host again";
+
+    record.Result = 0;
+    abortAnswer = 0;
+    EXPECT_EQ(XferCheckAbort(&record), 0);
+    EXPECT_EQ(abortCalls, 1);
+    EXPECT_TRUE(StatusLog::lines.empty());
+}
+
+TEST_F(CoreRecord, AbortByProtocol) {
+    fake.hooks.AbortFunction = &AbortWith;
+    struct Case {
+        int8_t protocol;
+        int32_t answer;
+        bool notice, cleanedUp;
+    } cases[] = {
+        {Ascii, -605, true, true},
+        {Ymodem, 3, true, true}, // a positive verdict ends the transfer too
+        {Kermit, -605, true, false},
+        {CompuServeBPlus, -605, false, false},
+    };
+    for (const Case &c : cases) {
+        record = XferRecord{};
+        record.Port = &fake.port;
+        record.StatusCallback = &StatusLog::Callback;
+        record.File = XFER_INVALID_FILE;
+        record.FileTime = -1;
+        record.Protocol = c.protocol;
+        StatusLog::lines.clear();
+        abortAnswer = 0;
+        ASSERT_EQ(XferInit(&record), 1);
+        abortAnswer = c.answer;
+        EXPECT_EQ(XferCheckAbort(&record), 1);
+        EXPECT_EQ(record.Result, c.answer);
+        EXPECT_EQ(StatusLog::Count(1), c.notice ? 1 : 0) << int(c.protocol);
+        EXPECT_EQ(record.Buffer == nullptr, c.cleanedUp) << int(c.protocol);
+        abortAnswer = 0;
+        XferCleanup(&record);
+    }
+}
+
+TEST_F(CoreRecord, InitSetsDefaultsPerProtocol) {
+    fake.port.Status = -9;
+    record.Protocol = CompuServeBPlus;
+    ASSERT_EQ(XferInit(&record), 1);
+    EXPECT_EQ(fake.port.Status, 0);
+    EXPECT_EQ(record.BlockSize, 1031);
+    EXPECT_EQ(record.RxSeq, 0);
+    EXPECT_EQ(record.FilePos, 0);
+    EXPECT_EQ(record.ProtocolHook, 1);
+    EXPECT_EQ(record.ProtocolBytes.Bytes[3], 1);
+    EXPECT_EQ(record.ProtocolBytes.Bytes[4], 1);
+    EXPECT_EQ(record.BlockNumber, 1);
+    XferCleanup(&record);
+
+    record.Protocol = Zmodem;
+    ASSERT_EQ(XferInit(&record), 1);
+    EXPECT_EQ(record.ProtocolParam, -1);
+    EXPECT_EQ(record.ProtocolHook, -1);
+    EXPECT_EQ(record.BlockSize, -1);
+    EXPECT_EQ(record.RxSeq, -1);
+    EXPECT_EQ(record.FilePos, -1);
+    EXPECT_EQ(record.File, XFER_INVALID_FILE);
+    EXPECT_NE(record.Buffer, nullptr);
+}
+
+TEST_F(CoreRecord, InitWithoutBufferFailsWithMinus601) {
+    record.Protocol = Ascii;
+    plat::SetAllocFailAfter(0);
+    const int ok = XferInit(&record);
+    plat::SetAllocFailAfter(-1);
+    EXPECT_EQ(ok, 0);
+    EXPECT_EQ(record.Result, -601);
+    EXPECT_TRUE(StatusLog::Has("Failed to allocate XFER buffer(s)"));
+}
+
+TEST_F(CoreRecord, InitStopsWhenTheHostAbortsAtOnce) {
+    abortAnswer = -605;
+    fake.hooks.AbortFunction = &AbortWith;
+    record.Protocol = Ascii;
+    EXPECT_EQ(XferInit(&record), 0);
+    EXPECT_EQ(record.Result, -605);
+    EXPECT_EQ(record.Buffer, nullptr) << "the abort ran the clean-up";
+}
+
+} // namespace
+} // namespace zvxfer

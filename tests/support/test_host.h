@@ -1,0 +1,101 @@
+// A scripted in-process host for tests of the port and of the engines: a
+// window (owned by the thread that constructs the TestHost) that answers
+// XferPortMessage like a terminal program would, from a script.
+//
+//   TestHost host;                        // window on this thread
+//   host.Receive("\x06");                 // bytes "from the line"
+//   host.SetChunkSize(16);                // hand over at most 16 per PORT_READ
+//   XferPort *port = PortOpen(0, host.Window(), "/tmp/", 0);
+//   ... run the code under test ...
+//   EXPECT_EQ(host.WrittenString(), "C");  // everything the port wrote
+//
+// Faults on request: accept only part of each write (or nothing, which the
+// port reports as -9), set the Error flag on reads or writes (a lost
+// connection), run a callback on every request (to feed bytes as a peer
+// would, advance a fake clock, or post messages).  Every message the window
+// gets is counted; messages other than the port message are recorded.
+//
+// The setters and getters may be called from any thread; the window's
+// procedure runs on the owner thread (directly, or inside that thread's
+// message waits when the port lives on another thread).
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "zvxfer.h"
+
+namespace zvxfer::test {
+
+class TestHost {
+  public:
+    // Called on the owner thread for every PORT_READ / PORT_WRITE before the
+    // host answers it; wParam tells which.  May call the host's setters.
+    using RequestHook = std::function<void(TestHost &host, uintptr_t request)>;
+
+    TestHost();
+    ~TestHost();
+    TestHost(const TestHost &) = delete;
+    TestHost &operator=(const TestHost &) = delete;
+
+    ZvHwnd Window() const { return window_; }
+
+    // --- receive side ---
+    // Append bytes that PORT_READ will hand over.
+    void Receive(std::span<const uint8_t> bytes);
+    void Receive(std::string_view text);
+    // Largest number of bytes handed over per PORT_READ (0: all there are).
+    void SetChunkSize(std::size_t bytes);
+    // Bytes received but not yet handed over.
+    std::size_t Unread() const;
+
+    // --- transmit side ---
+    // Accept at most `bytes` of each PORT_WRITE (SIZE_MAX: all; 0: none).
+    void SetWriteLimit(std::size_t bytes);
+    // Accept nothing for the next `count` writes, then go back to the limit.
+    void RefuseWrites(int count);
+    std::vector<uint8_t> Written() const;
+    std::string WrittenString() const;
+    void ClearWritten();
+
+    // --- faults ---
+    void SetReadError(bool lost);
+    void SetWriteError(bool lost);
+    void OnRequest(RequestHook hook);
+
+    // --- counters ---
+    int ReadRequests() const;
+    int WriteRequests() const;
+    int Messages() const; // every message the procedure saw
+    // Messages other than XferPortMessage, in arrival order.
+    std::vector<uint32_t> OtherMessages() const;
+
+  private:
+    static intptr_t Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam);
+    void AnswerRead(PortBlock &block);
+    void AnswerWrite(PortBlock &block);
+
+    ZvHwnd window_ = nullptr;
+    mutable std::mutex mutex_;
+    std::vector<uint8_t> incoming_;
+    std::size_t handedOver_ = 0; // bytes of incoming_ already handed over
+    std::vector<uint8_t> chunk_; // the block the port is reading from
+    std::size_t chunkSize_ = 0;
+    std::size_t writeLimit_ = SIZE_MAX;
+    int refuseWrites_ = 0;
+    std::vector<uint8_t> written_;
+    bool readError_ = false;
+    bool writeError_ = false;
+    RequestHook hook_;
+    int reads_ = 0;
+    int writes_ = 0;
+    int messages_ = 0;
+    std::vector<uint32_t> others_;
+};
+
+} // namespace zvxfer::test
