@@ -8,7 +8,9 @@
 namespace zvxfer {
 namespace {
 
-const uint8_t *Bytes(const char *text) { return reinterpret_cast<const uint8_t *>(text); }
+const uint8_t *Bytes(const char *text) {
+    return reinterpret_cast<const uint8_t *>(text);
+}
 
 TEST(Crc16, KnownVectorsAndIncrementalUse) {
     EXPECT_EQ(Crc16Block(9, 0, Bytes("123456789")), 0x31C3);
