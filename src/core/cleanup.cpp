@@ -1,4 +1,6 @@
 // XferCleanup: the end of every transfer, successful or not.
+#include <atomic>
+
 #include "core/core.h"
 #include "platform/heap.h"
 #include "port/port.h"
@@ -61,9 +63,10 @@ void ReleaseHeld(XferRecord *record) {
         record->ProtocolParam = 0;
     }
     if (record->ReleaseHookBuffer != 0) {
-        if (ThreadHooks *hooks = ThreadHooksFind(); hooks && hooks->WorkBuffer) {
-            plat::HeapFreeBlock(hooks->WorkBuffer);
-            hooks->WorkBuffer = nullptr;
+        // Transfers on other threads share the record: take the buffer out
+        // atomically so that only one of them releases it.
+        if (ThreadHooks *hooks = ThreadHooksFind()) {
+            plat::HeapFreeBlock(std::atomic_ref<void *>(hooks->WorkBuffer).exchange(nullptr));
         }
     }
 }

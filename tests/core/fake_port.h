@@ -49,16 +49,12 @@ struct FakePort {
         port.Ops.ReadChar = &ReadChar;
         port.Ops.PeekChar = &PeekChar;
         port.Ops.WriteChar = &WriteChar;
-        port.Ops.TxFree = [](XferPort *) -> int32_t { return XFER_TX_BUFFER_SIZE; };
-        port.Ops.TxCount = [](XferPort *) -> int32_t { return 0; };
-        port.Ops.RxFree = [](XferPort *) -> int32_t { return XFER_TX_BUFFER_SIZE; };
         port.Ops.RxCount = &RxCount;
         port.Ops.PurgeTx = [](XferPort *p) -> int32_t {
             Of(p).events.push_back("purge");
             return 0;
         };
         port.Ops.WriteBuffer = &WriteBuffer;
-        port.Ops.ClearError = [](XferPort *p) { p->Status = 0; };
         port.Hooks = &hooks;
         port.PortUserData = reinterpret_cast<uintptr_t>(this);
         hooks.IdleFunction = [](XferPort *) -> int32_t { return 0; };
