@@ -4,7 +4,6 @@
 #include "core/core.h"
 #include "platform/file.h"
 #include "port/port.h"
-#include "xmodem/notice.h"
 #include "xmodem/xmodem.h"
 
 namespace zvxfer {
@@ -49,7 +48,7 @@ int XmWaitStart(XferRecord *r) {
             const intptr_t previous = NoteControl(r, c);
             if (c == xm::NAK) {
                 if (XmCrcMode(r)) {
-                    XmNotice(r, 28294);
+                    XferStatusMessage(r, 1, 28294);
                     XmSetCrcMode(r, false);
                 }
                 return 1;
@@ -58,7 +57,7 @@ int XmWaitStart(XferRecord *r) {
             if (c == xm::StartStreaming && XmStreaming(r)) return 1;
             if (c == xm::CAN && previous == xm::CAN) {
                 r->Result = XferErrRemoteAbort;
-                XmNotice(r, 28293);
+                XferStatusMessage(r, 1, 28293);
                 return 0;
             }
             if (c != xm::CAN && c != xm::StartCrc && c != xm::StartStreaming && !XmDiscard(r))
@@ -132,7 +131,7 @@ void XmSendFile(XferRecord *r) {
         if (r->BlockSize == 0) {
             XferStatus(r, 0, "File transmission complete");
             sent = XmSendEot(r);
-            XmNotice(r, 28259);
+            XferStatusMessage(r, 1, 28259);
         } else {
             sent = XmSendBlock(r);
         }
@@ -147,7 +146,7 @@ void XmSendFile(XferRecord *r) {
         if (r->Result != 0) break;
         r->ErrorTotal++;
         if (++r->ErrorRun >= xm::kMaxErrors) {
-            XmNotice(r, 28289);
+            XferStatusMessage(r, 1, 28289);
             r->Result = XferErrTooManyErrors;
             break;
         }
@@ -181,7 +180,7 @@ void XmReceiveFile(XferRecord *r) {
             XmSendAck(r);
             if (!r->SkipFile) {
                 XferStatus(r, 0, "End of file, cleaning up");
-                XmNotice(r, 28258);
+                XferStatusMessage(r, 1, 28258);
             }
             break;
         } else {

@@ -3,7 +3,6 @@
 // data and acknowledging it are the caller's.
 #include "core/core.h"
 #include "port/port.h"
-#include "xmodem/notice.h"
 #include "xmodem/xmodem.h"
 
 namespace zvxfer {
@@ -57,7 +56,7 @@ Pass ReadBody(XferRecord *r) {
     const int32_t complement = ReadCharTimed(port, xm::kSliceMs);
     if (number < 0 || complement < 0 || number != (~complement & 0xFF)) {
         const Pass pass = Reject(r);
-        if (pass == Pass::Retry) XmNotice(r, 28288, number, complement);
+        if (pass == Pass::Retry) XferStatusMessage(r, 1, 28288, number, complement);
         return pass;
     }
     r->RxSeq = number;
@@ -92,7 +91,7 @@ Pass Validate(XferRecord *r) {
     if (r->RxSeq != (r->BlockNumber & 0xFF)) {
         if (!XmSendNak(r)) return Pass::Fail;
         CountError(r);
-        XmNotice(r, 28285, static_cast<long>(r->BlockNumber));
+        XferStatusMessage(r, 1, 28285, static_cast<long>(r->BlockNumber));
         return Pass::Retry;
     }
     const bool crc = XmCrcMode(r);
@@ -101,7 +100,7 @@ Pass Validate(XferRecord *r) {
     if (expected != r->RxCheck) {
         if (!XmSendNak(r)) return Pass::Fail;
         CountError(r);
-        XmNotice(r, crc ? 28286 : 28287, static_cast<long>(r->BlockNumber));
+        XferStatusMessage(r, 1, crc ? 28286 : 28287, static_cast<long>(r->BlockNumber));
         return Pass::Retry;
     }
     return Pass::Accepted;

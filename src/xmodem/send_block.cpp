@@ -4,7 +4,6 @@
 
 #include "core/core.h"
 #include "platform/file.h"
-#include "xmodem/notice.h"
 #include "xmodem/xmodem.h"
 
 namespace zvxfer {
@@ -36,7 +35,7 @@ int XmSendBlock(XferRecord *r) {
         XferStatus(r, 0, "Sending YMODEM termination block");
 
     if (XferWriteChar(r, r->BlockSize == 128 ? xm::SOH : xm::STX) < 0) {
-        XmNotice(r, 28292);
+        XferStatusMessage(r, 1, 28292);
         r->Result = XferErrSendBlock;
         return 0;
     }
@@ -44,7 +43,7 @@ int XmSendBlock(XferRecord *r) {
     bool ok = XferWriteChar(r, number) >= 0;
     ok = XferWriteChar(r, static_cast<uint8_t>(~number)) >= 0 && ok;
     if (!ok) {
-        XmNotice(r, 28291);
+        XferStatusMessage(r, 1, 28291);
         r->Result = XferErrSendBlock;
         return 0;
     }
@@ -59,7 +58,7 @@ int XmSendBlock(XferRecord *r) {
         ok = XferWriteChar(r, XmChecksum({r->Buffer, length})) >= 0;
     }
     if (!ok) {
-        XmNotice(r, 28290);
+        XferStatusMessage(r, 1, 28290);
         r->Result = XferErrSendBlock;
         return 0;
     }
