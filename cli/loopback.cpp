@@ -98,8 +98,13 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
     config.b.receiveFolder = FolderText(folder);
     config.b.policy = XFER_EXISTING_OVERWRITE;
 
-    TransferSettings sender{.protocol = s.protocol, .sending = true, .files = s.files};
-    TransferSettings receiver{.protocol = s.protocol, .sending = false, .folder = folder};
+    TransferSettings sender;
+    sender.protocol = s.protocol;
+    sender.files = s.files;
+    TransferSettings receiver;
+    receiver.protocol = s.protocol;
+    receiver.sending = false;
+    receiver.folder = folder;
     if (!s.protocol.batch) receiver.files = {originals[0].filename().string()};
 
     const bool live = isatty(STDERR_FILENO) != 0;
