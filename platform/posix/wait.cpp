@@ -58,11 +58,6 @@ bool Wait(ThreadQueue &q, uint32_t timeoutMs, bool withWatched) {
 
 namespace zvxfer::plat {
 
-bool InputPending() {
-    const ThreadQueue *q = CurrentQueueIfAny();
-    return q != nullptr && q->pending.load(std::memory_order_relaxed) != 0;
-}
-
 bool PeekMessage(ZvMsg &msg, bool remove) {
     ThreadQueue *q = CurrentQueueIfAny();
     if (q == nullptr || q->pending.load(std::memory_order_acquire) == 0) return false;

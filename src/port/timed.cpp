@@ -7,6 +7,7 @@
 #include "platform/message.h"
 #include "platform/tick.h"
 #include "port/port.h"
+#include "port_internal.h"
 
 namespace zvxfer {
 
@@ -48,18 +49,16 @@ class LazyDeadline {
     uint32_t deadline_ = 0;
 };
 
-} // namespace
-
-int32_t CallIdle(XferPort *port) {
-    const XferIdleFn idle =
-        port != nullptr && port->Hooks != nullptr ? LoadHook(port->Hooks->IdleFunction) : nullptr;
-    return idle != nullptr ? idle(port) : DefaultIdle(port);
-}
-
-int32_t ReadCharTimed(XferPort *port, int32_t timeoutMs) {
+// The waiting part of ReadCharTimed, kept out of line so that the common
+// case below stays a short leaf-like function.
+[[gnu::noinline]] int32_t ReadCharTimedWait(XferPort *port, int32_t timeoutMs, bool own) {
     LazyDeadline deadline(timeoutMs);
     for (;;) {
-        if (port->Ops.RxCount(port) != 0) return port->Ops.ReadChar(port);
+        if (own) {
+            if (port_ops::RxCount(port) != 0) return port_ops::ReadCharInline(port);
+        } else if (port->Ops.RxCount(port) != 0) {
+            return port->Ops.ReadChar(port);
+        }
         const int32_t idle = CallIdle(port);
         if (idle < 0) {
             port->Status = idle;
@@ -70,6 +69,17 @@ int32_t ReadCharTimed(XferPort *port, int32_t timeoutMs) {
         // connection answers at once, so wait here instead of spinning.
         if (port->RxBlock.Error != 0) deadline.Pause();
     }
+}
+
+} // namespace
+
+// On a port made by PortOpen whose host block still holds bytes, the count
+// and the read are taken inline: the same steps, without the calls.
+int32_t ReadCharTimed(XferPort *port, int32_t timeoutMs) {
+    const bool own =
+        port->Ops.RxCount == port_ops::RxCount && port->Ops.ReadChar == port_ops::ReadChar;
+    if (own && port->RxBlock.Length != 0) return port_ops::ReadCharInline(port);
+    return ReadCharTimedWait(port, timeoutMs, own);
 }
 
 int32_t WriteCharTimed(XferPort *port, uint8_t byte, int32_t timeoutMs) {
