@@ -32,7 +32,8 @@ class LazyDeadline {
         return plat::TickReached(now, deadline_);
     }
 
-    // Sleep until input arrives, for at most the time left (and 5 ms).
+    // Sleep until new input arrives, for at most the time left (and 5 ms);
+    // messages the idle hook left queued do not cut the sleep short.
     void Pause() const {
         uint32_t wait = kRoundMs;
         if (timeoutMs_ != -1) {
@@ -40,7 +41,7 @@ class LazyDeadline {
             if (left <= 0) return;
             wait = std::min<uint32_t>(wait, static_cast<uint32_t>(left));
         }
-        plat::WaitForInput(wait);
+        plat::WaitForNewInput(wait);
     }
 
   private:
@@ -112,7 +113,7 @@ int32_t IdleWait(XferPort *port, int32_t milliseconds) {
         if (idle < 0) return idle;
         now = plat::GetTickCount();
         if (plat::TickReached(now, deadline)) break;
-        plat::WaitForInput(std::min<uint32_t>(kRoundMs, deadline - now));
+        plat::WaitForNewInput(std::min<uint32_t>(kRoundMs, deadline - now));
         now = plat::GetTickCount();
     }
     return 0;
