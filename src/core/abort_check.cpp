@@ -1,5 +1,6 @@
 // XferCheckAbort: the progress callback, then the host's abort hook.
 #include "core/core.h"
+#include "port/port.h"
 
 namespace zvxfer {
 
@@ -14,8 +15,10 @@ int XferCheckAbort(XferRecord *record) {
     if (record->Result < 0) return 0;
 
     ThreadHooks *hooks = record->Port != nullptr ? record->Port->Hooks : nullptr;
-    if (hooks == nullptr || hooks->AbortFunction == nullptr) return 0;
-    const int32_t verdict = hooks->AbortFunction(record);
+    // A setter on another thread may replace the hook at any moment.
+    const XferAbortFn abortFn = hooks != nullptr ? LoadHook(hooks->AbortFunction) : nullptr;
+    if (abortFn == nullptr) return 0;
+    const int32_t verdict = abortFn(record);
     if (verdict == 0) return 0;
 
     record->Result = verdict;

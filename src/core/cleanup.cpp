@@ -1,4 +1,6 @@
 // XferCleanup: the end of every transfer, successful or not.
+#include <atomic>
+
 #include "core/core.h"
 #include "platform/heap.h"
 #include "port/port.h"
@@ -17,8 +19,12 @@ struct DepthGuard {
     ~DepthGuard() { --cleanupDepth; }
 };
 
+// The transfer has already failed: if the cancel string cannot go out
+// either, the result keeps saying why the transfer failed.
 void SendCancelString(XferRecord *record) {
+    const int32_t cause = record->Result;
     XferWriteBuffer(record, XferCancelString, sizeof XferCancelString);
+    record->Result = cause;
 }
 
 // Tell the remote side, let the line settle, and throw away what arrives.
@@ -61,9 +67,10 @@ void ReleaseHeld(XferRecord *record) {
         record->ProtocolParam = 0;
     }
     if (record->ReleaseHookBuffer != 0) {
-        if (ThreadHooks *hooks = ThreadHooksFind(); hooks && hooks->WorkBuffer) {
-            plat::HeapFreeBlock(hooks->WorkBuffer);
-            hooks->WorkBuffer = nullptr;
+        // Transfers on other threads share the record: take the buffer out
+        // atomically so that only one of them releases it.
+        if (ThreadHooks *hooks = ThreadHooksFind()) {
+            plat::HeapFreeBlock(std::atomic_ref<void *>(hooks->WorkBuffer).exchange(nullptr));
         }
     }
 }

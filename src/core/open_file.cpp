@@ -15,8 +15,8 @@ constexpr int32_t kMsgSkip = 28284;
 
 XferFile OpenThroughHook(XferRecord *record, const char *mode) {
     ThreadHooks *hooks = record->Port != nullptr ? record->Port->Hooks : nullptr;
-    XferFileOpenFn open =
-        hooks != nullptr && hooks->FileOpenFunction ? hooks->FileOpenFunction : DefaultFileOpen;
+    XferFileOpenFn open = hooks != nullptr ? LoadHook(hooks->FileOpenFunction) : nullptr;
+    if (open == nullptr) open = DefaultFileOpen;
     return open(record, record->FileName, mode);
 }
 

@@ -69,8 +69,9 @@ const char *XferErrorName(int32_t code) {
 }
 
 const char *PortErrorName(int32_t code) {
-    if (ThreadHooks *hooks = ThreadHooksFind(); hooks && hooks->UserErrorNameFunction) {
-        if (const char *text = hooks->UserErrorNameFunction(code)) return text;
+    ThreadHooks *hooks = ThreadHooksFind();
+    if (XferErrorNameFn hook = hooks ? LoadHook(hooks->UserErrorNameFunction) : nullptr) {
+        if (const char *text = hook(code)) return text;
     }
     if (const char *text = PortLayerText(code)) return text;
     if (const char *text = TransferText(code)) return text;

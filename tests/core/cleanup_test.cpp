@@ -38,7 +38,7 @@ class Cleanup : public ::testing::Test {
         for (char c : bytes) fake.rx.push_back(static_cast<uint8_t>(c));
     }
 
-    test::SteppingClock clock{5};
+    test::SteppingClock clock{50}; // the one-second settle takes few rounds
     FakePort fake;
     XferRecord record = test::BlankRecord(&fake.port);
 };

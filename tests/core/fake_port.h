@@ -10,26 +10,25 @@
 #include <utility>
 #include <vector>
 
-#include "platform/tick.h"
+#include "fake_clock.h"
 #include "zvxfer.h"
 
 namespace zvxfer::test {
 
+// The shared fake clock, stepping on every tick read and starting just
+// before the 32-bit wrap so that deadlines cross it.
 class SteppingClock {
   public:
-    explicit SteppingClock(uint32_t stepMs = 1, uint32_t start = 0xFFFF0000u) {
-        now_ = start; // close to the wrap, so deadlines cross it
-        step_ = stepMs;
-        plat::SetTickSource(&Tick);
+    explicit SteppingClock(uint32_t stepMs = 1) : clock_(0xFFFF0000u) {
+        clock_.SetStepPerRead(stepMs);
+        current_ = this;
     }
-    ~SteppingClock() { plat::SetTickSource(nullptr); }
-    static uint32_t Now() { return now_; }
-    static void SetStep(uint32_t step) { step_ = step; }
+    ~SteppingClock() { current_ = nullptr; }
+    static uint32_t Now() { return current_->clock_.Now(); }
 
   private:
-    static uint32_t Tick() { return now_ += step_; }
-    static inline uint32_t now_ = 0;
-    static inline uint32_t step_ = 1;
+    FakeClock clock_;
+    static inline SteppingClock *current_ = nullptr;
 };
 
 struct FakePort {
@@ -50,16 +49,12 @@ struct FakePort {
         port.Ops.ReadChar = &ReadChar;
         port.Ops.PeekChar = &PeekChar;
         port.Ops.WriteChar = &WriteChar;
-        port.Ops.TxFree = [](XferPort *) -> int32_t { return XFER_TX_BUFFER_SIZE; };
-        port.Ops.TxCount = [](XferPort *) -> int32_t { return 0; };
-        port.Ops.RxFree = [](XferPort *) -> int32_t { return XFER_TX_BUFFER_SIZE; };
         port.Ops.RxCount = &RxCount;
         port.Ops.PurgeTx = [](XferPort *p) -> int32_t {
             Of(p).events.push_back("purge");
             return 0;
         };
         port.Ops.WriteBuffer = &WriteBuffer;
-        port.Ops.ClearError = [](XferPort *p) { p->Status = 0; };
         port.Hooks = &hooks;
         port.PortUserData = reinterpret_cast<uintptr_t>(this);
         hooks.IdleFunction = [](XferPort *) -> int32_t { return 0; };

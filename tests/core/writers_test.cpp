@@ -82,37 +82,6 @@ TEST_F(PatientWrite, HandshakeBlockIsRetriedLikeAFullPort) {
     EXPECT_EQ(fake.written, std::vector<uint8_t>{'Z'});
 }
 
-TEST_F(PatientWrite, PartialTakesAreContinued) {
-    fake.writeRule = [](uint32_t length, uint32_t &taken) {
-        taken = length < 100 ? length : 100;
-        return taken == length ? 0 : -9;
-    };
-    std::vector<uint8_t> data(300);
-    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
-    EXPECT_EQ(XferWriteBuffer(&record, data.data(), 300), 0);
-    EXPECT_EQ(fake.writeCalls, 3);
-    EXPECT_EQ(fake.written, data);
-    EXPECT_EQ(fake.port.Count, 300u) << "the running total is left in Count";
-    EXPECT_EQ(record.Result, 0);
-}
-
-TEST_F(PatientWrite, OtherPortErrorsFailAtOnce) {
-    fake.writeRule = [](uint32_t, uint32_t &taken) {
-        taken = 0;
-        return -1;
-    };
-    const uint8_t byte = 0x42;
-    EXPECT_EQ(XferWriteBuffer(&record, &byte, 1), -1);
-    EXPECT_EQ(record.Result, -612);
-    EXPECT_EQ(fake.writeCalls, 1);
-    EXPECT_TRUE(StatusLog::Has("Error -1 sending buffer"));
-    EXPECT_EQ(StatusLog::Count(0), 1);
-
-    record.Result = 0;
-    EXPECT_EQ(XferWriteChar(&record, byte), -1);
-    EXPECT_EQ(record.Result, -615);
-}
-
 int32_t StopIdle(XferPort *) {
     return -77;
 }

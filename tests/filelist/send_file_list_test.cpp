@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -167,6 +168,16 @@ TEST_F(SendList, OverlongNamesMatchNothing) {
                   Quoted("ok.txt")),
               std::vector<std::string>{"ok.txt"});
     EXPECT_EQ(lines.size(), 2u);
+}
+
+TEST_F(SendList, NameWithoutFolderSearchesTheCurrentFolder) {
+    tree.File("here1.txt");
+    tree.File("sub/here2.txt");
+    const std::filesystem::path previous = std::filesystem::current_path();
+    std::filesystem::current_path(tree.Folder());
+    const auto files = Run("\"here*.txt\"", true);
+    std::filesystem::current_path(previous);
+    EXPECT_EQ(files, (std::vector<std::string>{"here1.txt", "sub/here2.txt"}));
 }
 
 TEST_F(SendList, OutOfMemory) {

@@ -1,0 +1,73 @@
+// LineHost: a reusable host for one line carried by file descriptors (a tty,
+// a socket, a pipe pair, a pty).  It owns a host window that answers the
+// port message: PORT_READ hands over the bytes it has read from the line,
+// PORT_WRITE writes without blocking.  A lost line shows in the Error flag.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "zvxfer.h"
+
+namespace zvxfer::host {
+
+struct LineHostOptions {
+    std::size_t receiveBuffer = 64 * 1024; // bytes read from the fd at most per PORT_READ
+    bool closeOnDestroy = false;           // close the fds when the host goes
+};
+
+// Create the LineHost on the thread that will run the transfers: the window
+// belongs to that thread (so the port message is a direct call) and the
+// read fd is registered with that thread's waits.  The fds are set
+// non-blocking for the host's lifetime; their original flags come back in
+// the destructor.  readFd and writeFd may be the same descriptor.
+class LineHost {
+  public:
+    LineHost(int readFd, int writeFd, LineHostOptions options = {});
+    explicit LineHost(int fd, LineHostOptions options = {}) : LineHost(fd, fd, options) {}
+    ~LineHost();
+    LineHost(const LineHost &) = delete;
+    LineHost &operator=(const LineHost &) = delete;
+
+    // False when the window could not be created or the fd not watched.
+    bool Ok() const { return window_ != nullptr; }
+    ZvHwnd Window() const { return window_; }
+
+    // A port on this host's window (close it with port->Ops.PortClose).
+    XferPort *OpenPort(const char *receiveFolder = "", int32_t policy = XFER_EXISTING_OVERWRITE);
+
+    // True once a read or write found the line gone (EOF, hang-up, EPIPE, EIO).
+    bool Lost() const { return lost_; }
+    uint64_t BytesIn() const { return bytesIn_; }
+    uint64_t BytesOut() const { return bytesOut_; }
+
+  private:
+    static intptr_t Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam);
+    void AnswerRead(PortBlock &block);
+    void AnswerWrite(PortBlock &block);
+    void FillBuffer();
+    void WatchWrite(bool on);
+
+    int readFd_;
+    int writeFd_;
+    int readFlags_ = -1;
+    int writeFlags_ = -1;
+    bool writeIsSocket_ = false;
+    bool readIsTty_ = false;
+    bool watchingWrite_ = false;
+    bool lost_ = false;
+    LineHostOptions options_;
+    ZvHwnd window_ = nullptr;
+    std::vector<uint8_t> buffer_;
+    std::size_t filled_ = 0; // bytes of buffer_ read from the fd and handed over
+    uint64_t bytesIn_ = 0;
+    uint64_t bytesOut_ = 0;
+};
+
+// Write to a descriptor without ever raising SIGPIPE in the process: a
+// socket gets MSG_NOSIGNAL, anything else is written with SIGPIPE blocked
+// in the calling thread and a SIGPIPE the write caused is taken back.
+// Returns what write(2) returns, with errno set the same way.
+long WriteNoSignal(int fd, const void *data, std::size_t length, bool isSocket);
+
+} // namespace zvxfer::host

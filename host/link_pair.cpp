@@ -1,0 +1,179 @@
+// The in-process link pair: one host window and port per end, each on its
+// own thread, joined by two SimLines.  Eventfds wake an end's waits when
+// bytes arrive for it or when a full line has room again.
+#include "link_pair.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <sys/eventfd.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace zvxfer::host {
+
+namespace {
+
+void Signal(int fd) {
+    const uint64_t one = 1;
+    [[maybe_unused]] const auto n = write(fd, &one, sizeof one);
+}
+
+void Drain(int fd) {
+    uint64_t value;
+    [[maybe_unused]] const auto n = read(fd, &value, sizeof value);
+}
+
+} // namespace
+
+// One end of the link: lives on its thread, answers the port message from
+// the two lines.  Bytes handed over stay in rx_ until the next PORT_READ.
+class LinkEnd {
+  public:
+    LinkEnd(LinkPair &pair, int index)
+        : pair_(pair), index_(index), out_(*pair.lines_[index]), in_(*pair.lines_[1 - index]),
+          rx_(64 * 1024) {
+        window_ = ZvCreateWindow(&LinkEnd::Procedure, this);
+        ZvWatchFd(pair_.dataEvent_[1 - index_], ZV_FD_READ);
+        std::lock_guard lock(pair_.windowsMutex_);
+        pair_.windows_[index_] = window_;
+    }
+    ~LinkEnd() {
+        {
+            std::lock_guard lock(pair_.windowsMutex_);
+            pair_.windows_[index_] = nullptr;
+        }
+        ZvUnwatchFd(pair_.dataEvent_[1 - index_]);
+        ZvUnwatchFd(pair_.spaceEvent_[index_]);
+        if (window_ != nullptr) ZvDestroyWindow(window_);
+    }
+    ZvHwnd Window() const { return window_; }
+
+  private:
+    static intptr_t Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam) {
+        auto *self = static_cast<LinkEnd *>(ZvGetWindowUserData(window));
+        if (message != XferPortMessage || lParam == 0) return 0;
+        auto &block = *reinterpret_cast<PortBlock *>(lParam);
+        if (wParam == PORT_READ) self->AnswerRead(block);
+        if (wParam == PORT_WRITE) self->AnswerWrite(block);
+        return 0;
+    }
+
+    void AnswerRead(PortBlock &block) {
+        Drain(pair_.dataEvent_[1 - index_]);
+        const std::size_t n = in_.Take(rx_);
+        block.Data = rx_.data();
+        block.Length = static_cast<uint32_t>(n);
+        block.Error = (n == 0 && in_.ClosedAndDrained()) ? 1 : 0;
+        const int from = 1 - index_; // the sender of what we just took
+        if (n != 0 && pair_.senderWaiting_[from].load()) Signal(pair_.spaceEvent_[from]);
+    }
+
+    void AnswerWrite(PortBlock &block) {
+        // The peer's side has hung up: like a pipe whose reader is gone.
+        block.Error = in_.Closed() ? 1 : 0;
+        if (block.Error != 0) return;
+        const std::size_t n = out_.Offer({block.Data, block.Length});
+        if (n != 0) Signal(pair_.dataEvent_[index_]);
+        const bool full = n < block.Length;
+        block.Length = static_cast<uint32_t>(n);
+        if (full == waiting_) return;
+        // While the line is full, wake when the receiver makes room.
+        waiting_ = full;
+        pair_.senderWaiting_[index_].store(full);
+        if (full) {
+            ZvWatchFd(pair_.spaceEvent_[index_], ZV_FD_READ);
+        } else {
+            ZvUnwatchFd(pair_.spaceEvent_[index_]);
+            Drain(pair_.spaceEvent_[index_]);
+        }
+    }
+
+    LinkPair &pair_;
+    int index_;
+    SimLine &out_;
+    SimLine &in_;
+    std::vector<uint8_t> rx_;
+    ZvHwnd window_ = nullptr;
+    bool waiting_ = false;
+};
+
+LinkPair::LinkPair(LinkConfig config) : config_(std::move(config)) {
+    lines_[AtoB] = std::make_unique<SimLine>(config_.aToB, config_.seed, config_.clock);
+    lines_[BtoA] = std::make_unique<SimLine>(config_.bToA, config_.seed ^ 0x9E3779B97F4A7C15ull,
+                                             config_.clock);
+    for (int d = 0; d < 2; ++d) {
+        dataEvent_[d] = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        spaceEvent_[d] = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    }
+}
+
+LinkPair::~LinkPair() {
+    for (int d = 0; d < 2; ++d) {
+        if (dataEvent_[d] >= 0) close(dataEvent_[d]);
+        if (spaceEvent_[d] >= 0) close(spaceEvent_[d]);
+    }
+}
+
+int32_t LinkPair::RunEnd(int index, const EndFunction &function) {
+    const LinkEndConfig &cfg = index == 0 ? config_.a : config_.b;
+    int32_t result = PortGeneralError;
+    {
+        LinkEnd end(*this, index);
+        XferPort *port = end.Window() == nullptr
+                             ? nullptr
+                             : PortOpen(0, end.Window(), cfg.receiveFolder.c_str(), cfg.policy);
+        if (port != nullptr) {
+            result = function(port);
+            port->Ops.PortClose(port);
+        }
+    }
+    if (config_.hangUpOnExit) {
+        lines_[index]->Close();
+        Signal(dataEvent_[index]);
+    }
+    return result;
+}
+
+void LinkPair::Cancel() {
+    std::lock_guard lock(windowsMutex_);
+    for (ZvHwnd w : windows_) {
+        if (w != nullptr) ZvPostMessage(w, ZV_WM_CLOSE, 0, 0);
+    }
+}
+
+LinkResult LinkPair::Run(EndFunction a, EndFunction b) {
+    LinkResult result;
+    std::mutex doneMutex;
+    std::condition_variable doneChanged;
+    int done = 0;
+    auto runOne = [&](int index, const EndFunction &f, int32_t &out) {
+        out = RunEnd(index, f);
+        std::lock_guard lock(doneMutex);
+        ++done;
+        doneChanged.notify_all();
+    };
+    std::thread endA(runOne, 0, std::cref(a), std::ref(result.a));
+    std::thread endB(runOne, 1, std::cref(b), std::ref(result.b));
+    if (config_.deadlineMs != 0) {
+        std::unique_lock lock(doneMutex);
+        const auto until =
+            std::chrono::steady_clock::now() + std::chrono::milliseconds(config_.deadlineMs);
+        if (!doneChanged.wait_until(lock, until, [&] { return done == 2; })) {
+            result.timedOut = true;
+            // Keep asking: a close request can be taken by a pump that is
+            // not the one the engine is waiting in.
+            while (!doneChanged.wait_for(lock, std::chrono::milliseconds(20),
+                                         [&] { return done == 2; })) {
+                lock.unlock();
+                Cancel();
+                lock.lock();
+            }
+        }
+    }
+    endA.join();
+    endB.join();
+    return result;
+}
+
+} // namespace zvxfer::host
