@@ -19,8 +19,12 @@ struct DepthGuard {
     ~DepthGuard() { --cleanupDepth; }
 };
 
+// The transfer has already failed: if the cancel string cannot go out
+// either, the result keeps saying why the transfer failed.
 void SendCancelString(XferRecord *record) {
+    const int32_t cause = record->Result;
     XferWriteBuffer(record, XferCancelString, sizeof XferCancelString);
+    record->Result = cause;
 }
 
 // Tell the remote side, let the line settle, and throw away what arrives.

@@ -8,6 +8,7 @@
 #include "platform/heap.h"
 #include "platform/thread.h"
 #include "port/port.h"
+#include "port_internal.h"
 
 namespace zvxfer {
 
@@ -68,6 +69,12 @@ ThreadHooks *ThreadHooksAcquire() {
     ThreadHooks *hooks = FindLocked();
     if (hooks != nullptr) ++hooks->PortRefs;
     return hooks;
+}
+
+void ThreadHooksUndoAcquire(ThreadHooks *hooks) {
+    if (hooks == nullptr) return;
+    std::lock_guard lock(gTableMutex);
+    --hooks->PortRefs;
 }
 
 void ThreadHooksRelease(ThreadHooks *hooks) {

@@ -18,3 +18,11 @@ int32_t WriteChar(XferPort *port, uint8_t byte);
 void FillOperationTable(XferPortOps &ops);
 
 } // namespace zvxfer::port_ops
+
+namespace zvxfer {
+
+// Take back a reference PortOpen added when the open fails later on: the
+// record stays (with whatever hooks the host set), even at 0 references.
+void ThreadHooksUndoAcquire(ThreadHooks *hooks);
+
+} // namespace zvxfer

@@ -77,7 +77,7 @@ extern "C" ZVXFER_EXTERN XferPort *PortOpen(uintptr_t userData, ZvHwnd window,
         port->TxBuffer = static_cast<uint8_t *>(plat::GlobalAllocZero(XFER_TX_BUFFER_SIZE));
         if (port->TxBuffer != nullptr) return port;
     }
-    ThreadHooksRelease(port->Hooks);
+    ThreadHooksUndoAcquire(port->Hooks);
     plat::GlobalFreeBlock(port);
     return nullptr;
 }

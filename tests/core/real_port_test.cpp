@@ -73,5 +73,13 @@ TEST_F(RealPort, FailedXmodemCleanupCancelsAndDrains) {
     EXPECT_EQ(record.Result, -608);
 }
 
+TEST_F(RealPort, CleanupOnALostLineKeepsTheFailureThatEndedTheTransfer) {
+    host.SetWriteError(true);
+    record.Result = -606;
+    XferCleanup(&record);
+    EXPECT_EQ(record.Result, -606) << "the failed cancel string must not hide the cause";
+    EXPECT_TRUE(test::StatusLog::Has("Error -1 sending buffer"));
+}
+
 } // namespace
 } // namespace zvxfer

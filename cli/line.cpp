@@ -1,0 +1,43 @@
+// Opening the zvxfer program's line.  Terminal settings that are changed
+// are restored on every exit (host/tty keeps them).
+#include "line.h"
+
+#include <unistd.h>
+
+#include "tcp.h"
+#include "tty.h"
+
+namespace zvxfer::cli {
+
+OpenedLine::~OpenedLine() {
+    host.reset();
+    if (ownedFd >= 0) {
+        host::TtyRestore(ownedFd);
+        close(ownedFd);
+    }
+}
+
+std::unique_ptr<OpenedLine> OpenLine(const LineChoice &choice, std::string &error) {
+    auto line = std::make_unique<OpenedLine>();
+    int readFd = STDIN_FILENO, writeFd = STDOUT_FILENO;
+    if (!choice.device.empty()) {
+        line->ownedFd = host::TtyOpen(choice.device.c_str(), {choice.baud, choice.rtsCts}, &error);
+        if (line->ownedFd < 0) return nullptr;
+        readFd = writeFd = line->ownedFd;
+    } else if (!choice.tcp.empty()) {
+        line->ownedFd = host::TcpConnect(choice.tcp, &error);
+        if (line->ownedFd < 0) return nullptr;
+        readFd = writeFd = line->ownedFd;
+    } else if (isatty(STDIN_FILENO)) {
+        // Run from a terminal by hand: the protocol needs the raw bytes.
+        if (!host::TtyMakeRaw(STDIN_FILENO, {}, &error)) return nullptr;
+    }
+    line->host = std::make_unique<host::LineHost>(readFd, writeFd);
+    if (!line->host->Ok()) {
+        error = "cannot watch the line";
+        return nullptr;
+    }
+    return line;
+}
+
+} // namespace zvxfer::cli

@@ -1,0 +1,27 @@
+// `zvxfer loopback`: both ends in this process over a simulated line, then
+// every received file checked against its original.
+#pragma once
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "progress.h"
+#include "protocols.h"
+
+namespace zvxfer::cli {
+
+struct LoopbackSettings {
+    Protocol protocol{};
+    std::vector<std::string> files;
+    uint32_t baud = 0; // bits per second, 8N1 (0: as fast as the machine goes)
+    uint32_t latencyMs = 0;
+    double bitErrorRate = 0;
+    uint64_t seed = 1;
+    std::string folder; // where received files land (default: a fresh temporary folder)
+};
+
+void AddLoopbackOptions(CLI::App &cmd, LoopbackSettings &settings);
+int RunLoopback(const LoopbackSettings &settings, Verbosity verbosity);
+
+} // namespace zvxfer::cli

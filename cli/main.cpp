@@ -1,0 +1,178 @@
+// zvxfer: send and receive files over a terminal line with the zvxfer
+// library.  Standard output carries nothing but protocol bytes when it is
+// the line; everything for the user goes to standard error.
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <fmt/format.h>
+#include <map>
+#include <string>
+#include <unistd.h>
+
+#include "line.h"
+#include "loopback.h"
+#include "protocols.h"
+#include "transfer.h"
+#include "tty.h"
+
+namespace zvxfer::cli {
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+struct Common {
+    std::string protocol;
+    bool quiet = false;
+    bool verbose = false;
+};
+
+void OnInterrupt(int) { g_interrupted.store(true); }
+
+Verbosity VerbosityOf(const Common &c) {
+    if (c.quiet) return Verbosity::Quiet;
+    return c.verbose ? Verbosity::Verbose : Verbosity::Normal;
+}
+
+void AddCommon(CLI::App &cmd, Common &c) {
+    cmd.add_option("-p,--protocol", c.protocol, "protocol: " + ProtocolNames())
+        ->required()
+        ->check(CLI::IsMember([] {
+            std::vector<std::string> names;
+            for (const Protocol &p : Protocols()) names.emplace_back(p.name);
+            return names;
+        }()));
+    cmd.add_flag("-q,--quiet", c.quiet, "show nothing but errors");
+    cmd.add_flag("-v,--verbose", c.verbose, "also show the library's trace lines");
+}
+
+void AddLine(CLI::App &cmd, LineChoice &line) {
+    auto *device = cmd.add_option("--line", line.device, "serial device (default: stdin/stdout)");
+    cmd.add_option("--baud", line.baud, "speed of the serial device")->needs(device);
+    cmd.add_flag("--rtscts", line.rtsCts, "RTS/CTS flow control on the serial device")
+        ->needs(device);
+    cmd.add_option("--tcp", line.tcp, "connect to HOST:PORT")->excludes(device);
+}
+
+void AddTransferOptions(CLI::App &cmd, TransferSettings &s) {
+    cmd.add_flag("--checksum", s.checksum, "XMODEM arithmetic checksum instead of CRC-16");
+    cmd.add_flag("--full-path", s.fullPath, "names travel and are stored with their folders");
+    cmd.add_option("--timeout", s.timeoutMs, "sender's reply time-out in milliseconds")
+        ->check(CLI::Range(1, 3600000));
+}
+
+// The report after the transfer: a summary, or the result code and its text.
+int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
+    if (o.result == PortInvalidParameter) {
+        fmt::print(stderr, "zvxfer: an option given is not available for {} {}\n",
+                   s.protocol.name, s.sending ? "send" : "receive");
+        return kExitUsage;
+    }
+    if (o.result < 0) {
+        fmt::print(stderr, "zvxfer: transfer failed: {}\n", DescribeResult(o.result));
+        return kExitFailed;
+    }
+    if (o.result == 0) {
+        fmt::print(stderr, "zvxfer: no file was {}\n", s.sending ? "sent" : "received");
+        return kExitFailed;
+    }
+    if (verbosity != Verbosity::Quiet) {
+        const double rate = o.seconds > 0 ? static_cast<double>(o.bytes) / o.seconds : 0;
+        fmt::print(stderr, "zvxfer: {} file{} {}, {} in {:.1f} s ({}/s)\n", o.result,
+                   o.result == 1 ? "" : "s", s.sending ? "sent" : "received",
+                   FormatBytes(static_cast<double>(o.bytes)), o.seconds, FormatBytes(rate));
+    }
+    return kExitOk;
+}
+
+int RunOnLine(TransferSettings &s, const LineChoice &choice, Verbosity verbosity) {
+    std::string error;
+    auto line = OpenLine(choice, error);
+    if (!line) {
+        fmt::print(stderr, "zvxfer: cannot open the line: {}\n", error);
+        return kExitFailed;
+    }
+    const std::string folder = FolderText(s.folder);
+    XferPort *port = line->host->OpenPort(folder.c_str(), s.policy);
+    if (!port) {
+        fmt::print(stderr, "zvxfer: cannot open a port\n");
+        return kExitFailed;
+    }
+    Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0);
+    host::LineHost *lineHost = line->host.get();
+    const Outcome outcome =
+        RunTransfer(port, s, reporter, [lineHost] { return lineHost->Lost(); });
+    port->Ops.PortClose(port);
+    return Report(s, outcome, verbosity);
+}
+
+int Main(int argc, char **argv) {
+    CLI::App app{"zvxfer: send and receive files over a terminal line"};
+    app.require_subcommand(1);
+    const std::map<std::string, int32_t> policies{{"overwrite", XFER_EXISTING_OVERWRITE},
+                                                  {"rename", XFER_EXISTING_RENAME},
+                                                  {"skip", XFER_EXISTING_SKIP}};
+    Common common;
+    LineChoice line;
+    TransferSettings settings;
+    LoopbackSettings loop;
+
+    auto *send = app.add_subcommand("send", "send files over the line");
+    AddCommon(*send, common);
+    AddLine(*send, line);
+    AddTransferOptions(*send, settings);
+    send->add_option("FILE", settings.files, "files to send (wildcards allowed)")->required();
+
+    auto *receive = app.add_subcommand("receive", "receive files from the line");
+    AddCommon(*receive, common);
+    AddLine(*receive, line);
+    AddTransferOptions(*receive, settings);
+    receive->add_option("-d,--dir", settings.folder, "folder the files land in")
+        ->check(CLI::ExistingDirectory);
+    receive->add_option("--existing", settings.policy, "when a file exists: overwrite|rename|skip")
+        ->transform(CLI::CheckedTransformer(policies, CLI::ignore_case));
+    receive->add_option("FILE", settings.files, "file to write (XMODEM: required)")
+        ->expected(0, 1);
+
+    auto *loopback = app.add_subcommand(
+        "loopback", "send files to ourselves over a simulated line and verify them");
+    AddCommon(*loopback, common);
+    AddLoopbackOptions(*loopback, loop);
+    loopback->add_option("FILE", loop.files, "files to send")->required();
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        const int code = app.exit(e);
+        return code == 0 ? kExitOk : kExitUsage;
+    }
+
+    const Protocol protocol = *FindProtocol(common.protocol);
+    const Verbosity verbosity = VerbosityOf(common);
+    std::signal(SIGPIPE, SIG_IGN);
+    host::TtyRestoreOnExit();
+    std::signal(SIGINT, OnInterrupt); // Ctrl-C cancels the transfer properly
+    InstallHooks();
+
+    if (loopback->parsed()) {
+        loop.protocol = protocol;
+        return RunLoopback(loop, verbosity);
+    }
+    settings.protocol = protocol;
+    settings.sending = send->parsed();
+    if (settings.sending && QuotedNames(settings.files).empty()) {
+        fmt::print(stderr, "zvxfer: a file name cannot hold a double quote\n");
+        return kExitUsage;
+    }
+    if (!settings.sending && !protocol.batch && settings.files.empty()) {
+        fmt::print(stderr, "zvxfer: {} receive needs the FILE to write\n", protocol.name);
+        return kExitUsage;
+    }
+    return RunOnLine(settings, line, verbosity);
+}
+
+} // namespace
+} // namespace zvxfer::cli
+
+int main(int argc, char **argv) { return zvxfer::cli::Main(argc, argv); }

@@ -1,0 +1,53 @@
+// What the zvxfer program shows on standard error while a transfer runs: a
+// live bar (file, bytes, rate, time left) when stderr is a terminal, plain
+// lines otherwise, the library's notices, and its trace lines on request.
+#pragma once
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "zvxfer.h"
+
+namespace zvxfer::cli {
+
+enum class Verbosity { Quiet, Normal, Verbose };
+
+class Reporter {
+  public:
+    // `label` prefixes every line when two transfers share the screen.
+    Reporter(Verbosity verbosity, bool live, std::string label = {});
+    ~Reporter();
+
+    void Status(const XferRecord &record, int32_t level, const char *text);
+    void Progress(const XferRecord &record);
+    // End the current file's line; called once the transfer has returned.
+    void Finish();
+
+    uint64_t Bytes() const { return bytes_ + current_; }
+    double Seconds() const;
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    void StartFile(const XferRecord &record);
+    void Draw(bool force);
+    void ClearBar();
+    void Line(const std::string &text);
+
+    Verbosity verbosity_;
+    bool live_;
+    std::string label_;
+    std::string file_;     // name of the file in progress (empty: none yet)
+    int32_t size_ = 0;     // its announced size, 0 when unknown
+    uint64_t current_ = 0; // its bytes so far
+    uint64_t bytes_ = 0;   // bytes of the files before it
+    Clock::time_point begun_ = Clock::now();
+    Clock::time_point fileBegun_ = begun_;
+    Clock::time_point drawn_{};
+    bool barShown_ = false;
+};
+
+// Human-readable byte counts and durations ("1.5 MiB", "2:03").
+std::string FormatBytes(double bytes);
+std::string FormatDuration(double seconds);
+
+} // namespace zvxfer::cli

@@ -1,0 +1,55 @@
+// One transfer of the zvxfer program on a port: the option words from the
+// command line, the library's callbacks and hooks, and the outcome.
+#pragma once
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "progress.h"
+#include "protocols.h"
+#include "zvxfer.h"
+
+namespace zvxfer::cli {
+
+struct TransferSettings {
+    Protocol protocol;
+    bool sending = true;
+    std::vector<std::string> files; // send: names or wildcards; receive: the file to write
+    std::string folder = ".";       // receive: where files land
+    int32_t policy = XFER_EXISTING_RENAME;
+    bool checksum = false;
+    bool fullPath = false;
+    std::optional<int32_t> timeoutMs;
+};
+
+struct Outcome {
+    int32_t result = 0; // the entry's result: a file count or a negative code
+    uint64_t bytes = 0;
+    double seconds = 0;
+};
+
+// Set when the user pressed Ctrl-C: the next abort check ends the transfer.
+extern std::atomic<bool> g_interrupted;
+
+// The receive folder as the library wants it: ending in '/'.
+std::string FolderText(const std::string &folder);
+
+// The library's name list: every name in double quotes.  Empty when a name
+// itself holds a double quote (it cannot be expressed).
+std::string QuotedNames(const std::vector<std::string> &files);
+
+// Install the process's abort hook (Ctrl-C, lost line); once per process.
+void InstallHooks();
+
+// Run one transfer on the calling thread.  `lineLost` tells the abort hook
+// that the line is gone (the transfer then ends with -618).
+Outcome RunTransfer(XferPort *port, const TransferSettings &settings, Reporter &reporter,
+                    std::function<bool()> lineLost);
+
+// "-606 Remote end sent abort code"
+std::string DescribeResult(int32_t code);
+
+} // namespace zvxfer::cli

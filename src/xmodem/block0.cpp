@@ -1,0 +1,60 @@
+// YMODEM's file-information block: "name\0size octal-time 0" in 128 bytes.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "xmodem/xmodem.h"
+
+namespace zvxfer {
+
+uint32_t YmFormatBlock0(std::span<uint8_t, xm::kBlock0Size> out, const char *name, int32_t size,
+                        int32_t modTime) {
+    std::memset(out.data(), 0, out.size());
+    char facts[40];
+    const int factsLength =
+        std::snprintf(facts, sizeof facts, "%ld %lo 0", static_cast<long>(size),
+                      static_cast<unsigned long>(static_cast<uint32_t>(modTime)));
+    uint32_t used = 0;
+    auto put = [&](const char *text, std::size_t length) {
+        const std::size_t room = out.size() - used;
+        const std::size_t n = length < room ? length : room;
+        std::memcpy(out.data() + used, text, n);
+        used += static_cast<uint32_t>(n);
+    };
+    put(name, std::strlen(name));
+    put("", 1); // the name's terminator travels inside the block
+    put(facts, static_cast<std::size_t>(factsLength));
+    return used;
+}
+
+namespace {
+
+// Next blank-delimited token of `text` (ends at a NUL or the block's end).
+bool NextToken(std::span<const uint8_t> text, std::size_t &pos, char *token, std::size_t size) {
+    while (pos < text.size() && text[pos] == ' ') ++pos;
+    std::size_t n = 0;
+    while (pos < text.size() && text[pos] != ' ' && text[pos] != 0) {
+        if (n + 1 < size) token[n++] = static_cast<char>(text[pos]);
+        ++pos;
+    }
+    token[n] = 0;
+    return n > 0;
+}
+
+} // namespace
+
+Block0Facts YmParseBlock0(std::span<const uint8_t> data) {
+    Block0Facts facts;
+    const auto *nul = static_cast<const uint8_t *>(std::memchr(data.data(), 0, data.size()));
+    if (!nul) return facts;
+    const auto rest = data.subspan(static_cast<std::size_t>(nul - data.data()) + 1);
+    std::size_t pos = 0;
+    char token[24];
+    if (!NextToken(rest, pos, token, sizeof token)) return facts;
+    facts.size = static_cast<int32_t>(std::strtol(token, nullptr, 10));
+    if (NextToken(rest, pos, token, sizeof token))
+        facts.modTime = static_cast<int32_t>(std::strtoul(token, nullptr, 8));
+    return facts;
+}
+
+} // namespace zvxfer

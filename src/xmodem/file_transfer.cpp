@@ -1,0 +1,194 @@
+// One file with XMODEM, XMODEM-1K or their streaming form (also the data
+// phase of every YMODEM file): the start handshake, the block/answer cycle
+// with its retries, and the end-of-file exchange.
+#include "core/core.h"
+#include "platform/file.h"
+#include "port/port.h"
+#include "xmodem/xmodem.h"
+
+namespace zvxfer {
+namespace {
+
+int32_t ReplyTimeout(const XferRecord *r) {
+    return static_cast<int32_t>(r->ProtocolParam);
+}
+
+bool AcceptsCrcStart(const XferRecord *r) {
+    return XmCrcMode(r) &&
+           (r->Protocol == Xmodem || r->Protocol == Ymodem || r->Protocol == Xmodem1K);
+}
+
+// Remember the newest control character, keeping the one before it for the
+// two-CANs-in-a-row test.
+intptr_t NoteControl(XferRecord *r, int32_t c) {
+    const intptr_t previous = r->ProtocolHook;
+    r->ProtocolHook = c;
+    return previous;
+}
+
+// Wait until the port has put out everything it holds.
+bool Drained(XferRecord *r) {
+    XferPort *port = r->Port;
+    if (port->Status < 0) return false;
+    while (port->Ops.TxCount(port) > 0)
+        if (XferCheckAbort(r)) return false;
+    if (port->Status == PortNotSupported) port->Status = 0;
+    return true;
+}
+
+} // namespace
+
+int XmWaitStart(XferRecord *r) {
+    for (;;) {
+        if (XferCheckAbort(r)) return 0;
+        const int32_t c = XmWaitChar(r, ReplyTimeout(r));
+        if (c == kXmAborted) return 0;
+        if (c == xm::ACK) continue; // a late answer to YMODEM's block 0
+        if (c >= 0) {
+            const intptr_t previous = NoteControl(r, c);
+            if (c == xm::NAK) {
+                if (XmCrcMode(r)) {
+                    XferStatusMessage(r, 1, 28294);
+                    XmSetCrcMode(r, false);
+                }
+                return 1;
+            }
+            if (c == xm::StartCrc && AcceptsCrcStart(r)) return 1;
+            if (c == xm::StartStreaming && XmStreaming(r)) return 1;
+            if (c == xm::CAN && previous == xm::CAN) {
+                r->Result = XferErrRemoteAbort;
+                XferStatusMessage(r, 1, 28293);
+                return 0;
+            }
+            if (c != xm::CAN && c != xm::StartCrc && c != xm::StartStreaming && !XmDiscard(r))
+                return 0;
+        }
+        r->ErrorTotal++;
+        if (++r->ErrorRun >= xm::kMaxErrors) {
+            r->Result = XferErrPacketTimeout;
+            return 0;
+        }
+    }
+}
+
+int XmWaitAck(XferRecord *r, int final) {
+    const bool streaming = XmStreaming(r);
+    if (!streaming && !Drained(r)) return 0;
+    if (streaming && r->BlockSize != 0 && r->Port->Ops.RxCount(r->Port) <= 0) return 1;
+
+    const int32_t c = XmWaitChar(r, ReplyTimeout(r), final != 0);
+    if (c == kXmAborted) return 0;
+    if (c == kXmTimedOut) return final ? 1 : 0;
+
+    const intptr_t previous = NoteControl(r, c);
+    switch (c) {
+    case xm::ACK:
+        return 1;
+    case xm::NAK:
+        if (streaming) r->Result = XferErrRemoteAbort;
+        return 0;
+    case xm::CAN:
+        if (streaming || previous == xm::CAN) r->Result = XferErrRemoteAbort;
+        return 0;
+    default: {
+        int dropped = 0;
+        if (!XmDiscard(r, &dropped)) return 0;
+        return final && dropped > 0 ? 1 : 0;
+    }
+    }
+}
+
+int XmSendEot(XferRecord *r) {
+    if (XferWriteChar(r, xm::EOT) < 0) {
+        r->Result = XferErrSendEot;
+        return 0;
+    }
+    return 1;
+}
+
+void XmSendFile(XferRecord *r) {
+    r->Sending = 1;
+    r->FileTime = -1;
+    if (!XferInit(r)) return;
+    r->BlockNumber = 1;
+    if (r->SendList && !r->SendList->Next(r, r->SendList)) {
+        r->Result = XferErrNoFilesSent;
+        XferCleanup(r);
+        return;
+    }
+    if (!XferOpenFile(r)) return;
+    if (!XmWaitStart(r)) {
+        XferCleanup(r);
+        return;
+    }
+    if (!XmFillBlock(r)) {
+        if (r->Result != XferErrUserAbort) r->Result = XferErrFileIo;
+        XferCleanup(r);
+        return;
+    }
+    for (;;) {
+        int sent;
+        if (r->BlockSize == 0) {
+            XferStatus(r, 0, "File transmission complete");
+            sent = XmSendEot(r);
+            XferStatusMessage(r, 1, 28259);
+        } else {
+            sent = XmSendBlock(r);
+        }
+        if (!sent) break;
+
+        if (XmWaitAck(r, 0)) {
+            r->ErrorRun = 0;
+            if (r->BlockSize == 0) break;
+            if (!XmFillBlock(r) && r->Result != 0) break;
+            continue;
+        }
+        if (r->Result != 0) break;
+        r->ErrorTotal++;
+        if (++r->ErrorRun >= xm::kMaxErrors) {
+            XferStatusMessage(r, 1, 28289);
+            r->Result = XferErrTooManyErrors;
+            break;
+        }
+    }
+    XferCleanup(r);
+}
+
+void XmReceiveFile(XferRecord *r) {
+    r->Sending = 0;
+    if (!XferInit(r)) return;
+    r->BlockNumber = 1;
+    if (!XferOpenFile(r)) return;
+    if (!XmSendNak(r)) {
+        XferCleanup(r);
+        return;
+    }
+    const bool acknowledge = !XmStreaming(r);
+    while (XmReceiveBlock(r)) {
+        const intptr_t header = r->ProtocolHook;
+        if (header == xm::SOH || header == xm::STX) {
+            if (!r->SkipFile && r->BlockSize > 0 &&
+                plat::FileWrite(r->File, r->Buffer, static_cast<std::size_t>(r->BlockSize)) !=
+                    r->BlockSize) {
+                r->Result = XferErrFileIo;
+                break;
+            }
+            r->FilePos += r->BlockSize;
+            if (acknowledge && !XmSendAck(r)) break;
+            r->ErrorRun = 0;
+        } else if (header == xm::EOT) {
+            XmSendAck(r);
+            if (!r->SkipFile) {
+                XferStatus(r, 0, "End of file, cleaning up");
+                XferStatusMessage(r, 1, 28258);
+            }
+            break;
+        } else {
+            r->Result = XferErrInternal;
+            break;
+        }
+    }
+    XferCleanup(r);
+}
+
+} // namespace zvxfer

@@ -1,0 +1,160 @@
+// The receiving side of one block: wait for its header, read number, data and
+// check, and classify it (good, repeated, out of order, damaged).  Writing the
+// data and acknowledging it are the caller's.
+#include "core/core.h"
+#include "port/port.h"
+#include "xmodem/xmodem.h"
+
+namespace zvxfer {
+namespace {
+
+enum class Pass { Accepted, EndOfFile, Retry, Fail };
+
+void CountError(XferRecord *r) {
+    r->ErrorTotal++;
+    r->ErrorRun++;
+}
+
+// A damaged block is answered only once the line has been quiet for a second,
+// so the request does not meet the rest of the damaged block on its way.
+Pass Reject(XferRecord *r) {
+    if (!XferWaitQuiet(r)) return Pass::Fail;
+    if (!XmSendNak(r)) return Pass::Fail;
+    CountError(r);
+    return Pass::Retry;
+}
+
+// Wait for SOH, STX or EOT.  Anything else is counted; after three misses
+// on the first block the receiver falls back to checksum mode.
+Pass ReadHeader(XferRecord *r) {
+    const int32_t timeout = r->BlockNumber < 2 ? 5000 : 10000;
+    const int32_t c = XmWaitChar(r, timeout);
+    if (c == kXmAborted) return Pass::Fail;
+    if (c >= 0) {
+        const intptr_t previous = r->ProtocolHook;
+        r->ProtocolHook = c;
+        if (c == xm::SOH || c == xm::STX || c == xm::EOT) return Pass::Accepted;
+        if (c == xm::CAN && previous == xm::CAN) {
+            r->Result = XferErrRemoteAbort;
+            return Pass::Fail;
+        }
+        if (c != xm::CAN && !XmDiscard(r)) return Pass::Fail;
+    }
+    CountError(r);
+    if (r->ErrorRun >= 3 && r->BlockNumber == 1 &&
+        (r->Protocol == Xmodem || r->Protocol == Ymodem || r->Protocol == Xmodem1K))
+        XmSetCrcMode(r, false);
+    if (!XmSendNak(r)) return Pass::Fail;
+    if (r->ErrorRun >= xm::kMaxErrors) r->Result = XferErrPacketTimeout;
+    return Pass::Retry;
+}
+
+// Number, complement, data and check of a block whose header has arrived.
+Pass ReadBody(XferRecord *r) {
+    XferPort *port = r->Port;
+    const int32_t number = ReadCharTimed(port, xm::kSliceMs);
+    const int32_t complement = ReadCharTimed(port, xm::kSliceMs);
+    if (number < 0 || complement < 0 || number != (~complement & 0xFF)) {
+        const Pass pass = Reject(r);
+        if (pass == Pass::Retry) XferStatusMessage(r, 1, 28288, number, complement);
+        return pass;
+    }
+    r->RxSeq = number;
+
+    for (int32_t i = 0; i < r->BlockSize; ++i) {
+        const int32_t c = ReadCharTimed(port, xm::kSliceMs);
+        if (c < 0) return Reject(r);
+        r->Buffer[i] = static_cast<uint8_t>(c);
+    }
+    if (XmCrcMode(r)) {
+        const int32_t high = ReadCharTimed(port, xm::kSliceMs);
+        const int32_t low = ReadCharTimed(port, xm::kSliceMs);
+        if (high < 0 || low < 0) return Reject(r);
+        r->RxCheck = high * 256 + low;
+    } else {
+        const int32_t sum = ReadCharTimed(port, xm::kSliceMs);
+        if (sum < 0) return Reject(r);
+        r->RxCheck = sum;
+    }
+    return Pass::Accepted;
+}
+
+// Sequence and check of a complete block.
+Pass Validate(XferRecord *r) {
+    const auto length = static_cast<uint32_t>(r->BlockSize);
+    if (r->RxSeq == ((r->BlockNumber - 1) & 0xFF)) {
+        if (!XmSendAck(r)) return Pass::Fail;
+        CountError(r);
+        XferStatus(r, 0, "Duplicate block %ld", static_cast<long>(r->BlockNumber));
+        return Pass::Retry;
+    }
+    if (r->RxSeq != (r->BlockNumber & 0xFF)) {
+        if (!XmSendNak(r)) return Pass::Fail;
+        CountError(r);
+        XferStatusMessage(r, 1, 28285, static_cast<long>(r->BlockNumber));
+        return Pass::Retry;
+    }
+    const bool crc = XmCrcMode(r);
+    const int32_t expected =
+        crc ? Crc16Block(length, 0, r->Buffer) : XmChecksum({r->Buffer, length});
+    if (expected != r->RxCheck) {
+        if (!XmSendNak(r)) return Pass::Fail;
+        CountError(r);
+        XferStatusMessage(r, 1, crc ? 28286 : 28287, static_cast<long>(r->BlockNumber));
+        return Pass::Retry;
+    }
+    return Pass::Accepted;
+}
+
+Pass ReceiveOnce(XferRecord *r) {
+    Pass pass = ReadHeader(r);
+    if (pass != Pass::Accepted) return pass;
+    switch (r->ProtocolHook) {
+    case xm::SOH:
+        r->BlockSize = 128;
+        break;
+    case xm::STX:
+        r->BlockSize = 1024;
+        break;
+    case xm::EOT:
+        return Pass::EndOfFile;
+    default:
+        r->Result = XferErrInternal;
+        return Pass::Fail;
+    }
+    pass = ReadBody(r);
+    if (pass != Pass::Accepted) return pass;
+    return Validate(r);
+}
+
+} // namespace
+
+int XmReceiveBlock(XferRecord *r) {
+    for (;;) {
+        if (r->ErrorRun >= xm::kMaxErrors) {
+            r->Result = XferErrTooManyErrors;
+            return 0;
+        }
+        if (XferCheckAbort(r)) return 0;
+        switch (ReceiveOnce(r)) {
+        case Pass::EndOfFile:
+            return 1;
+        case Pass::Fail:
+            return 0;
+        case Pass::Retry:
+            if (r->Result != 0) return 0;
+            continue;
+        case Pass::Accepted:
+            break;
+        }
+        XferStatus(r, 0, "Read %d byte block %ld", static_cast<int>(r->BlockSize),
+                   static_cast<long>(r->BlockNumber));
+        r->BlockNumber++;
+        if ((r->Protocol == Ymodem || r->Protocol == YmodemG) && r->FileSize >= 1 &&
+            r->FilePos + r->BlockSize > r->FileSize)
+            r->BlockSize = r->FilePos < r->FileSize ? r->FileSize - r->FilePos : 0;
+        return 1;
+    }
+}
+
+} // namespace zvxfer

@@ -1,0 +1,93 @@
+// The sending side of one block: cutting the file into blocks, putting a
+// block on the line, and the receiver's one-byte answers (NAK/'C'/'G', ACK).
+#include <cstring>
+
+#include "core/core.h"
+#include "platform/file.h"
+#include "xmodem/xmodem.h"
+
+namespace zvxfer {
+
+// XMODEM always uses 128-byte blocks; the other variants use 1024-byte
+// blocks until at most 896 bytes (seven short blocks) remain.
+int XmFillBlock(XferRecord *r) {
+    uint32_t length = 128;
+    if (r->Protocol != Xmodem && r->FileSize - r->FilePos > 896) length = 1024;
+    long got = plat::FileRead(r->File, r->Buffer, length);
+    if (got <= 0) {
+        r->BlockSize = 0;
+        return 0;
+    }
+    if (static_cast<uint32_t>(got) < length) std::memset(r->Buffer + got, 0, length - got);
+    r->BlockSize = static_cast<int32_t>(length);
+    r->RxSeq = r->BlockNumber & 0xFF;
+    r->BlockNumber++;
+    r->FilePos += static_cast<int32_t>(got);
+    return XferCheckAbort(r) ? 0 : 1;
+}
+
+int XmSendBlock(XferRecord *r) {
+    if (r->BlockNumber != 0)
+        XferStatus(r, 0, "Sending block %ld", static_cast<long>(r->BlockNumber - 1));
+    else if (r->Buffer[0] != 0)
+        XferStatus(r, 0, "Sending YMODEM startup block");
+    else
+        XferStatus(r, 0, "Sending YMODEM termination block");
+
+    if (XferWriteChar(r, r->BlockSize == 128 ? xm::SOH : xm::STX) < 0) {
+        XferStatusMessage(r, 1, 28292);
+        r->Result = XferErrSendBlock;
+        return 0;
+    }
+    const auto number = static_cast<uint8_t>(r->RxSeq);
+    bool ok = XferWriteChar(r, number) >= 0;
+    ok = XferWriteChar(r, static_cast<uint8_t>(~number)) >= 0 && ok;
+    if (!ok) {
+        XferStatusMessage(r, 1, 28291);
+        r->Result = XferErrSendBlock;
+        return 0;
+    }
+    const auto length = static_cast<uint32_t>(r->BlockSize);
+    if (XferWriteBuffer(r, r->Buffer, length) < 0) return 0;
+
+    if (XmCrcMode(r)) {
+        const uint16_t crc = Crc16Block(length, 0, r->Buffer);
+        ok = XferWriteChar(r, static_cast<uint8_t>(crc >> 8)) >= 0;
+        ok = XferWriteChar(r, static_cast<uint8_t>(crc & 0xFF)) >= 0 && ok;
+    } else {
+        ok = XferWriteChar(r, XmChecksum({r->Buffer, length})) >= 0;
+    }
+    if (!ok) {
+        XferStatusMessage(r, 1, 28290);
+        r->Result = XferErrSendBlock;
+        return 0;
+    }
+    return 1;
+}
+
+// The same character both starts a file (block counter 0 or 1) and rejects
+// every later block.
+int XmSendNak(XferRecord *r) {
+    uint8_t request = xm::NAK;
+    if (r->BlockNumber < 2) {
+        if (XmStreaming(r))
+            request = xm::StartStreaming;
+        else if (XmCrcMode(r))
+            request = xm::StartCrc;
+    }
+    if (XferWriteChar(r, request) < 0) {
+        r->Result = XferErrSendNak;
+        return 0;
+    }
+    return 1;
+}
+
+int XmSendAck(XferRecord *r) {
+    if (XferWriteChar(r, xm::ACK) < 0) {
+        r->Result = XferErrSendAck;
+        return 0;
+    }
+    return 1;
+}
+
+} // namespace zvxfer

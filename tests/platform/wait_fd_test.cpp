@@ -1,0 +1,71 @@
+// Watched descriptors: a pipe written by another thread wakes the wait at
+// once; events can be replaced; the table holds 64 per thread.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+#include <unistd.h>
+
+#include "platform/message.h"
+
+namespace {
+
+struct Pipe {
+    int fds[2] = {-1, -1};
+    Pipe() { EXPECT_EQ(pipe(fds), 0); }
+    ~Pipe() {
+        close(fds[0]);
+        close(fds[1]);
+    }
+};
+
+TEST(WatchedFds, AWriteOnAnotherThreadWakesTheWait) {
+    Pipe p;
+    ASSERT_EQ(ZvWatchFd(p.fds[0], ZV_FD_READ), 0);
+    EXPECT_FALSE(zvxfer::plat::WaitForInput(1)); // nothing yet
+
+    const auto start = std::chrono::steady_clock::now();
+    std::thread writer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_EQ(write(p.fds[1], "x", 1), 1);
+    });
+    // Woken by the byte, long before the 10-second limit.
+    EXPECT_TRUE(zvxfer::plat::WaitForInput(10000));
+    writer.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    // Waking is not a message.
+    ZvMsg m{};
+    EXPECT_EQ(ZvPeekMessage(&m, 1), 0);
+    EXPECT_FALSE(zvxfer::plat::InputPending());
+
+    ZvUnwatchFd(p.fds[0]);
+    EXPECT_FALSE(zvxfer::plat::WaitForInput(1)); // the byte is still unread
+}
+
+TEST(WatchedFds, EventsAreReplacedAndTheTableIsBounded) {
+    Pipe p;
+    // The write end is always writable: watching it for writing wakes at once.
+    ASSERT_EQ(ZvWatchFd(p.fds[1], ZV_FD_WRITE), 0);
+    EXPECT_EQ(ZvWaitMessage(1000), 1);
+    ASSERT_EQ(ZvWatchFd(p.fds[1], ZV_FD_READ), 0); // replaced, not added
+    EXPECT_EQ(ZvWaitMessage(1), 0);
+
+    std::vector<int> dups;
+    for (int i = 0; i < 63; ++i) {
+        dups.push_back(dup(p.fds[0]));
+        ASSERT_EQ(ZvWatchFd(dups.back(), ZV_FD_READ), 0) << i;
+    }
+    const int extra = dup(p.fds[0]);
+    EXPECT_EQ(ZvWatchFd(extra, ZV_FD_READ), -1);       // the 65th
+    EXPECT_EQ(ZvWatchFd(dups.front(), ZV_FD_READ), 0); // replacing still works
+    for (int fd : dups) {
+        ZvUnwatchFd(fd);
+        close(fd);
+    }
+    EXPECT_EQ(ZvWatchFd(extra, ZV_FD_READ), 0);
+    ZvUnwatchFd(extra);
+    ZvUnwatchFd(p.fds[1]);
+    close(extra);
+}
+
+} // namespace

@@ -1,0 +1,230 @@
+// The XMODEM engine against a scripted peer: the peer's bytes are queued in a
+// test host up front and everything our side puts on the line is compared
+// byte for byte.  A scaled clock lets the multi-second waits pass quickly.
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "../core/temp_tree.h"
+#include "fake_clock.h"
+#include "test_host.h"
+#include "xmodem/xmodem.h"
+#include "zvxfer.h"
+
+namespace zvxfer {
+namespace {
+
+using test::FakeClock;
+using test::TempTree;
+using test::TestHost;
+using Bytes = std::vector<uint8_t>;
+
+constexpr uint8_t ACK = 0x06, NAK = 0x15, EOT = 0x04, CAN = 0x18;
+
+std::vector<std::string> g_lines;
+
+int32_t Status(XferRecord *, int32_t level, const char *text) {
+    g_lines.push_back(std::to_string(level) + " " + text);
+    return 0;
+}
+
+int CountLines(const std::string &fragment) {
+    int n = 0;
+    for (const auto &line : g_lines) n += line.find(fragment) != std::string::npos;
+    return n;
+}
+
+Bytes Pattern(std::size_t n, uint8_t seed = 1) {
+    Bytes data(n);
+    for (std::size_t i = 0; i < n; ++i) data[i] = static_cast<uint8_t>(seed + i * 7);
+    return data;
+}
+
+// One block on the line: header, number, complement, padded data, check.
+Bytes Block(uint8_t number, Bytes data, bool crc = true, std::size_t size = 128) {
+    data.resize(size, 0);
+    Bytes out{static_cast<uint8_t>(size == 128 ? 0x01 : 0x02), number,
+              static_cast<uint8_t>(~number)};
+    out.insert(out.end(), data.begin(), data.end());
+    if (crc) {
+        const uint16_t c = Crc16Block(static_cast<uint32_t>(size), 0, data.data());
+        out.push_back(static_cast<uint8_t>(c >> 8));
+        out.push_back(static_cast<uint8_t>(c));
+    } else {
+        out.push_back(XmChecksum(data));
+    }
+    return out;
+}
+
+Bytes Cat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const auto &p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+Bytes CancelString() {
+    Bytes out(10, CAN);
+    out.insert(out.end(), 10, 0x08);
+    return out;
+}
+
+Bytes ReadFile(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(in), {});
+}
+
+class XmodemScripted : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        g_lines.clear();
+        port_ = PortOpen(0, host_.Window(), folder_.c_str(), XFER_EXISTING_OVERWRITE);
+        ASSERT_NE(port_, nullptr);
+    }
+    void TearDown() override { port_->Ops.PortClose(port_); }
+
+    void Peer(const Bytes &bytes) { host_.Receive(bytes); }
+    std::string Target() { return tree_.Path("in.bin"); }
+
+    FakeClock clock_{FakeClock::Scaled{1000}};
+    TempTree tree_;
+    std::string folder_ = tree_.Folder();
+    TestHost host_;
+    XferPort *port_ = nullptr;
+};
+
+TEST_F(XmodemScripted, ReceiverAsksWithCAcknowledgesEachBlockAndKeepsPadding) {
+    const Bytes data = Pattern(200);
+    Peer(Cat({Block(1, Bytes(data.begin(), data.begin() + 128)),
+              Block(2, Bytes(data.begin() + 128, data.end())),
+              {EOT}}));
+    std::string name = Target();
+    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), 1);
+    EXPECT_EQ(host_.Written(), (Bytes{'C', ACK, ACK, ACK}));
+    Bytes expected = data;
+    expected.resize(256, 0); // XMODEM carries no size: the padding stays
+    EXPECT_EQ(ReadFile(Target()), expected);
+    EXPECT_EQ(CountLines("End of file, cleaning up"), 1);
+}
+
+TEST_F(XmodemScripted, ReceiverStartCharacterFollowsOptions) {
+    std::string name = Target();
+    Peer(Cat({Block(1, Pattern(10), false), {EOT}}));
+    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 1008, 0), 1);
+    EXPECT_EQ(host_.Written(), (Bytes{NAK, ACK, ACK}));
+
+    // Streaming 1K: 'G', no answer per block, EOT still acknowledged.
+    host_.ClearWritten();
+    Peer(Cat({Block(1, Pattern(1024), true, 1024), Block(2, Pattern(5), true, 1024), {EOT}}));
+    EXPECT_EQ(Xmodem1KReceiveWithOptions(port_, name.data(), Status, nullptr, 1011, 0), 1);
+    EXPECT_EQ(host_.Written(), (Bytes{'G', ACK}));
+    EXPECT_EQ(ReadFile(Target()).size(), 2048u);
+}
+
+TEST_F(XmodemScripted, ReceiverRejectsDamageAndDropsRepeats) {
+    Bytes damaged = Block(1, Pattern(128));
+    damaged[50] ^= 0x01;
+    Peer(Cat(
+        {damaged, Block(1, Pattern(128)), Block(1, Pattern(128)), Block(2, Pattern(3)), {EOT}}));
+    std::string name = Target();
+    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), 1);
+    // A damaged first block is answered with the start request again; then
+    // good block: ACK; repeat: ACK and dropped; block 2; EOT.
+    EXPECT_EQ(host_.Written(), (Bytes{'C', 'C', ACK, ACK, ACK, ACK}));
+    EXPECT_EQ(ReadFile(Target()).size(), 256u);
+    EXPECT_EQ(CountLines("Duplicate block 2"), 1);
+}
+
+TEST_F(XmodemScripted, ReceiverFallsBackToChecksumThenGivesUp) {
+    std::string name = Target();
+    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0),
+              XferErrPacketTimeout);
+    Bytes expected{'C', 'C', 'C'};
+    expected.insert(expected.end(), 8, NAK); // from the third miss on: checksum mode
+    const Bytes cancel = CancelString();
+    expected.insert(expected.end(), cancel.begin(), cancel.end());
+    EXPECT_EQ(host_.Written(), expected);
+}
+
+TEST_F(XmodemScripted, TwoCansEndTheTransferWithTheCancelString) {
+    Peer({CAN, CAN});
+    std::string name = Target();
+    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), XferErrRemoteAbort);
+    // The first CAN is counted and answered; the second ends the transfer.
+    EXPECT_EQ(host_.Written(), Cat({{'C', 'C'}, CancelString()}));
+}
+
+TEST_F(XmodemScripted, ReceiverWithSkipPolicyAcknowledgesButWritesNothing) {
+    port_->ExistingFilePolicy = XFER_EXISTING_SKIP;
+    const std::string existing = tree_.File("in.bin", "keep");
+    Peer(Cat({Block(1, Pattern(128)), {EOT}}));
+    std::string name = existing;
+    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), 1);
+    EXPECT_EQ(host_.Written(), (Bytes{'C', ACK, ACK}));
+    EXPECT_EQ(ReadFile(existing), (Bytes{'k', 'e', 'e', 'p'}));
+}
+
+TEST_F(XmodemScripted, SenderSendsBlocksAndEot) {
+    const Bytes data = Pattern(200);
+    std::ofstream(tree_.Path("out.bin"), std::ios::binary)
+        .write(reinterpret_cast<const char *>(data.data()), static_cast<long>(data.size()));
+    Peer({'C', ACK, ACK, ACK});
+    std::string names = "\"" + tree_.Path("out.bin") + "\"";
+    EXPECT_EQ(XmodemSendWithOptions(port_, names.data(), Status, nullptr, 0), 1);
+    EXPECT_EQ(host_.Written(), Cat({Block(1, Bytes(data.begin(), data.begin() + 128)),
+                                    Block(2, Bytes(data.begin() + 128, data.end())),
+                                    {EOT}}));
+    EXPECT_EQ(CountLines("Sending block 1"), 1);
+    EXPECT_EQ(CountLines("Sending block 2"), 1);
+    EXPECT_EQ(CountLines("File transmission complete"), 1);
+}
+
+TEST_F(XmodemScripted, Sender1KUsesLongBlocksAndFallsBackOnNak) {
+    const Bytes data = Pattern(1000);
+    std::ofstream(tree_.Path("out.bin"), std::ios::binary)
+        .write(reinterpret_cast<const char *>(data.data()), static_cast<long>(data.size()));
+    std::string names = "\"" + tree_.Path("out.bin") + "\"";
+    Peer({'C', ACK, ACK});
+    EXPECT_EQ(Xmodem1KSendWithOptions(port_, names.data(), Status, nullptr, 0), 1);
+    EXPECT_EQ(host_.Written(), Cat({Block(1, data, true, 1024), {EOT}}));
+
+    // A receiver that asks with NAK gets checksum blocks.
+    host_.ClearWritten();
+    g_lines.clear();
+    names = "\"" + tree_.Path("out.bin") + "\"";
+    Peer({NAK, ACK, ACK});
+    EXPECT_EQ(Xmodem1KSendWithOptions(port_, names.data(), Status, nullptr, 0), 1);
+    EXPECT_EQ(host_.Written(), Cat({Block(1, data, false, 1024), {EOT}}));
+}
+
+TEST_F(XmodemScripted, SenderRefusesEmptyFilesAndUnknownOptions) {
+    tree_.File("empty.bin", "");
+    std::string names = "\"" + tree_.Path("empty.bin") + "\"";
+    Peer({'C'});
+    EXPECT_EQ(XmodemSendWithOptions(port_, names.data(), Status, nullptr, 0), XferErrFileIo);
+    EXPECT_EQ(host_.Written(), CancelString());
+
+    host_.ClearWritten();
+    g_lines.clear();
+    names = "\"" + tree_.Path("empty.bin") + "\"";
+    EXPECT_EQ(XmodemSendWithOptions(port_, names.data(), Status, nullptr, 1009, 0),
+              PortInvalidParameter);
+    EXPECT_TRUE(host_.Written().empty());
+    EXPECT_TRUE(g_lines.empty());
+}
+
+TEST_F(XmodemScripted, UnansweredEotIsRepeatedTenTimes) {
+    tree_.File("out.bin", "abc");
+    std::string names = "\"" + tree_.Path("out.bin") + "\"";
+    Peer({'C', ACK});
+    EXPECT_EQ(XmodemSendWithOptions(port_, names.data(), Status, nullptr, 1016, 2000, 0),
+              XferErrTooManyErrors);
+    EXPECT_EQ(CountLines("File transmission complete"), 10);
+    const Bytes written = host_.Written();
+    const Bytes tail(written.end() - 30, written.end());
+    EXPECT_EQ(tail, Cat({Bytes(10, EOT), CancelString()}));
+}
+
+} // namespace
+} // namespace zvxfer
