@@ -25,6 +25,10 @@ void AskHost(XferPort *port, uintptr_t request, PortBlock &block) {
 
 int32_t ReadBuffer(XferPort *port, uint8_t *destination, uint32_t length) {
     CallIdle(port); // its answer only matters to the timed waits
+    return ReadBufferAfterIdle(port, destination, length);
+}
+
+int32_t ReadBufferAfterIdle(XferPort *port, uint8_t *destination, uint32_t length) {
     PortBlock &rx = port->RxBlock;
     if (rx.Length == 0) {
         AskHost(port, PORT_READ, rx);
@@ -36,7 +40,12 @@ int32_t ReadBuffer(XferPort *port, uint8_t *destination, uint32_t length) {
         }
     }
     const uint32_t moved = std::min(length, rx.Length);
-    if (destination != nullptr && moved != 0) std::memcpy(destination, rx.Data, moved);
+    if (destination != nullptr) {
+        if (moved == 1)
+            *destination = *rx.Data; // the byte-wise readers' case
+        else if (moved != 0)
+            std::memcpy(destination, rx.Data, moved);
+    }
     port->Count = moved;
     rx.Data += moved;
     rx.Length -= moved;
@@ -44,9 +53,7 @@ int32_t ReadBuffer(XferPort *port, uint8_t *destination, uint32_t length) {
 }
 
 int32_t ReadChar(XferPort *port) {
-    uint8_t byte = 0;
-    const int32_t r = ReadBuffer(port, &byte, 1);
-    return r != 0 ? r : byte;
+    return ReadCharInline(port);
 }
 
 int32_t PeekChar(XferPort *port) {
