@@ -34,7 +34,11 @@ int32_t ReadBufferAfterIdle(XferPort *port, uint8_t *destination, uint32_t lengt
         AskHost(port, PORT_READ, rx);
         if (rx.Error != 0) return PortGeneralError;
         if (rx.Length == 0) {
-            PumpMessages(5);
+            // A read that wanted bytes keeps the host's window alive while
+            // its caller polls; a zero-length request (the fill behind
+            // PeekChar and RxCount) only asks, so a sender checking for an
+            // answer between streamed blocks does not lose 5 ms each time.
+            if (length != 0) PumpMessages(5);
             port->Count = 0;
             return PortBufferEmpty;
         }

@@ -25,6 +25,7 @@ class LazyDeadline {
     bool Expired() {
         if (timeoutMs_ == -1) return false;
         const uint32_t now = plat::GetTickCount();
+        now_ = now;
         if (!started_) {
             deadline_ = now + static_cast<uint32_t>(timeoutMs_);
             started_ = true;
@@ -37,7 +38,9 @@ class LazyDeadline {
     void Pause() const {
         uint32_t wait = kRoundMs;
         if (timeoutMs_ != -1) {
-            const auto left = static_cast<int32_t>(deadline_ - plat::GetTickCount());
+            // Measured from the tick the last check read: the pause itself
+            // reads no clock.
+            const auto left = static_cast<int32_t>(deadline_ - now_);
             if (left <= 0) return;
             wait = std::min<uint32_t>(wait, static_cast<uint32_t>(left));
         }
@@ -48,6 +51,7 @@ class LazyDeadline {
     int32_t timeoutMs_;
     bool started_ = false;
     uint32_t deadline_ = 0;
+    uint32_t now_ = 0;
 };
 
 // The waiting part of ReadCharTimed, kept out of line so that the common
@@ -66,9 +70,8 @@ class LazyDeadline {
             return idle;
         }
         if (deadline.Expired()) return PortBufferEmpty;
-        // An empty read normally waited in the message pump already; a lost
-        // connection answers at once, so wait here instead of spinning.
-        if (port->RxBlock.Error != 0) deadline.Pause();
+        // Nothing came: sleep until input arrives (at most 5 ms a round).
+        deadline.Pause();
     }
 }
 
