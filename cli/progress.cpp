@@ -29,7 +29,8 @@ std::string FormatBytes(double bytes) {
         bytes /= 1024;
         ++unit;
     }
-    return unit == 0 ? fmt::format("{:.0f} B", bytes) : fmt::format("{:.1f} {}", bytes, units[unit]);
+    return unit == 0 ? fmt::format("{:.0f} B", bytes)
+                     : fmt::format("{:.1f} {}", bytes, units[unit]);
 }
 
 std::string FormatDuration(double seconds) {
@@ -42,7 +43,9 @@ Reporter::Reporter(Verbosity verbosity, bool live, std::string label)
     : verbosity_(verbosity), live_(live && verbosity != Verbosity::Quiet),
       label_(label.empty() ? std::string() : label + ": ") {}
 
-Reporter::~Reporter() { ClearBar(); }
+Reporter::~Reporter() {
+    ClearBar();
+}
 
 double Reporter::Seconds() const {
     return std::chrono::duration<double>(Clock::now() - begun_).count();
@@ -98,7 +101,9 @@ void Reporter::Draw(bool force) {
         const int filled = static_cast<int>(done * kBarWidth);
         bar = fmt::format("[{}{}] {:3.0f}% ", std::string(filled, '#'),
                           std::string(kBarWidth - filled, '.'), done * 100);
-        if (rate > 0) left = " " + FormatDuration((size_ - static_cast<double>(current_)) / rate) + " left";
+        if (rate > 0)
+            left = fmt::format(" {} left",
+                               FormatDuration((size_ - static_cast<double>(current_)) / rate));
     }
     fmt::print(stderr, "\r\033[K{}{:<24.24} {}{:>10}  {:>10}/s{}", label_, file_, bar,
                FormatBytes(static_cast<double>(current_)), FormatBytes(rate), left);

@@ -59,7 +59,19 @@ class LinkEnd {
         return 0;
     }
 
+    // After Cancel the line is gone and every request also posts a close
+    // request to the window: the library's short message pump after a
+    // failed read may take one, and the idle hook must still see one.
+    bool Cancelled(PortBlock &block) {
+        if (!pair_.cancelled_.load()) return false;
+        block.Error = 1;
+        ZvPostMessage(window_, ZV_WM_CLOSE, 0, 0);
+        return true;
+    }
+
     void AnswerRead(PortBlock &block) {
+        block.Length = 0;
+        if (Cancelled(block)) return;
         Drain(pair_.dataEvent_[1 - index_]);
         const std::size_t n = in_.Take(rx_);
         block.Data = rx_.data();
@@ -70,6 +82,7 @@ class LinkEnd {
     }
 
     void AnswerWrite(PortBlock &block) {
+        if (Cancelled(block)) return;
         // The peer's side has hung up: like a pipe whose reader is gone.
         block.Error = in_.Closed() ? 1 : 0;
         if (block.Error != 0) return;
@@ -136,6 +149,7 @@ int32_t LinkPair::RunEnd(int index, const EndFunction &function) {
 }
 
 void LinkPair::Cancel() {
+    cancelled_.store(true);
     std::lock_guard lock(windowsMutex_);
     for (ZvHwnd w : windows_) {
         if (w != nullptr) ZvPostMessage(w, ZV_WM_CLOSE, 0, 0);
@@ -161,14 +175,14 @@ LinkResult LinkPair::Run(EndFunction a, EndFunction b) {
             std::chrono::steady_clock::now() + std::chrono::milliseconds(config_.deadlineMs);
         if (!doneChanged.wait_until(lock, until, [&] { return done == 2; })) {
             result.timedOut = true;
-            // Keep asking: a close request can be taken by a pump that is
-            // not the one the engine is waiting in.
-            while (!doneChanged.wait_for(lock, std::chrono::milliseconds(20),
-                                         [&] { return done == 2; })) {
+            // Keep asking: an end busy outside the library's waits (or
+            // one whose pump took the close request) gets another.
+            do {
                 lock.unlock();
                 Cancel();
                 lock.lock();
-            }
+            } while (!doneChanged.wait_for(lock, std::chrono::milliseconds(100),
+                                           [&] { return done == 2; }));
         }
     }
     endA.join();

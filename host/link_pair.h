@@ -41,7 +41,7 @@ struct LinkConfig {
     // default, like a serial line that stays up when one program exits.
     bool hangUpOnExit = false;
     // Real-time limit for Run in milliseconds (0: none).  When it passes
-    // both ends are asked to close (WM_CLOSE), which ends their waits.
+    // the link is cancelled (see Cancel), which ends the ends' waits.
     uint32_t deadlineMs = 0;
 };
 
@@ -66,7 +66,9 @@ class LinkPair {
     // keep their state (and counters) between runs.
     LinkResult Run(EndFunction a, EndFunction b);
 
-    // Ask both running ends to stop (their waits see WM_CLOSE).
+    // Stop both running ends: from now on their line is lost (reads and
+    // writes report the Error flag) and their waits see WM_CLOSE, which the
+    // default idle hook turns into a stop.  Lasts for the LinkPair's life.
     void Cancel();
 
     SimLine &Line(Direction d) { return *lines_[d]; }
@@ -84,6 +86,7 @@ class LinkPair {
     std::array<int, 2> dataEvent_{-1, -1};
     std::array<int, 2> spaceEvent_{-1, -1};
     std::array<std::atomic<bool>, 2> senderWaiting_{};
+    std::atomic<bool> cancelled_{false};
     std::mutex windowsMutex_;
     std::array<ZvHwnd, 2> windows_{};
 };

@@ -18,13 +18,22 @@ bool InputPending();
 bool PeekMessage(ZvMsg &msg, bool remove);
 
 // Wait for input of any kind (messages, sends, watched fds) for up to
-// `timeoutMs`; true when input arrived.
+// `timeoutMs`; true when input arrived.  Returns at once while a posted
+// message is queued.
 bool WaitForInput(uint32_t timeoutMs);
+
+// Like WaitForInput, but messages that were already queued do not end the
+// wait: only new input does (a post or send after the last wait, a watched
+// fd).  For pauses between the rounds of a wait whose idle hook may leave
+// messages queued, so that the pause still sleeps.
+bool WaitForNewInput(uint32_t timeoutMs);
 
 // Keyboard translation has no meaning here; kept so call sites read alike.
 inline void TranslateMessage(const ZvMsg &) {}
 
-inline intptr_t DispatchMessage(const ZvMsg &msg) { return ZvDispatchMessage(&msg); }
+inline intptr_t DispatchMessage(const ZvMsg &msg) {
+    return ZvDispatchMessage(&msg);
+}
 
 inline intptr_t SendMessage(ZvHwnd w, uint32_t m, uintptr_t wp, intptr_t lp) {
     return ZvSendMessage(w, m, wp, lp);

@@ -2,6 +2,8 @@
 // eventfd wake-up and the end of the owner thread.
 #include "thread_queue.h"
 
+#include "platform/message.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <sys/eventfd.h>
@@ -22,7 +24,9 @@ struct QueueHolder {
 thread_local QueueHolder tHolder;
 // Plain pointer beside the holder: reading it needs no initialisation
 // guard, so the per-byte idle check stays a load.
-thread_local ThreadQueue *tQueue = nullptr;
+// Initial-exec: a direct offset from the thread pointer, no __tls_get_addr
+// call (the library uses a few bytes of static TLS).
+thread_local ThreadQueue *tQueue __attribute__((tls_model("initial-exec"))) = nullptr;
 
 QueueHolder::~QueueHolder() {
     if (queue) queue->Shutdown();
@@ -167,3 +171,9 @@ ThreadQueue *CurrentQueueIfAny() {
 }
 
 } // namespace zvxfer::plat::detail
+
+// Beside tQueue so that the per-byte check is a leaf: two loads.
+bool zvxfer::plat::InputPending() {
+    using zvxfer::plat::detail::tQueue;
+    return tQueue != nullptr && tQueue->pending.load(std::memory_order_relaxed) != 0;
+}

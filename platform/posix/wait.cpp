@@ -25,15 +25,20 @@ int64_t NowMs() {
     return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
+enum class Until { AnyInput, NewInput };
+
 // Sleep on the wake-up descriptor (and, with `withWatched`, the watched
 // ones) until input, or `timeoutMs` of real time has passed.  Sent messages
-// are handled on the way and count as input.
-bool Wait(ThreadQueue &q, uint32_t timeoutMs, bool withWatched) {
+// are handled on the way and count as input.  With Until::NewInput,
+// messages queued before the call do not count; a wake-up does.
+bool Wait(ThreadQueue &q, uint32_t timeoutMs, bool withWatched, Until until = Until::AnyInput) {
     const int64_t deadline = timeoutMs == kInfinite ? 0 : NowMs() + timeoutMs;
     std::array<pollfd, kMaxWatchedFds + 1> fds{};
     for (;;) {
         if (q.HandleSends()) return true;
-        if (q.pending.load(std::memory_order_acquire) != 0) return true;
+        if (until == Until::AnyInput && q.pending.load(std::memory_order_acquire) != 0) {
+            return true;
+        }
         int waitMs = -1;
         if (timeoutMs != kInfinite)
             waitMs = static_cast<int>(std::max<int64_t>(0, deadline - NowMs()));
@@ -46,9 +51,14 @@ bool Wait(ThreadQueue &q, uint32_t timeoutMs, bool withWatched) {
         if (n < 0 && errno != EINTR) return false;
         if (n == 0) return false;
         if (n < 0) continue;
-        if (fds[0].revents != 0) q.DrainWake();
         for (nfds_t i = 1; i < count; ++i) {
             if (fds[i].revents != 0) return true;
+        }
+        if (fds[0].revents != 0) {
+            q.DrainWake();
+            if (until == Until::NewInput && q.pending.load(std::memory_order_acquire) != 0) {
+                return true;
+            }
         }
         // Only the wake-up fired: look again at what arrived.
     }
@@ -57,11 +67,6 @@ bool Wait(ThreadQueue &q, uint32_t timeoutMs, bool withWatched) {
 } // namespace
 
 namespace zvxfer::plat {
-
-bool InputPending() {
-    const ThreadQueue *q = CurrentQueueIfAny();
-    return q != nullptr && q->pending.load(std::memory_order_relaxed) != 0;
-}
 
 bool PeekMessage(ZvMsg &msg, bool remove) {
     ThreadQueue *q = CurrentQueueIfAny();
@@ -72,6 +77,10 @@ bool PeekMessage(ZvMsg &msg, bool remove) {
 
 bool WaitForInput(uint32_t timeoutMs) {
     return Wait(CurrentQueue(), timeoutMs, true);
+}
+
+bool WaitForNewInput(uint32_t timeoutMs) {
+    return Wait(CurrentQueue(), timeoutMs, true, Until::NewInput);
 }
 
 } // namespace zvxfer::plat

@@ -25,18 +25,31 @@ void AskHost(XferPort *port, uintptr_t request, PortBlock &block) {
 
 int32_t ReadBuffer(XferPort *port, uint8_t *destination, uint32_t length) {
     CallIdle(port); // its answer only matters to the timed waits
+    return ReadBufferAfterIdle(port, destination, length);
+}
+
+int32_t ReadBufferAfterIdle(XferPort *port, uint8_t *destination, uint32_t length) {
     PortBlock &rx = port->RxBlock;
     if (rx.Length == 0) {
         AskHost(port, PORT_READ, rx);
         if (rx.Error != 0) return PortGeneralError;
         if (rx.Length == 0) {
-            PumpMessages(5);
+            // A read that wanted bytes keeps the host's window alive while
+            // its caller polls; a zero-length request (the fill behind
+            // PeekChar and RxCount) only asks, so a sender checking for an
+            // answer between streamed blocks does not lose 5 ms each time.
+            if (length != 0) PumpMessages(5);
             port->Count = 0;
             return PortBufferEmpty;
         }
     }
     const uint32_t moved = std::min(length, rx.Length);
-    if (destination != nullptr && moved != 0) std::memcpy(destination, rx.Data, moved);
+    if (destination != nullptr) {
+        if (moved == 1)
+            *destination = *rx.Data; // the byte-wise readers' case
+        else if (moved != 0)
+            std::memcpy(destination, rx.Data, moved);
+    }
     port->Count = moved;
     rx.Data += moved;
     rx.Length -= moved;
@@ -44,9 +57,7 @@ int32_t ReadBuffer(XferPort *port, uint8_t *destination, uint32_t length) {
 }
 
 int32_t ReadChar(XferPort *port) {
-    uint8_t byte = 0;
-    const int32_t r = ReadBuffer(port, &byte, 1);
-    return r != 0 ? r : byte;
+    return ReadCharInline(port);
 }
 
 int32_t PeekChar(XferPort *port) {

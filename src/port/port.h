@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "platform/message.h"
 #include "zvxfer.h"
 
 namespace zvxfer {
@@ -25,9 +26,6 @@ int32_t IdleWait(XferPort *port, int32_t milliseconds);
 int32_t PumpMessages(uint32_t milliseconds);
 void PumpDelay(uint32_t milliseconds);
 
-// Call the port's idle hook (DefaultIdle when none is set).
-int32_t CallIdle(XferPort *port);
-
 // --- hooks ---
 
 // The process's hook record, created with defaults when there is none;
@@ -47,5 +45,17 @@ inline Fn LoadHook(Fn &field) {
 
 int32_t DefaultIdle(XferPort *port);
 XferFile DefaultFileOpen(XferRecord *record, const char *name, const char *mode);
+
+// Call the port's idle hook (DefaultIdle when none is set).  Inline
+// because every byte read goes through it: with the default hook and an
+// empty queue it costs one atomic load.
+inline int32_t CallIdle(XferPort *port) {
+    const XferIdleFn idle =
+        port != nullptr && port->Hooks != nullptr ? LoadHook(port->Hooks->IdleFunction) : nullptr;
+    if (idle == nullptr || idle == &DefaultIdle) {
+        return plat::InputPending() ? DefaultIdle(port) : 0;
+    }
+    return idle(port);
+}
 
 } // namespace zvxfer

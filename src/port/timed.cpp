@@ -7,6 +7,7 @@
 #include "platform/message.h"
 #include "platform/tick.h"
 #include "port/port.h"
+#include "port_internal.h"
 
 namespace zvxfer {
 
@@ -24,6 +25,7 @@ class LazyDeadline {
     bool Expired() {
         if (timeoutMs_ == -1) return false;
         const uint32_t now = plat::GetTickCount();
+        now_ = now;
         if (!started_) {
             deadline_ = now + static_cast<uint32_t>(timeoutMs_);
             started_ = true;
@@ -31,45 +33,57 @@ class LazyDeadline {
         return plat::TickReached(now, deadline_);
     }
 
-    // Sleep until input arrives, for at most the time left (and 5 ms).
+    // Sleep until new input arrives, for at most the time left (and 5 ms);
+    // messages the idle hook left queued do not cut the sleep short.
     void Pause() const {
         uint32_t wait = kRoundMs;
         if (timeoutMs_ != -1) {
-            const auto left = static_cast<int32_t>(deadline_ - plat::GetTickCount());
+            // Measured from the tick the last check read: the pause itself
+            // reads no clock.
+            const auto left = static_cast<int32_t>(deadline_ - now_);
             if (left <= 0) return;
             wait = std::min<uint32_t>(wait, static_cast<uint32_t>(left));
         }
-        plat::WaitForInput(wait);
+        plat::WaitForNewInput(wait);
     }
 
   private:
     int32_t timeoutMs_;
     bool started_ = false;
     uint32_t deadline_ = 0;
+    uint32_t now_ = 0;
 };
 
-} // namespace
-
-int32_t CallIdle(XferPort *port) {
-    const XferIdleFn idle =
-        port != nullptr && port->Hooks != nullptr ? LoadHook(port->Hooks->IdleFunction) : nullptr;
-    return idle != nullptr ? idle(port) : DefaultIdle(port);
-}
-
-int32_t ReadCharTimed(XferPort *port, int32_t timeoutMs) {
+// The waiting part of ReadCharTimed, kept out of line so that the common
+// case below stays a short leaf-like function.
+[[gnu::noinline]] int32_t ReadCharTimedWait(XferPort *port, int32_t timeoutMs, bool own) {
     LazyDeadline deadline(timeoutMs);
     for (;;) {
-        if (port->Ops.RxCount(port) != 0) return port->Ops.ReadChar(port);
+        if (own) {
+            if (port_ops::RxCount(port) != 0) return port_ops::ReadCharInline(port);
+        } else if (port->Ops.RxCount(port) != 0) {
+            return port->Ops.ReadChar(port);
+        }
         const int32_t idle = CallIdle(port);
         if (idle < 0) {
             port->Status = idle;
             return idle;
         }
         if (deadline.Expired()) return PortBufferEmpty;
-        // An empty read normally waited in the message pump already; a lost
-        // connection answers at once, so wait here instead of spinning.
-        if (port->RxBlock.Error != 0) deadline.Pause();
+        // Nothing came: sleep until input arrives (at most 5 ms a round).
+        deadline.Pause();
     }
+}
+
+} // namespace
+
+// On a port made by PortOpen whose host block still holds bytes, the count
+// and the read are taken inline: the same steps, without the calls.
+int32_t ReadCharTimed(XferPort *port, int32_t timeoutMs) {
+    const bool own =
+        port->Ops.RxCount == port_ops::RxCount && port->Ops.ReadChar == port_ops::ReadChar;
+    if (own && port->RxBlock.Length != 0) return port_ops::ReadCharInline(port);
+    return ReadCharTimedWait(port, timeoutMs, own);
 }
 
 int32_t WriteCharTimed(XferPort *port, uint8_t byte, int32_t timeoutMs) {
@@ -102,7 +116,7 @@ int32_t IdleWait(XferPort *port, int32_t milliseconds) {
         if (idle < 0) return idle;
         now = plat::GetTickCount();
         if (plat::TickReached(now, deadline)) break;
-        plat::WaitForInput(std::min<uint32_t>(kRoundMs, deadline - now));
+        plat::WaitForNewInput(std::min<uint32_t>(kRoundMs, deadline - now));
         now = plat::GetTickCount();
     }
     return 0;

@@ -69,3 +69,28 @@ TEST(WatchedFds, EventsAreReplacedAndTheTableIsBounded) {
 }
 
 } // namespace
+
+namespace {
+
+intptr_t Ignore(ZvHwnd, uint32_t, uintptr_t, intptr_t) {
+    return 0;
+}
+
+// A pause between wait rounds must sleep even when an idle hook leaves a
+// message queued, and still wake for a message posted afterwards.
+TEST(WaitForNewInput, QueuedMessagesDoNotCutThePauseShort) {
+    ZvHwnd w = ZvCreateWindow(Ignore, nullptr);
+    ZvPostMessage(w, ZV_WM_PAINT, 0, 0);
+    EXPECT_TRUE(zvxfer::plat::WaitForInput(1000)); // any input: returns at once
+    zvxfer::plat::WaitForNewInput(0);              // takes the old wake-up
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(zvxfer::plat::WaitForNewInput(30));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(25));
+
+    std::thread poster([w] { ZvPostMessage(w, ZV_WM_PAINT, 0, 0); });
+    EXPECT_TRUE(zvxfer::plat::WaitForNewInput(10000));
+    poster.join();
+    ZvDestroyWindow(w);
+}
+
+} // namespace

@@ -70,6 +70,7 @@ TEST(CrossThreadPort, ReadOnAPortWhoseHostThreadEndedDoesNotHang) {
     const uint8_t b = 1;
     EXPECT_EQ(port->Ops.WriteBuffer(port, &b, 1), 0); // nobody lowered Length
     port->Ops.PortClose(port);
+    ZvDestroyWindow(orphan);
 }
 
 } // namespace

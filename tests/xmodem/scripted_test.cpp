@@ -1,6 +1,7 @@
 // The XMODEM engine against a scripted peer: the peer's bytes are queued in a
 // test host up front and everything our side puts on the line is compared
 // byte for byte.  A scaled clock lets the multi-second waits pass quickly.
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -45,9 +46,11 @@ Bytes Pattern(std::size_t n, uint8_t seed = 1) {
 // One block on the line: header, number, complement, padded data, check.
 Bytes Block(uint8_t number, Bytes data, bool crc = true, std::size_t size = 128) {
     data.resize(size, 0);
-    Bytes out{static_cast<uint8_t>(size == 128 ? 0x01 : 0x02), number,
-              static_cast<uint8_t>(~number)};
-    out.insert(out.end(), data.begin(), data.end());
+    Bytes out(3 + size);
+    out[0] = static_cast<uint8_t>(size == 128 ? 0x01 : 0x02);
+    out[1] = number;
+    out[2] = static_cast<uint8_t>(~number);
+    std::copy(data.begin(), data.end(), out.begin() + 3);
     if (crc) {
         const uint16_t c = Crc16Block(static_cast<uint32_t>(size), 0, data.data());
         out.push_back(static_cast<uint8_t>(c >> 8));
