@@ -104,13 +104,20 @@ void YmReceiveBatch(XferRecord *r) {
         if (!XferInit(&copy)) break;
         copy.BlockNumber = 0;
         copy.FileSize = 0;
-        if (!XmSendNak(&copy) || !XmReceiveBlock(&copy) || !XmSendAck(&copy)) break;
+        if (!XmSendNak(&copy) || !XmReceiveBlock(&copy)) break;
+        const bool acknowledged = XmSendAck(&copy);
         if (copy.ProtocolHook != xm::SOH && copy.ProtocolHook != xm::STX) break;
 
         const auto length = static_cast<std::size_t>(copy.BlockSize);
         const auto *end = static_cast<const uint8_t *>(std::memchr(copy.Buffer, 0, length));
         const std::size_t nameLength = end ? static_cast<std::size_t>(end - copy.Buffer) : length;
-        if (nameLength == 0) break;
+        if (nameLength == 0) {
+            // The batch is complete.  A sender that hangs up right after its
+            // last block 0 cannot take the answer; that is no failure.
+            if (!acknowledged) copy.Result = 0;
+            break;
+        }
+        if (!acknowledged) break;
         const std::size_t kept = nameLength < sizeof received ? nameLength : sizeof received - 1;
         std::memcpy(received, copy.Buffer, kept);
         received[kept] = 0;

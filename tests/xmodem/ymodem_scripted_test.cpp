@@ -103,6 +103,23 @@ TEST_F(YmodemScripted, FolderWithoutSlashIsANamePrefix) {
     EXPECT_EQ(std::filesystem::file_size(tree_.Path("infile.bin")), 3u);
 }
 
+TEST_F(YmodemScripted, StreamingSenderThatHangsUpAfterTheLastBlock0LeavesAGoodBatch) {
+    Open(tree_.Folder());
+    Bytes peer = Block0(std::string("g.bin") + '\0' + "5");
+    Append(peer, Block(1, Data(5), 128));
+    peer.push_back(EOT);
+    Append(peer, Block0(""));
+    host_.Receive(peer);
+    // Writes: 'G', ACK (block 0), 'G', ACK (EOT), 'G'; the line is gone for
+    // the answer to the batch-ending block 0.
+    int writes = 0;
+    host_.OnRequest([&writes](TestHost &h, uintptr_t request) {
+        if (request == PORT_WRITE && ++writes == 6) h.SetWriteError(true);
+    });
+    EXPECT_EQ(YmodemReceiveWithOptions(port_, nullptr, nullptr, 1011, 0), 1);
+    EXPECT_EQ(std::filesystem::file_size(tree_.Path("g.bin")), 5u);
+}
+
 TEST_F(YmodemScripted, SenderPutsBlock0BeforeEachFileAndEndsWithAnEmptyOne) {
     Open(tree_.Folder());
     const Bytes data = Data(1000);
