@@ -6,21 +6,23 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "../core/temp_tree.h"
 #include "fake_clock.h"
 #include "test_host.h"
+#include "wire_blocks.h"
 #include "xmodem/xmodem.h"
 #include "zvxfer.h"
 
 namespace zvxfer {
 namespace {
 
+using test::Bytes;
 using test::FakeClock;
 using test::TempTree;
 using test::TestHost;
-using Bytes = std::vector<uint8_t>;
 
 constexpr uint8_t ACK = 0x06, NAK = 0x15, EOT = 0x04, CAN = 0x18;
 
@@ -43,29 +45,10 @@ Bytes Pattern(std::size_t n, uint8_t seed = 1) {
     return data;
 }
 
-// One block on the line: header, number, complement, padded data, check.
 Bytes Block(uint8_t number, Bytes data, bool crc = true, std::size_t size = 128) {
-    data.resize(size, 0);
-    Bytes out(3 + size);
-    out[0] = static_cast<uint8_t>(size == 128 ? 0x01 : 0x02);
-    out[1] = number;
-    out[2] = static_cast<uint8_t>(~number);
-    std::copy(data.begin(), data.end(), out.begin() + 3);
-    if (crc) {
-        const uint16_t c = Crc16Block(static_cast<uint32_t>(size), 0, data.data());
-        out.push_back(static_cast<uint8_t>(c >> 8));
-        out.push_back(static_cast<uint8_t>(c));
-    } else {
-        out.push_back(XmChecksum(data));
-    }
-    return out;
+    return test::WireBlock(number, std::move(data), crc, size);
 }
-
-Bytes Cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const auto &p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
+using test::Cat;
 
 Bytes CancelString() {
     Bytes out(10, CAN);

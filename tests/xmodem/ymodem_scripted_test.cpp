@@ -1,41 +1,34 @@
 // YMODEM batches against a scripted peer: block 0 on the wire, receive-side
 // naming in the port's folder, exact sizes and file times.
 #include <algorithm>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
-#include <fcntl.h>
 #include <sys/stat.h>
+#include <utility>
 #include <vector>
 
 #include "../core/temp_tree.h"
 #include "fake_clock.h"
 #include "test_host.h"
+#include "wire_blocks.h"
 #include "xmodem/xmodem.h"
 #include "zvxfer.h"
 
 namespace zvxfer {
 namespace {
 
+using test::Bytes;
 using test::FakeClock;
 using test::TempTree;
 using test::TestHost;
-using Bytes = std::vector<uint8_t>;
 
 constexpr uint8_t ACK = 0x06, EOT = 0x04;
 
 Bytes Block(uint8_t number, Bytes data, std::size_t size) {
-    data.resize(size, 0);
-    Bytes out(3 + size);
-    out[0] = static_cast<uint8_t>(size == 128 ? 0x01 : 0x02);
-    out[1] = number;
-    out[2] = static_cast<uint8_t>(~number);
-    std::copy(data.begin(), data.end(), out.begin() + 3);
-    const uint16_t c = Crc16Block(static_cast<uint32_t>(size), 0, data.data());
-    out.push_back(static_cast<uint8_t>(c >> 8));
-    out.push_back(static_cast<uint8_t>(c));
-    return out;
+    return test::WireBlock(number, std::move(data), true, size);
 }
 
 Bytes Block0(const std::string &text) {
