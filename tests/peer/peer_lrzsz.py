@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 # Interoperability of the zvxfer program with the X/YMODEM programs of lrzsz
 # (sx, rx, sb, rb), run as black boxes: both directions, over crossed pipes
-# and over a real pty pair, every run under a deadline.
+# and our own program against itself over a real pty pair, every run under a
+# deadline.
 #
 # usage: peer_lrzsz.py ZVXFER CASE      (CASE "list" prints the case names)
 import os
@@ -197,29 +198,6 @@ def case_ymodem_send_empty_refused(c):
 
 
 # --- over a real pty pair -----------------------------------------------------
-
-def case_pty_ymodem_to_peer(c):
-    files = c.batch()[1:] + [make_file(c.src, "mid.bin", 30000, 7)]
-    runs = wiring.pty_pair([c.z, "send", "-p", "ymodem", "-q"] + files, [peer("rb"), "-q"],
-                           c.work, cwd_master=c.out, deadline_s=90)
-    # The peer may lose its last bytes on a pty; ours must still end, and
-    # every file must have arrived whole.
-    check(not runs[0].killed, "our sender hung on the pty", runs)
-    for f in files:
-        same_ymodem(f, os.path.join(c.out, os.path.basename(f)), runs)
-    check_exits(runs)
-
-
-def case_pty_ymodem_from_peer(c):
-    files = c.batch()[1:] + [make_file(c.src, "mid.bin", 30000, 8)]
-    runs = wiring.pty_pair([peer("sb"), "-q"] + files,
-                           [c.z, "receive", "-p", "ymodem", "-q", "-d", c.out], c.work,
-                           deadline_s=90)
-    check(not runs[1].killed, "our receiver hung on the pty", runs)
-    for f in files:
-        same_ymodem(f, os.path.join(c.out, os.path.basename(f)), runs)
-    check(runs[1].rc == 0, "our receiver exited %s" % runs[1].rc, runs)
-
 
 def case_pty_ymodem_ourselves(c):
     files = c.batch()
