@@ -10,18 +10,15 @@ import os
 import random
 import re
 import select
-import shutil
 import signal
 import subprocess
 import sys
 import tempfile
 import time
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+from case_runner import Failure, run_cases  # noqa: E402
 
 SOH, STX, EOT, ACK, NAK, CAN = 0x01, 0x02, 0x04, 0x06, 0x15, 0x18
-
-
-class Failure(Exception):
-    pass
 
 
 def check(cond, what):
@@ -283,22 +280,7 @@ CASES = {name[5:]: fn for name, fn in globals().items() if name.startswith("case
 
 
 def main():
-    if len(sys.argv) != 3:
-        print("usage: cli_checks.py ZVXFER CASE", file=sys.stderr)
-        return 2
-    zvxfer, name = sys.argv[1], sys.argv[2]
-    if name == "list":
-        print("\n".join(CASES))
-        return 0
-    work = tempfile.mkdtemp(prefix="zvxfer-cli-")
-    try:
-        CASES[name](os.path.abspath(zvxfer), work)
-    except Failure as e:
-        print("FAILED %s: %s\n(files kept in %s)" % (name, e, work), file=sys.stderr)
-        return 1
-    shutil.rmtree(work)
-    print("passed", name)
-    return 0
+    return run_cases(CASES, "zvxfer-cli-", lambda case, zvxfer, work: case(zvxfer, work))
 
 
 if __name__ == "__main__":

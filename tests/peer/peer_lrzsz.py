@@ -9,17 +9,14 @@ import os
 import random
 import shutil
 import sys
-import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import wiring  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+from case_runner import Failure, run_cases  # noqa: E402
 
 MTIME = 1614860000  # a fixed time in the past, so a kept time cannot be "now"
 PEERS = ("sx", "rx", "sb", "rb")
-
-
-class Failure(Exception):
-    pass
 
 
 def peer(name):
@@ -221,25 +218,14 @@ def case_pty_xmodem_1k_ourselves(c):
 CASES = {name[5:]: fn for name, fn in globals().items() if name.startswith("case_")}
 
 
+def run(case, zvxfer, work):
+    for p in PEERS:
+        peer(p)  # a missing peer program fails every case with a clear message
+    case(Case(zvxfer, work))
+
+
 def main():
-    if len(sys.argv) != 3:
-        print(__doc__ or "usage: peer_lrzsz.py ZVXFER CASE", file=sys.stderr)
-        return 2
-    zvxfer, name = sys.argv[1], sys.argv[2]
-    if name == "list":
-        print("\n".join(CASES))
-        return 0
-    work = tempfile.mkdtemp(prefix="zvxfer-peer-")
-    try:
-        for p in PEERS:
-            peer(p)
-        CASES[name](Case(os.path.abspath(zvxfer), work))
-    except Failure as e:
-        print("FAILED %s: %s\n(files kept in %s)" % (name, e, work), file=sys.stderr)
-        return 1
-    shutil.rmtree(work)
-    print("passed", name)
-    return 0
+    return run_cases(CASES, "zvxfer-peer-", run)
 
 
 if __name__ == "__main__":

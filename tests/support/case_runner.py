@@ -1,0 +1,31 @@
+# The command line shared by the scripted test programs (peer and CLI tests):
+#   SCRIPT ZVXFER CASE   run one case in a fresh work folder (kept on failure)
+#   SCRIPT - list        print the case names, one a line (CTest registers them)
+import os
+import shutil
+import sys
+import tempfile
+
+
+class Failure(Exception):
+    pass
+
+
+def run_cases(cases, prefix, run):
+    """`cases` maps names to case functions; `run(case, zvxfer, work)` calls one."""
+    if len(sys.argv) != 3:
+        print("usage: %s ZVXFER CASE" % os.path.basename(sys.argv[0]), file=sys.stderr)
+        return 2
+    zvxfer, name = sys.argv[1], sys.argv[2]
+    if name == "list":
+        print("\n".join(cases))
+        return 0
+    work = tempfile.mkdtemp(prefix=prefix)
+    try:
+        run(cases[name], os.path.abspath(zvxfer), work)
+    except Failure as e:
+        print("FAILED %s: %s\n(files kept in %s)" % (name, e, work), file=sys.stderr)
+        return 1
+    shutil.rmtree(work)
+    print("passed", name)
+    return 0
