@@ -1,0 +1,214 @@
+// Finding and reading one header: the hunt for ZPAD through line noise
+// (with its silence, garbage and cancel limits), the format character, and
+// the hex, binary CRC-16 and binary CRC-32 header bodies.
+#include <cctype>
+
+#include "core/core.h"
+#include "platform/tick.h"
+#include "port/port.h"
+#include "xmodem/xmodem.h"
+#include "zmodem/zmodem.h"
+
+namespace zvxfer {
+namespace {
+
+constexpr int32_t kSilentSecondsLimit = 10;
+constexpr int32_t kCancelRun = 5;
+constexpr uint32_t kHexTailMs = 55;
+
+// A byte of noise; the hunt gives up after kGarbageLimit of them.
+void CountGarbage(XferRecord *record) {
+    intptr_t &garbage = ZmGarbageCount(record);
+    ++garbage;
+    if (garbage % 512 == 0) XferStatus(record, 0, "GetPad: incoming garbage");
+}
+
+// The header's data bytes and check: `count` values through `read` into one
+// running check; returns the last negative read, or 0.
+template <typename Read, typename Step>
+int32_t ReadBody(XferRecord *record, int count, Read read, Step step) {
+    uint8_t *data = ZmHeaderData(record);
+    for (int i = 0; i < count; ++i) {
+        const int32_t c = read(record);
+        if (c < 0) return c;
+        step(static_cast<uint8_t>(c));
+        if (i >= 1 && i <= 4) data[i - 1] = static_cast<uint8_t>(c);
+    }
+    return 0;
+}
+
+} // namespace
+
+int GetPad(XferRecord *record) {
+    XferPort *port = record->Port;
+    intptr_t &cans = ZmCanCount(record);
+    intptr_t &garbage = ZmGarbageCount(record);
+    cans = 0;
+    int32_t silentSeconds = 0;
+    for (;;) {
+        if (RxEmpty(port) != 0 && XferCheckAbort(record)) return 0;
+        const int32_t c = ReadCharTimed(port, 1000);
+        if (c < 0) {
+            if (++silentSeconds >= kSilentSecondsLimit) {
+                XferStatusMessage(record, 1, 28296);
+                record->Result = XferErrNoFilesSent;
+                return 0;
+            }
+            if (XferCheckAbort(record)) return 0;
+            continue;
+        }
+        if (c == zm::ZPAD) return 1;
+        if (c == zm::CAN) {
+            silentSeconds = 0;
+            if (++cans >= kCancelRun) {
+                record->Result = XferErrRemoteAbort;
+                XferStatusMessage(record, 1, 28297);
+                XferCleanup(record);
+                return 0;
+            }
+            if (XferCheckAbort(record)) return 0;
+            if (ReadCharTimed(port, 120) == zm::CAN) {
+                ++cans;
+            } else {
+                CountGarbage(record);
+                cans = 0;
+            }
+        } else {
+            silentSeconds = 0;
+            cans = 0;
+            CountGarbage(record);
+            if (garbage % 256 == 0 && XferCheckAbort(record)) return 0;
+        }
+        if (garbage >= zm::kGarbageLimit) {
+            XferStatus(record, 0, "GetPad: Exceeded garbage count");
+            return 0;
+        }
+    }
+}
+
+int32_t GetHeaderType(XferRecord *record) {
+    int32_t c;
+    do {
+        c = ReadChar7(record);
+    } while (c == zm::ZPAD);
+    if (c == zm::ZDLE) {
+        c = ReadChar7(record);
+        if (c < 0) XferStatus(record, 0, "GetHeaderType: error char %d", static_cast<int>(c));
+        return c;
+    }
+    if (c < 0) {
+        XferStatus(record, 0, "GetHeaderType: error char %d", static_cast<int>(c));
+        return c;
+    }
+    ++ZmGarbageCount(record);
+    return 0;
+}
+
+int32_t ReadHexHeader(XferRecord *record) {
+    ZmHexSeen(record) = 0;
+    uint16_t crc = 0;
+    int32_t type = -1;
+    const int32_t r = ReadBody(record, 7, ReadHexByte, [&](uint8_t b) {
+        if (type < 0) type = b;
+        crc = Crc16Update(crc, b);
+    });
+    if (r < 0) return r;
+    if (crc != 0) {
+        XferStatusMessage(record, 0, 28298);
+        return -1;
+    }
+    // The header line ends with CR LF (and XON after most types).  Take up
+    // to five of the characters that arrive within 55 ms; the look ends at
+    // the LF, so a line that is already complete costs no waiting.
+    XferPort *port = record->Port;
+    const uint32_t deadline = plat::GetTickCount() + kHexTailMs;
+    for (int round = 0; round < 5; ++round) {
+        const auto left = static_cast<int32_t>(deadline - plat::GetTickCount());
+        const int32_t c = ReadCharTimed(port, left > 1 ? left : 1);
+        if (c < 0) break;
+        const int32_t ch = c & 0x7F;
+        if (ch == '\n') break;
+        if (ch != '\r' && ch != zm::XON) return -1;
+    }
+    ZmHexSeen(record) = 1;
+    return type;
+}
+
+int32_t ReadBinHeader16(XferRecord *record) {
+    uint16_t crc = 0;
+    int32_t type = -1;
+    const int32_t r = ReadBody(record, 7, ReadEscaped, [&](uint8_t b) {
+        if (type < 0) type = b;
+        crc = Crc16Update(crc, b);
+    });
+    if (r < 0) return r;
+    if (crc != 0) {
+        XferStatusMessage(record, 0, 28299);
+        return -1;
+    }
+    return type;
+}
+
+int32_t ReadBinHeader32(XferRecord *record) {
+    uint32_t crc = 0xFFFFFFFFu;
+    int32_t type = -1;
+    const int32_t r = ReadBody(record, 9, ReadEscaped, [&](uint8_t b) {
+        if (type < 0) type = b;
+        crc = Crc32Update(crc, b);
+    });
+    if (r < 0) return r;
+    if (crc != zm::kCrc32Good) {
+        XferStatusMessage(record, 0, 28300);
+        return -1;
+    }
+    return type;
+}
+
+int32_t ReadFrameHeader(XferRecord *record, int returnOnError) {
+    ZmGarbageCount(record) = 0;
+    int32_t &format = ZmHeaderFormat(record);
+    for (;;) {
+        if (GetPad(record)) {
+            format = GetHeaderType(record);
+        } else {
+            format = PortBufferEmpty;
+            if (record->Result < 0) return record->Result;
+        }
+        int32_t outcome;
+        switch (format) {
+        case 0:
+            if (ZmGarbageCount(record) < zm::kGarbageLimit) continue;
+            XferStatus(record, 0, "GetPad: Exceeded garbage count");
+            outcome = -1;
+            break;
+        case zm::ZBIN:
+            outcome = ReadBinHeader16(record);
+            break;
+        case zm::ZHEX:
+            outcome = ReadHexHeader(record);
+            break;
+        case zm::ZBIN32:
+            outcome = ReadBinHeader32(record);
+            break;
+        default:
+            if (format >= 0 && format < 0x100 && std::isprint(format))
+                XferStatus(record, 0, "ReadFrameHeader: Header Type %c", static_cast<char>(format));
+            else
+                XferStatus(record, 0, "ReadFrameHeader: Header Type <%d>",
+                           static_cast<int>(format));
+            outcome = -1;
+            break;
+        }
+        if (outcome >= 0) return outcome;
+        XferStatus(record, 0, "ReadFrameHeader: Frame type %d", static_cast<int>(outcome));
+        if (record->Result < 0) return record->Result;
+        record->ErrorTotal++;
+        if (++record->ErrorRun >= ZmMaxErrors(record)) {
+            record->Result = XferErrTooManyErrors;
+            return XferErrTooManyErrors;
+        }
+        if (returnOnError) return outcome;
+    }
+}
+
+} // namespace zvxfer

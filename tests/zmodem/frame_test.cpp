@@ -1,0 +1,297 @@
+// The ZMODEM frame layer: exact header and subpacket bytes, the escaping,
+// both CRCs, and the readers against scripted line input (noise, cancels,
+// silence, damaged checks, a subpacket's CRC following its header).
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "fake_clock.h"
+#include "platform/heap.h"
+#include "port/port.h"
+#include "test_host.h"
+#include "xmodem/xmodem.h"
+#include "zmodem/zmodem.h"
+#include "zvxfer.h"
+
+namespace zvxfer {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using test::FakeClock;
+using test::TestHost;
+
+std::vector<std::string> g_lines;
+
+int32_t Status(XferRecord *, int32_t level, const char *text) {
+    g_lines.push_back(std::to_string(level) + " " + text);
+    return 0;
+}
+
+// A status line of this level whose text holds `fragment`.
+bool Logged(int level, const std::string &fragment) {
+    for (const auto &line : g_lines)
+        if (line[0] == '0' + level && line.find(fragment) != std::string::npos) return true;
+    return false;
+}
+
+Bytes Str(const std::string &s) {
+    return Bytes(s.begin(), s.end());
+}
+
+Bytes Header(int type, std::initializer_list<uint8_t> data, char format) {
+    const uint8_t d[4] = {data.begin()[0], data.begin()[1], data.begin()[2], data.begin()[3]};
+    uint8_t out[64];
+    const std::size_t n = format == 'B' ? ZmFormatHexHeader(out, type, d)
+                                        : ZmFormatBinHeader(out, type, d, format == 'C');
+    return Bytes(out, out + n);
+}
+
+template <typename... Parts>
+Bytes Cat(const Parts &...parts) {
+    Bytes out;
+    (out.insert(out.end(), parts.begin(), parts.end()), ...);
+    return out;
+}
+
+Bytes Subpacket(const Bytes &data, uint8_t end, bool crc32) {
+    std::vector<uint8_t> out(zm::kMaxSubpacketWire);
+    out.resize(ZmFormatSubpacket(out.data(), data, end, crc32));
+    return out;
+}
+
+TEST(ZmodemCodec, Crc32MatchesTheStandardCheckValue) {
+    const std::string text = "123456789";
+    const auto *bytes = reinterpret_cast<const uint8_t *>(text.data());
+    EXPECT_EQ(~Crc32Block(9, 0xFFFFFFFFu, bytes), 0xCBF43926u);
+    // Running the update over data and the sent complement leaves the residue.
+    uint32_t crc = Crc32Block(9, 0xFFFFFFFFu, bytes);
+    const uint32_t sent = ~crc;
+    for (int i = 0; i < 4; ++i) crc = Crc32Update(crc, static_cast<uint8_t>(sent >> (8 * i)));
+    EXPECT_EQ(crc, zm::kCrc32Good);
+}
+
+TEST(ZmodemCodec, HexHeadersAreExactAndXonFollowsAllButZfinAndZack) {
+    EXPECT_EQ(Header(zm::ZRINIT, {0, 0, 0, 0x27}, 'B'),
+              Str(std::string("**\x18"
+                              "B0100000027fed4\r\n\x11")));
+    const Bytes fin = Header(zm::ZFIN, {0, 0, 0, 0}, 'B');
+    EXPECT_EQ(fin.size(), 20u);
+    EXPECT_EQ(Bytes(fin.end() - 2, fin.end()), Str("\r\n"));
+    EXPECT_EQ(Header(zm::ZACK, {0, 0, 0, 0}, 'B').back(), '\n');
+    EXPECT_EQ(Header(zm::ZRPOS, {0, 0, 0, 0}, 'B').back(), zm::XON);
+}
+
+TEST(ZmodemCodec, ExactlyTheNineValuesAreEscaped) {
+    const Bytes escaped{0x0D, 0x10, 0x11, 0x13, 0x18, 0x8D, 0x90, 0x91, 0x93};
+    for (int v = 0; v < 256; ++v) {
+        uint8_t out[2];
+        const std::size_t n = ZmEscape(out, static_cast<uint8_t>(v));
+        const bool expected = std::find(escaped.begin(), escaped.end(), v) != escaped.end();
+        ASSERT_EQ(n, expected ? 2u : 1u) << v;
+        if (expected) {
+            EXPECT_EQ(out[0], zm::ZDLE);
+            EXPECT_EQ(out[1], v ^ 0x40);
+        } else {
+            EXPECT_EQ(out[0], v);
+        }
+    }
+    uint8_t out[2];
+    ZmEscape(out, 0x8D);
+    EXPECT_EQ(out[1], 0xCD);
+}
+
+TEST(ZmodemCodec, BinaryHeadersCarryTheirCheckInLineOrder) {
+    // CRC-16: high byte first; CRC-32: complement, low byte first.
+    const Bytes h16 = Header(zm::ZDATA, {1, 2, 3, 4}, 'A');
+    const uint8_t body[5] = {zm::ZDATA, 1, 2, 3, 4};
+    const uint16_t c16 = Crc16Block(5, 0, body);
+    EXPECT_EQ(h16, (Bytes{'*', 0x18, 'A', zm::ZDATA, 1, 2, 3, 4, static_cast<uint8_t>(c16 >> 8),
+                          static_cast<uint8_t>(c16)}));
+    const Bytes h32 = Header(zm::ZDATA, {1, 2, 3, 4}, 'C');
+    const uint32_t c32 = ~Crc32Block(5, 0xFFFFFFFFu, body);
+    ASSERT_EQ(h32.size(), 12u);
+    EXPECT_EQ(h32[2], 'C');
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(h32[8 + i], static_cast<uint8_t>(c32 >> (8 * i)));
+}
+
+TEST(ZmodemCodec, SubpacketEndsWithZdleEndCheckAndXonAfterZcrcw) {
+    const Bytes s = Subpacket({0x18, 0x7F, 0x1B}, zm::ZCRCW, false);
+    ASSERT_GE(s.size(), 8u);
+    EXPECT_EQ(Bytes(s.begin(), s.begin() + 6), (Bytes{0x18, 0x58, 0x7F, 0x1B, 0x18, zm::ZCRCW}));
+    EXPECT_EQ(s.back(), zm::XON);
+    EXPECT_NE(Subpacket({1}, zm::ZCRCG, true).back(), zm::XON);
+    // Worst case: every byte escaped still fits the declared wire size.
+    EXPECT_LE(Subpacket(Bytes(1024, 0x18), zm::ZCRCW, true).size(), zm::kMaxSubpacketWire);
+}
+
+// A record on a port whose line input is scripted.
+class ZmodemReader : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        g_lines.clear();
+        port_ = PortOpen(0, host_.Window(), "/tmp/", XFER_EXISTING_OVERWRITE);
+        ASSERT_NE(port_, nullptr);
+        record_.Port = port_;
+        record_.StatusCallback = Status;
+        record_.Buffer = static_cast<uint8_t *>(plat::HeapAllocZero(zm::kMaxSubpacket));
+        record_.Protocol = Zmodem;
+        ZmMaxErrors(&record_) = 10;
+    }
+    void TearDown() override {
+        plat::HeapFreeBlock(record_.Buffer); // unless a clean-up already did
+        port_->Ops.PortClose(port_);
+    }
+    void Line(const Bytes &bytes) { host_.Receive(bytes); }
+    Bytes Data() const { return Bytes(record_.Buffer, record_.Buffer + record_.BlockSize); }
+    Bytes HeaderData() { return Bytes(ZmHeaderData(&record_), ZmHeaderData(&record_) + 4); }
+
+    FakeClock clock_{FakeClock::Scaled{1000}};
+    TestHost host_;
+    XferPort *port_ = nullptr;
+    XferRecord record_{};
+};
+
+TEST_F(ZmodemReader, EscapedBytesAndSubpacketEnds) {
+    Line({0x18, 'l', 0x18, 'm', 0x18, 'A', 0x18, 'h', 0x18, 'k', 0x7F, 0x18, 0x18, 0x58});
+    EXPECT_EQ(ReadEscaped(&record_), 0x7F);
+    EXPECT_EQ(ReadEscaped(&record_), 0xFF);
+    EXPECT_EQ(ReadEscaped(&record_), 0x01);
+    EXPECT_EQ(ReadEscaped(&record_), 0x168);
+    EXPECT_EQ(ReadEscaped(&record_), 0x16B);
+    EXPECT_EQ(ReadEscaped(&record_), 0x7F);
+    // ZDLE CAN then 'X': the CAN run is broken and 'X' decodes.
+    EXPECT_EQ(ReadEscaped(&record_), 0x18);
+    EXPECT_EQ(ReadEscaped(&record_), -8); // nothing more: the read times out
+}
+
+TEST_F(ZmodemReader, FiveCansInsideDataCancel) {
+    Line({0x18, 0x18, 0x18, 0x18, 0x18});
+    EXPECT_EQ(ReadEscaped(&record_), XferErrRemoteAbort);
+    EXPECT_EQ(record_.Result, XferErrRemoteAbort);
+    EXPECT_TRUE(Logged(1, "Transfer cancelled by the other side"));
+}
+
+TEST_F(ZmodemReader, HeadersOfEveryFormatRoundTrip) {
+    for (char format : {'A', 'B', 'C'}) {
+        SCOPED_TRACE(format);
+        Line(Header(zm::ZRPOS, {0x10, 0x20, 0x30, 0x40}, format));
+        EXPECT_EQ(ReadFrameHeader(&record_, 1), zm::ZRPOS);
+        EXPECT_EQ(ZmHeaderFormat(&record_), format);
+        EXPECT_EQ(ZmGetPosition(ZmHeaderData(&record_)), 0x40302010);
+        if (format == 'B') {
+            EXPECT_EQ(ZmHexSeen(&record_), 1);
+        }
+        EXPECT_EQ(host_.Unread(), 0u);
+    }
+    EXPECT_EQ(record_.ErrorTotal, 0);
+}
+
+TEST_F(ZmodemReader, DamagedOrMisspelledHeadersCountOneError) {
+    Bytes bad16 = Header(zm::ZDATA, {0, 0, 0, 0}, 'A');
+    bad16[5] ^= 0x01;
+    Bytes bad32 = Header(zm::ZDATA, {0, 0, 0, 0}, 'C');
+    bad32[9] ^= 0x01;
+    const Bytes capital = Str(std::string("**\x18"
+                                          "B0100000027FED4\r\n"));
+    for (const Bytes &bad : {bad16, bad32, capital}) {
+        record_.ErrorRun = 0;
+        Line(bad);
+        EXPECT_EQ(ReadFrameHeader(&record_, 1), -1);
+        EXPECT_EQ(record_.ErrorRun, 1);
+        while (ReadCharTimed(port_, 0) >= 0) {
+        }
+    }
+    EXPECT_TRUE(Logged(0, "CRC-16 error"));
+    EXPECT_TRUE(Logged(0, "CRC-32 error"));
+    EXPECT_EQ(record_.Result, 0);
+}
+
+TEST_F(ZmodemReader, UnknownFormatAndTrailingGarbageAfterHexHeader) {
+    Line(Str("*\x18Z"));
+    EXPECT_EQ(ReadFrameHeader(&record_, 1), -1);
+    EXPECT_TRUE(Logged(0, "ReadFrameHeader: Header Type Z"));
+    Bytes hex = Header(zm::ZACK, {0, 0, 0, 0}, 'B');
+    hex.insert(hex.end() - 2, 'x'); // something other than CR, LF, XON
+    Line(hex);
+    EXPECT_EQ(ReadFrameHeader(&record_, 1), -1);
+    EXPECT_EQ(record_.ErrorTotal, 2);
+}
+
+TEST_F(ZmodemReader, NoiseLimitIs2048CharactersPerHeader) {
+    Line(Cat(Bytes(2047, 'x'), Header(zm::ZFIN, {0, 0, 0, 0}, 'B')));
+    EXPECT_EQ(ReadFrameHeader(&record_, 1), zm::ZFIN);
+    EXPECT_EQ(record_.ErrorTotal, 0);
+
+    Line(Cat(Bytes(2048, 'x'), Header(zm::ZFIN, {0, 0, 0, 0}, 'B')));
+    EXPECT_EQ(ReadFrameHeader(&record_, 1), -1);
+    EXPECT_EQ(record_.ErrorTotal, 1);
+    EXPECT_TRUE(Logged(0, "GetPad: Exceeded garbage count"));
+    EXPECT_EQ(ReadFrameHeader(&record_, 1), zm::ZFIN); // the header is still there
+}
+
+TEST_F(ZmodemReader, CancelRunsWhileHunting) {
+    Line(Cat(Bytes(4, zm::CAN), Header(zm::ZRINIT, {0, 0, 0, 0x27}, 'B')));
+    EXPECT_EQ(ReadFrameHeader(&record_, 1), zm::ZRINIT);
+    EXPECT_EQ(record_.Result, 0);
+
+    Line(Bytes(5, zm::CAN));
+    EXPECT_EQ(ReadFrameHeader(&record_, 1), XferErrRemoteAbort);
+    EXPECT_EQ(ZmHeaderFormat(&record_), -8);
+}
+
+TEST_F(ZmodemReader, TenSilentSecondsEndTheHunt) {
+    EXPECT_EQ(ReadFrameHeader(&record_, 0), XferErrNoFilesSent);
+    EXPECT_EQ(record_.Result, XferErrNoFilesSent);
+    EXPECT_TRUE(Logged(1, "No response for 10 seconds"));
+}
+
+TEST_F(ZmodemReader, ErrorRunReachingTheLimitGives610) {
+    ZmMaxErrors(&record_) = 3;
+    Bytes bad = Header(zm::ZDATA, {0, 0, 0, 0}, 'A');
+    bad.back() ^= 0x01;
+    for (int i = 0; i < 3; ++i) Line(bad);
+    EXPECT_EQ(ReadFrameHeader(&record_, 0), XferErrTooManyErrors);
+    EXPECT_EQ(record_.ErrorRun, 3);
+}
+
+TEST_F(ZmodemReader, SubpacketCheckFollowsTheHeaderFormat) {
+    Bytes data(1024);
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
+    // A CRC-32 header, then a CRC-32 subpacket: good.
+    Line(Cat(Header(zm::ZDATA, {0, 0, 0, 0}, 'C'), Subpacket(data, zm::ZCRCG, true)));
+    ASSERT_EQ(ReadFrameHeader(&record_, 1), zm::ZDATA);
+    EXPECT_EQ(ReadDataSubpacket(&record_), zm::ZCRCG);
+    EXPECT_EQ(Data(), data);
+    // A hex header, then the same CRC-32 subpacket: checked as CRC-16, fails.
+    Line(Cat(Header(zm::ZDATA, {0, 0, 0, 0}, 'B'), Subpacket({1, 2, 3}, zm::ZCRCE, true)));
+    ASSERT_EQ(ReadFrameHeader(&record_, 1), zm::ZDATA);
+    EXPECT_EQ(ReadDataSubpacket(&record_), -1);
+    while (ReadCharTimed(port_, 0) >= 0) {
+    }
+    // A CRC-16 header with a CRC-16 subpacket that ends the frame.
+    Line(Cat(Header(zm::ZDATA, {0, 0, 0, 0}, 'A'), Subpacket({}, zm::ZCRCW, false)));
+    ASSERT_EQ(ReadFrameHeader(&record_, 1), zm::ZDATA);
+    EXPECT_EQ(ReadDataSubpacket(&record_), zm::ZCRCW);
+    EXPECT_EQ(record_.BlockSize, 0);
+}
+
+TEST_F(ZmodemReader, OverlongSubpacketIsRefused) {
+    ZmHeaderFormat(&record_) = 'C';
+    Line(Bytes(1025, 'a'));
+    EXPECT_EQ(ReadDataSubpacket(&record_), PortUserBufferOverflow);
+}
+
+TEST_F(ZmodemReader, SendersWriteOneBufferPerFrame) {
+    record_.ProtocolFlag = zm::CANFC32;
+    const uint8_t pos[4] = {0, 4, 0, 0};
+    SendBinHeader(&record_, zm::ZDATA, pos);
+    for (int i = 0; i < 3; ++i) record_.Buffer[i] = static_cast<uint8_t>(0x11 + i);
+    EXPECT_EQ(SendDataSubpacket(&record_, 3, zm::ZCRCW), 0);
+    EXPECT_EQ(host_.WriteRequests(), 2);
+    EXPECT_EQ(host_.Written(), Cat(Header(zm::ZDATA, {0, 4, 0, 0}, 'C'),
+                                   Subpacket({0x11, 0x12, 0x13}, zm::ZCRCW, true)));
+}
+
+} // namespace
+} // namespace zvxfer
