@@ -11,14 +11,17 @@
 #include "port/port.h"
 #include "test_host.h"
 #include "xmodem/xmodem.h"
+#include "zm_wire.h"
 #include "zmodem/zmodem.h"
 #include "zvxfer.h"
 
 namespace zvxfer {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using test::Bytes;
+using test::Cat;
 using test::FakeClock;
+using test::Str;
 using test::TestHost;
 
 std::vector<std::string> g_lines;
@@ -35,31 +38,6 @@ bool Logged(int level, const std::string &fragment) {
     return false;
 }
 
-Bytes Str(const std::string &s) {
-    return Bytes(s.begin(), s.end());
-}
-
-Bytes Header(int type, std::initializer_list<uint8_t> data, char format) {
-    const uint8_t d[4] = {data.begin()[0], data.begin()[1], data.begin()[2], data.begin()[3]};
-    uint8_t out[64];
-    const std::size_t n = format == 'B' ? ZmFormatHexHeader(out, type, d)
-                                        : ZmFormatBinHeader(out, type, d, format == 'C');
-    return Bytes(out, out + n);
-}
-
-template <typename... Parts>
-Bytes Cat(const Parts &...parts) {
-    Bytes out;
-    (out.insert(out.end(), parts.begin(), parts.end()), ...);
-    return out;
-}
-
-Bytes Subpacket(const Bytes &data, uint8_t end, bool crc32) {
-    std::vector<uint8_t> out(zm::kMaxSubpacketWire);
-    out.resize(ZmFormatSubpacket(out.data(), data, end, crc32));
-    return out;
-}
-
 TEST(ZmodemCodec, Crc32MatchesTheStandardCheckValue) {
     const std::string text = "123456789";
     const auto *bytes = reinterpret_cast<const uint8_t *>(text.data());
@@ -72,14 +50,14 @@ TEST(ZmodemCodec, Crc32MatchesTheStandardCheckValue) {
 }
 
 TEST(ZmodemCodec, HexHeadersAreExactAndXonFollowsAllButZfinAndZack) {
-    EXPECT_EQ(Header(zm::ZRINIT, {0, 0, 0, 0x27}, 'B'),
+    EXPECT_EQ(test::ZHeader(zm::ZRINIT, {0, 0, 0, 0x27}, 'B'),
               Str(std::string("**\x18"
                               "B0100000027fed4\r\n\x11")));
-    const Bytes fin = Header(zm::ZFIN, {0, 0, 0, 0}, 'B');
+    const Bytes fin = test::ZHeader(zm::ZFIN, {0, 0, 0, 0}, 'B');
     EXPECT_EQ(fin.size(), 20u);
     EXPECT_EQ(Bytes(fin.end() - 2, fin.end()), Str("\r\n"));
-    EXPECT_EQ(Header(zm::ZACK, {0, 0, 0, 0}, 'B').back(), '\n');
-    EXPECT_EQ(Header(zm::ZRPOS, {0, 0, 0, 0}, 'B').back(), zm::XON);
+    EXPECT_EQ(test::ZHeader(zm::ZACK, {0, 0, 0, 0}, 'B').back(), '\n');
+    EXPECT_EQ(test::ZHeader(zm::ZRPOS, {0, 0, 0, 0}, 'B').back(), zm::XON);
 }
 
 TEST(ZmodemCodec, ExactlyTheNineValuesAreEscaped) {
@@ -103,12 +81,12 @@ TEST(ZmodemCodec, ExactlyTheNineValuesAreEscaped) {
 
 TEST(ZmodemCodec, BinaryHeadersCarryTheirCheckInLineOrder) {
     // CRC-16: high byte first; CRC-32: complement, low byte first.
-    const Bytes h16 = Header(zm::ZDATA, {1, 2, 3, 4}, 'A');
+    const Bytes h16 = test::ZHeader(zm::ZDATA, {1, 2, 3, 4}, 'A');
     const uint8_t body[5] = {zm::ZDATA, 1, 2, 3, 4};
     const uint16_t c16 = Crc16Block(5, 0, body);
     EXPECT_EQ(h16, (Bytes{'*', 0x18, 'A', zm::ZDATA, 1, 2, 3, 4, static_cast<uint8_t>(c16 >> 8),
                           static_cast<uint8_t>(c16)}));
-    const Bytes h32 = Header(zm::ZDATA, {1, 2, 3, 4}, 'C');
+    const Bytes h32 = test::ZHeader(zm::ZDATA, {1, 2, 3, 4}, 'C');
     const uint32_t c32 = ~Crc32Block(5, 0xFFFFFFFFu, body);
     ASSERT_EQ(h32.size(), 12u);
     EXPECT_EQ(h32[2], 'C');
@@ -116,13 +94,13 @@ TEST(ZmodemCodec, BinaryHeadersCarryTheirCheckInLineOrder) {
 }
 
 TEST(ZmodemCodec, SubpacketEndsWithZdleEndCheckAndXonAfterZcrcw) {
-    const Bytes s = Subpacket({0x18, 0x7F, 0x1B}, zm::ZCRCW, false);
+    const Bytes s = test::ZSubpacket({0x18, 0x7F, 0x1B}, zm::ZCRCW, false);
     ASSERT_GE(s.size(), 8u);
     EXPECT_EQ(Bytes(s.begin(), s.begin() + 6), (Bytes{0x18, 0x58, 0x7F, 0x1B, 0x18, zm::ZCRCW}));
     EXPECT_EQ(s.back(), zm::XON);
-    EXPECT_NE(Subpacket({1}, zm::ZCRCG, true).back(), zm::XON);
+    EXPECT_NE(test::ZSubpacket({1}, zm::ZCRCG, true).back(), zm::XON);
     // Worst case: every byte escaped still fits the declared wire size.
-    EXPECT_LE(Subpacket(Bytes(1024, 0x18), zm::ZCRCW, true).size(), zm::kMaxSubpacketWire);
+    EXPECT_LE(test::ZSubpacket(Bytes(1024, 0x18), zm::ZCRCW, true).size(), zm::kMaxSubpacketWire);
 }
 
 // A record on a port whose line input is scripted.
@@ -144,7 +122,6 @@ class ZmodemReader : public ::testing::Test {
     }
     void Line(const Bytes &bytes) { host_.Receive(bytes); }
     Bytes Data() const { return Bytes(record_.Buffer, record_.Buffer + record_.BlockSize); }
-    Bytes HeaderData() { return Bytes(ZmHeaderData(&record_), ZmHeaderData(&record_) + 4); }
 
     FakeClock clock_{FakeClock::Scaled{1000}};
     TestHost host_;
@@ -175,7 +152,7 @@ TEST_F(ZmodemReader, FiveCansInsideDataCancel) {
 TEST_F(ZmodemReader, HeadersOfEveryFormatRoundTrip) {
     for (char format : {'A', 'B', 'C'}) {
         SCOPED_TRACE(format);
-        Line(Header(zm::ZRPOS, {0x10, 0x20, 0x30, 0x40}, format));
+        Line(test::ZHeader(zm::ZRPOS, {0x10, 0x20, 0x30, 0x40}, format));
         EXPECT_EQ(ReadFrameHeader(&record_, 1), zm::ZRPOS);
         EXPECT_EQ(ZmHeaderFormat(&record_), format);
         EXPECT_EQ(ZmGetPosition(ZmHeaderData(&record_)), 0x40302010);
@@ -188,9 +165,9 @@ TEST_F(ZmodemReader, HeadersOfEveryFormatRoundTrip) {
 }
 
 TEST_F(ZmodemReader, DamagedOrMisspelledHeadersCountOneError) {
-    Bytes bad16 = Header(zm::ZDATA, {0, 0, 0, 0}, 'A');
+    Bytes bad16 = test::ZHeader(zm::ZDATA, {0, 0, 0, 0}, 'A');
     bad16[5] ^= 0x01;
-    Bytes bad32 = Header(zm::ZDATA, {0, 0, 0, 0}, 'C');
+    Bytes bad32 = test::ZHeader(zm::ZDATA, {0, 0, 0, 0}, 'C');
     bad32[9] ^= 0x01;
     const Bytes capital = Str(std::string("**\x18"
                                           "B0100000027FED4\r\n"));
@@ -211,7 +188,7 @@ TEST_F(ZmodemReader, UnknownFormatAndTrailingGarbageAfterHexHeader) {
     Line(Str("*\x18Z"));
     EXPECT_EQ(ReadFrameHeader(&record_, 1), -1);
     EXPECT_TRUE(Logged(0, "ReadFrameHeader: Header Type Z"));
-    Bytes hex = Header(zm::ZACK, {0, 0, 0, 0}, 'B');
+    Bytes hex = test::ZHeader(zm::ZACK, {0, 0, 0, 0}, 'B');
     hex.insert(hex.end() - 2, 'x'); // something other than CR, LF, XON
     Line(hex);
     EXPECT_EQ(ReadFrameHeader(&record_, 1), -1);
@@ -219,11 +196,11 @@ TEST_F(ZmodemReader, UnknownFormatAndTrailingGarbageAfterHexHeader) {
 }
 
 TEST_F(ZmodemReader, NoiseLimitIs2048CharactersPerHeader) {
-    Line(Cat(Bytes(2047, 'x'), Header(zm::ZFIN, {0, 0, 0, 0}, 'B')));
+    Line(Cat(Bytes(2047, 'x'), test::ZHeader(zm::ZFIN, {0, 0, 0, 0}, 'B')));
     EXPECT_EQ(ReadFrameHeader(&record_, 1), zm::ZFIN);
     EXPECT_EQ(record_.ErrorTotal, 0);
 
-    Line(Cat(Bytes(2048, 'x'), Header(zm::ZFIN, {0, 0, 0, 0}, 'B')));
+    Line(Cat(Bytes(2048, 'x'), test::ZHeader(zm::ZFIN, {0, 0, 0, 0}, 'B')));
     EXPECT_EQ(ReadFrameHeader(&record_, 1), -1);
     EXPECT_EQ(record_.ErrorTotal, 1);
     EXPECT_TRUE(Logged(0, "GetPad: Exceeded garbage count"));
@@ -231,7 +208,7 @@ TEST_F(ZmodemReader, NoiseLimitIs2048CharactersPerHeader) {
 }
 
 TEST_F(ZmodemReader, CancelRunsWhileHunting) {
-    Line(Cat(Bytes(4, zm::CAN), Header(zm::ZRINIT, {0, 0, 0, 0x27}, 'B')));
+    Line(Cat(Bytes(4, zm::CAN), test::ZHeader(zm::ZRINIT, {0, 0, 0, 0x27}, 'B')));
     EXPECT_EQ(ReadFrameHeader(&record_, 1), zm::ZRINIT);
     EXPECT_EQ(record_.Result, 0);
 
@@ -248,7 +225,7 @@ TEST_F(ZmodemReader, TenSilentSecondsEndTheHunt) {
 
 TEST_F(ZmodemReader, ErrorRunReachingTheLimitGives610) {
     ZmMaxErrors(&record_) = 3;
-    Bytes bad = Header(zm::ZDATA, {0, 0, 0, 0}, 'A');
+    Bytes bad = test::ZHeader(zm::ZDATA, {0, 0, 0, 0}, 'A');
     bad.back() ^= 0x01;
     for (int i = 0; i < 3; ++i) Line(bad);
     EXPECT_EQ(ReadFrameHeader(&record_, 0), XferErrTooManyErrors);
@@ -259,18 +236,19 @@ TEST_F(ZmodemReader, SubpacketCheckFollowsTheHeaderFormat) {
     Bytes data(1024);
     for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
     // A CRC-32 header, then a CRC-32 subpacket: good.
-    Line(Cat(Header(zm::ZDATA, {0, 0, 0, 0}, 'C'), Subpacket(data, zm::ZCRCG, true)));
+    Line(Cat(test::ZHeader(zm::ZDATA, {0, 0, 0, 0}, 'C'), test::ZSubpacket(data, zm::ZCRCG, true)));
     ASSERT_EQ(ReadFrameHeader(&record_, 1), zm::ZDATA);
     EXPECT_EQ(ReadDataSubpacket(&record_), zm::ZCRCG);
     EXPECT_EQ(Data(), data);
     // A hex header, then the same CRC-32 subpacket: checked as CRC-16, fails.
-    Line(Cat(Header(zm::ZDATA, {0, 0, 0, 0}, 'B'), Subpacket({1, 2, 3}, zm::ZCRCE, true)));
+    Line(Cat(test::ZHeader(zm::ZDATA, {0, 0, 0, 0}, 'B'),
+             test::ZSubpacket({1, 2, 3}, zm::ZCRCE, true)));
     ASSERT_EQ(ReadFrameHeader(&record_, 1), zm::ZDATA);
     EXPECT_EQ(ReadDataSubpacket(&record_), -1);
     while (ReadCharTimed(port_, 0) >= 0) {
     }
     // A CRC-16 header with a CRC-16 subpacket that ends the frame.
-    Line(Cat(Header(zm::ZDATA, {0, 0, 0, 0}, 'A'), Subpacket({}, zm::ZCRCW, false)));
+    Line(Cat(test::ZHeader(zm::ZDATA, {0, 0, 0, 0}, 'A'), test::ZSubpacket({}, zm::ZCRCW, false)));
     ASSERT_EQ(ReadFrameHeader(&record_, 1), zm::ZDATA);
     EXPECT_EQ(ReadDataSubpacket(&record_), zm::ZCRCW);
     EXPECT_EQ(record_.BlockSize, 0);
@@ -289,8 +267,8 @@ TEST_F(ZmodemReader, SendersWriteOneBufferPerFrame) {
     for (int i = 0; i < 3; ++i) record_.Buffer[i] = static_cast<uint8_t>(0x11 + i);
     EXPECT_EQ(SendDataSubpacket(&record_, 3, zm::ZCRCW), 0);
     EXPECT_EQ(host_.WriteRequests(), 2);
-    EXPECT_EQ(host_.Written(), Cat(Header(zm::ZDATA, {0, 4, 0, 0}, 'C'),
-                                   Subpacket({0x11, 0x12, 0x13}, zm::ZCRCW, true)));
+    EXPECT_EQ(host_.Written(), Cat(test::ZHeader(zm::ZDATA, {0, 4, 0, 0}, 'C'),
+                                   test::ZSubpacket({0x11, 0x12, 0x13}, zm::ZCRCW, true)));
 }
 
 } // namespace

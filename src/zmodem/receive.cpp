@@ -1,0 +1,151 @@
+// The ZMODEM receiver's batch: announce ourselves with ZRINIT, take ZSINIT
+// and ZFILE frames, name and open each file in the receive folder (or
+// answer ZSKIP), run its data phase, and end on the sender's ZFIN.
+#include <cstdio>
+#include <cstring>
+
+#include "core/core.h"
+#include "platform/file.h"
+#include "platform/heap.h"
+#include "port/port.h"
+#include "xmodem/xmodem.h"
+#include "zmodem/zmodem.h"
+
+namespace zvxfer {
+namespace {
+
+constexpr std::size_t kNameLimit = 255; // received names and composed paths
+
+constexpr uint8_t kRinitData[4] = {0, 0, 0, zm::kOurRinitFlags};
+constexpr uint8_t kZeroData[4] = {0, 0, 0, 0};
+
+void CountError(XferRecord *r) {
+    r->ErrorTotal++;
+    if (++r->ErrorRun >= ZmMaxErrors(r)) r->Result = XferErrTooManyErrors;
+}
+
+// The file name for the ZFILE text in Buffer: the received name placed in
+// the receive folder, or (when the folder is not a folder) the folder text
+// itself; with full paths allowed, the name as it arrived.
+void ComposeName(XferRecord *r, char *out) {
+    char received[kNameLimit + 1];
+    const auto length = static_cast<std::size_t>(r->BlockSize);
+    const auto *nul = static_cast<const uint8_t *>(std::memchr(r->Buffer, 0, length));
+    std::size_t kept = nul ? static_cast<std::size_t>(nul - r->Buffer) : length;
+    if (kept > kNameLimit) kept = kNameLimit;
+    std::memcpy(received, r->Buffer, kept);
+    received[kept] = 0;
+
+    if (!r->StripPath) {
+        std::snprintf(out, kNameLimit + 1, "%s", received);
+    } else {
+        const char *folder = r->Port->ReceiveFolder ? r->Port->ReceiveFolder : "";
+        // An empty folder is the current one, as for the other receivers.
+        if (folder[0] == 0 || plat::FileStat(folder).isDirectory) {
+            const char *bare = BareName(received);
+            XferStatus(r, 0, "Stripped filename %s", bare);
+            std::snprintf(out, kNameLimit + 1, "%s%s", folder, bare);
+        } else {
+            std::snprintf(out, kNameLimit + 1, "%s", folder);
+        }
+    }
+    XferStatus(r, 0, "Complete Path %s", out);
+}
+
+} // namespace
+
+void SendPosHeader(XferRecord *r, int type) {
+    if (XferCheckAbort(r)) return;
+    uint8_t data[4];
+    ZmPutPosition(data, r->FilePos);
+    SendHexHeader(r, type, data);
+}
+
+int GetFileName(XferRecord *r) {
+    for (;;) {
+        XferStatus(r, 0, "GetFileName: sending RINIT");
+        SendHexHeader(r, zm::ZRINIT, kRinitData);
+        if (r->Result < 0) {
+            XferStatus(r, 0, "GetFileName: Error sending RINIT");
+            return 0;
+        }
+        const int32_t type = ReadFrameHeader(r, 1);
+        switch (type) {
+        case zm::ZSINIT:
+            // Its flags and attention string are not needed: we never
+            // interrupt the sender.
+            if (ReadDataSubpacket(r) >= 0) {
+                XferStatus(r, 0, "GetFileName: good ZSINIT");
+                SendHexHeader(r, zm::ZACK, kZeroData);
+            } else {
+                XferStatus(r, 0, "GetFileName: ZSINIT + bad packet");
+                CountError(r);
+            }
+            break;
+        case zm::ZFILE:
+            if (ReadDataSubpacket(r) >= 0) return 1;
+            break; // asked for again with the next ZRINIT
+        case zm::ZFIN:
+            SendHexHeader(r, zm::ZFIN, kZeroData);
+            ReadCharTimed(r->Port, 2000); // the sender's "OO", whatever comes
+            ReadCharTimed(r->Port, 500);
+            return 0;
+        default:
+            if (r->Result == XferErrNoFilesSent) {
+                XferStatus(r, 0, "ERROR: Can't open any requested files");
+                return 0;
+            }
+            XferStatus(r, 0, "GetFileName: frame_type=%d", static_cast<int>(type));
+            if (type == zm::ZRQINIT)
+                IdleWait(r->Port, 200); // the sender's start-up request crossed our ZRINIT
+            else
+                CountError(r);
+            break;
+        }
+        if (r->Result < 0) return 0;
+    }
+}
+
+void ZmodemReceive(XferRecord *r) {
+    r->Sending = 0;
+    if (!XferInit(r)) return;
+    // Room beyond the 255 characters for a free name's "(n)".
+    auto *name = static_cast<char *>(plat::HeapAllocZero(XFER_PATH_MAX));
+    if (name == nullptr) {
+        XferCleanup(r);
+        r->Result = XferErrNoBuffer;
+        return;
+    }
+    r->FileName = name;
+
+    while (GetFileName(r)) {
+        ComposeName(r, name);
+        const Block0Facts facts =
+            YmParseBlock0({r->Buffer, static_cast<std::size_t>(r->BlockSize)});
+        r->FileSize = facts.size;
+        r->FileTime = facts.modTime == 0 ? -1 : facts.modTime;
+        const uint8_t *header = ZmHeaderData(r);
+        ZmConversion(r) = header[3]; // ZF0
+        ZmManagement(r) = header[2]; // ZF1
+
+        if (!XferOpenFile(r)) break;
+        if (r->Result == XferErrShouldSkip) {
+            r->Result = 0;
+            SendHexHeader(r, zm::ZSKIP, kZeroData);
+            continue;
+        }
+        ReadFileData(r);
+        if (r->Result < 0) break;
+        XferCloseFile(r);
+        XferStatusMessage(r, 1, 28258);
+        name[0] = 0;
+    }
+
+    if (r->FileName != nullptr) {
+        plat::HeapFreeBlock(r->FileName);
+        r->FileName = nullptr;
+    }
+    XferCleanup(r);
+}
+
+} // namespace zvxfer

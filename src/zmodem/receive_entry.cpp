@@ -1,0 +1,74 @@
+// ZmodemReceiveWithOptions: a record on the entry's stack, the options this
+// receiver accepts (anything else refuses the call before anything
+// happens), and the batch.
+#include <cstdarg>
+#include <vector>
+
+#include "core/options.h"
+#include "zmodem/entries.h"
+#include "zmodem/zmodem.h"
+
+namespace zvxfer {
+namespace {
+
+constexpr int32_t kReceiveOptions[] = {1005, 1006, 1007, 1014, 1015, 1027, 1028};
+
+} // namespace
+
+int32_t ZmodemReceiveOptions(XferPort *port, XferStatusFn status, XferProgressFn progress,
+                             std::span<const int32_t> words) {
+    if (!port) return PortInvalidParameter;
+    std::vector<Option> options;
+    if (ReadOptionList(words, kReceiveOptions, options) != 0) return PortInvalidParameter;
+
+    XferRecord r{};
+    r.Port = port;
+    r.StatusCallback = status;
+    r.ProgressCallback = progress;
+    r.Protocol = Zmodem;
+    r.StripPath = 1;
+    r.File = XFER_INVALID_FILE;
+    r.FileTime = -1;
+    ZmMaxErrors(&r) = zm::kDefaultMaxErrors;
+    r.AbortKey = port->Hooks ? port->Hooks->AbortKey : 27;
+    for (const Option &o : options) {
+        switch (o.code) {
+        case XferOptFullPath:
+            r.StripPath = 0;
+            break;
+        case XferOptFlag1006:
+            r.Option1006Flag = 1;
+            break;
+        case XferOptAbortKey:
+            r.AbortKey = o.value;
+            break;
+        case XferOptZmResume:
+            ZmResumeFlag(&r) = 1;
+            break;
+        case XferOptZmPacing:
+            ZmPacingFlag(&r) = 1;
+            break;
+        case XferOptReleaseHookBuffer:
+            r.ReleaseHookBuffer = o.value;
+            break;
+        case XferOptMaxErrors:
+            ZmMaxErrors(&r) = o.value;
+            break;
+        default:
+            break;
+        }
+    }
+    ZmodemReceive(&r);
+    return r.Result != 0 ? r.Result : r.FileCount;
+}
+
+} // namespace zvxfer
+
+extern "C" ZVXFER_EXTERN int32_t ZmodemReceiveWithOptions(XferPort *port, XferStatusFn status,
+                                                          XferProgressFn progress, ...) {
+    va_list args;
+    va_start(args, progress);
+    const std::vector<int32_t> words = zvxfer::CollectOptionWords(args);
+    va_end(args);
+    return zvxfer::ZmodemReceiveOptions(port, status, progress, words);
+}
