@@ -7,6 +7,7 @@
 #include "core/options.h"
 #include "platform/heap.h"
 #include "xmodem/entries.h"
+#include "zmodem/entries.h"
 #include "zvxfer.h"
 
 namespace zvxfer {
@@ -57,6 +58,8 @@ constexpr int kYmodemSendSlots[] = {4, 3, 11, 10, 5, 6, 7, 8, 9, 22, 23};
 constexpr int kYmodemReceiveSlots[] = {4, 3, 11, 5, 6, 22, 23};
 constexpr int k1KSendSlots[] = {4, 5, 6, 7, 8, 9, 11, 22, 23};
 constexpr int k1KReceiveSlots[] = {4, 5, 6, 11, 22, 23};
+constexpr int kZmodemSendSlots[] = {4, 10, 3, 5, 6, 16, 14, 17, 22, 23, 24, 25, 26, 27};
+constexpr int kZmodemReceiveSlots[] = {4, 3, 5, 6, 14, 15, 22, 23, 24, 25};
 
 const Row *RowFor(int32_t protocol) {
     static const Row kXmodemRow{XmodemSend, kXmodemSendSlots, XmodemReceive, nullptr,
@@ -64,6 +67,8 @@ const Row *RowFor(int32_t protocol) {
     static const Row kYmodemRow{YmodemSend, kYmodemSendSlots, nullptr, YmodemReceive,
                                 kYmodemReceiveSlots};
     static const Row k1KRow{Xmodem1KSend, k1KSendSlots, Xmodem1KReceive, nullptr, k1KReceiveSlots};
+    static const Row kZmodemRow{nullptr, kZmodemSendSlots, nullptr, ZmodemReceiveOptions,
+                                kZmodemReceiveSlots};
     switch (protocol) {
     case Xmodem:
         return &kXmodemRow;
@@ -71,6 +76,8 @@ const Row *RowFor(int32_t protocol) {
         return &kYmodemRow;
     case Xmodem1K:
         return &k1KRow;
+    case Zmodem:
+        return &kZmodemRow;
     default:
         return nullptr; // 6 and 7 arise only through option 1011
     }
