@@ -1,6 +1,7 @@
 // Characters off the line as the frame readers want them: 7-bit header
-// characters without flow control, hex digits, and 8-bit data with the ZDLE
-// escapes undone (subpacket ends flagged above 0xFF, runs of CAN counted).
+// characters and hex digits, and 8-bit data with the ZDLE escapes undone
+// (subpacket ends flagged above 0xFF, runs of CAN counted); raw flow-control
+// characters are never data.
 #include "core/core.h"
 #include "port/port.h"
 #include "zmodem/zmodem.h"
@@ -17,16 +18,27 @@ bool AbortWhileIdle(XferRecord *record) {
     return RxEmpty(record->Port) != 0 && XferCheckAbort(record) != 0;
 }
 
-} // namespace
+// Flow-control characters that arrive raw.  A sender always escapes these
+// values in data, so a raw one is the line's (or the XON that ends a hex
+// header) and is passed over.
+bool IsFlowControl(int32_t c) {
+    return (c & 0x7F) == zm::XON || (c & 0x7F) == zm::XOFF;
+}
 
-int32_t ReadChar7(XferRecord *record) {
+// One 8-bit character for the data readers, flow control passed over.
+int32_t ReadDataChar(XferRecord *record) {
     for (;;) {
         if (AbortWhileIdle(record)) return record->Result;
         const int32_t c = ReadCharTimed(record->Port, kCharTimeoutMs);
-        if (c < 0) return c;
-        const int32_t ch = c & 0x7F;
-        if (ch != zm::XON && ch != zm::XOFF) return ch;
+        if (c < 0 || !IsFlowControl(c)) return c;
     }
+}
+
+} // namespace
+
+int32_t ReadChar7(XferRecord *record) {
+    const int32_t c = ReadDataChar(record);
+    return c < 0 ? c : c & 0x7F;
 }
 
 int32_t ReadHexByte(XferRecord *record) {
@@ -48,13 +60,11 @@ int32_t ReadHexByte(XferRecord *record) {
 int32_t ReadEscaped(XferRecord *record) {
     intptr_t &cans = ZmCanCount(record);
     cans = 0;
-    if (AbortWhileIdle(record)) return record->Result;
-    int32_t c = ReadCharTimed(record->Port, kCharTimeoutMs);
+    int32_t c = ReadDataChar(record);
     if (c < 0 || c != zm::ZDLE) return c;
     ++cans;
     for (;;) {
-        if (AbortWhileIdle(record)) return record->Result;
-        c = ReadCharTimed(record->Port, kCharTimeoutMs);
+        c = ReadDataChar(record);
         if (c < 0) return c;
         if (c != zm::CAN) cans = 0;
         if (c < zm::CAN || c > zm::ZRUB1) return c ^ 0x40;

@@ -56,8 +56,11 @@ TEST(ZmodemCodec, HexHeadersAreExactAndXonFollowsAllButZfinAndZack) {
     const Bytes fin = test::ZHeader(zm::ZFIN, {0, 0, 0, 0}, 'B');
     EXPECT_EQ(fin.size(), 20u);
     EXPECT_EQ(Bytes(fin.end() - 2, fin.end()), Str("\r\n"));
-    EXPECT_EQ(test::ZHeader(zm::ZACK, {0, 0, 0, 0}, 'B').back(), '\n');
-    EXPECT_EQ(test::ZHeader(zm::ZRPOS, {0, 0, 0, 0}, 'B').back(), zm::XON);
+    const Bytes ack = test::ZHeader(zm::ZACK, {0, 0, 0, 0}, 'B');
+    const Bytes rpos = test::ZHeader(zm::ZRPOS, {0, 0, 0, 0}, 'B');
+    EXPECT_EQ(ack.size(), 20u);
+    EXPECT_EQ(rpos.size(), 21u);
+    EXPECT_EQ(rpos[20], zm::XON);
 }
 
 TEST(ZmodemCodec, ExactlyTheNineValuesAreEscaped) {
@@ -140,6 +143,18 @@ TEST_F(ZmodemReader, EscapedBytesAndSubpacketEnds) {
     // ZDLE CAN then 'X': the CAN run is broken and 'X' decodes.
     EXPECT_EQ(ReadEscaped(&record_), 0x18);
     EXPECT_EQ(ReadEscaped(&record_), -8); // nothing more: the read times out
+}
+
+TEST_F(ZmodemReader, RawFlowControlIsNeverData) {
+    // A hex header's closing XON, then a subpacket holding an escaped XON.
+    Line(Cat(test::ZHeader(zm::ZSINIT, {0, 0, 0, 0x40}, 'B'),
+             test::ZSubpacket({0x00, 0x11, 0x13}, zm::ZCRCW, false)));
+    ASSERT_EQ(ReadFrameHeader(&record_, 1), zm::ZSINIT);
+    EXPECT_EQ(ReadDataSubpacket(&record_), zm::ZCRCW);
+    EXPECT_EQ(Data(), (Bytes{0x00, 0x11, 0x13}));
+    Line({0x11, 0x93, 'a', 0x18, 0x91, 0x18, 0x51});
+    EXPECT_EQ(ReadEscaped(&record_), 'a');
+    EXPECT_EQ(ReadEscaped(&record_), 0x11); // XON within the escape is passed over too
 }
 
 TEST_F(ZmodemReader, FiveCansInsideDataCancel) {
