@@ -3,6 +3,7 @@
 #pragma once
 #include <atomic>
 #include <cstdint>
+#include <span>
 
 #include "platform/message.h"
 #include "zvxfer.h"
@@ -19,6 +20,14 @@ int32_t ReadCharTimed(XferPort *port, int32_t timeoutMs);
 int32_t WriteCharTimed(XferPort *port, uint8_t byte, int32_t timeoutMs);
 // 1 when nothing waits, 0 when bytes wait, or RxCount's negative answer.
 int32_t RxEmpty(XferPort *port);
+// The bytes the host has handed over and nobody has read yet, for readers
+// that scan a run at a time instead of a byte at a time.  Empty when there
+// are none, when the port is not one PortOpen made, or when the idle hook
+// has something to do (a host's own idle hook, or queued messages for the
+// default one): then the caller reads byte by byte and the hook sees every
+// read.  TakeRun marks the first `count` bytes of the run read.
+std::span<const uint8_t> PeekRun(XferPort *port);
+void TakeRun(XferPort *port, uint32_t count);
 // 0 after `milliseconds`, or the first negative answer of the idle hook.
 int32_t IdleWait(XferPort *port, int32_t milliseconds);
 // 0 when it removed a message that means the application or window is

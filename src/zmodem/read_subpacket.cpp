@@ -1,14 +1,58 @@
 // Reading one data subpacket into the record's Buffer and checking it with
 // the CRC of the header that introduced it.
+#include <array>
+#include <cstring>
+
 #include "core/core.h"
+#include "port/port.h"
 #include "xmodem/xmodem.h"
 #include "zmodem/zmodem.h"
 
 namespace zvxfer {
+namespace {
+
+// Bytes that need ReadEscaped: ZDLE and the raw flow-control characters it
+// passes over.  Everything else in a subpacket is data as it stands.
+constexpr std::array<bool, 256> MakeSpecial() {
+    std::array<bool, 256> special{};
+    for (uint8_t b :
+         {zm::ZDLE, zm::XON, zm::XOFF, uint8_t{zm::XON | 0x80}, uint8_t{zm::XOFF | 0x80}})
+        special[b] = true;
+    return special;
+}
+constexpr auto kSpecial = MakeSpecial();
+
+enum class Run { Taken, Overflow, None };
+
+// Copy the plain bytes at the head of what the host has handed over
+// straight into Buffer; the byte-wise reader takes over at the first byte
+// that needs decoding or when nothing is buffered.
+Run TakePlainRun(XferRecord *record) {
+    const std::span<const uint8_t> run = PeekRun(record->Port);
+    std::size_t n = 0;
+    while (n < run.size() && !kSpecial[run[n]]) ++n;
+    if (n == 0) return Run::None;
+    const auto room = zm::kMaxSubpacket - static_cast<uint32_t>(record->BlockSize);
+    if (room == 0) {
+        TakeRun(record->Port, 1); // the 1025th data byte
+        return Run::Overflow;
+    }
+    if (n > room) n = room;
+    std::memcpy(record->Buffer + record->BlockSize, run.data(), n);
+    record->BlockSize += static_cast<int32_t>(n);
+    TakeRun(record->Port, static_cast<uint32_t>(n));
+    ZmCanCount(record) = 0;
+    return Run::Taken;
+}
+
+} // namespace
 
 int32_t ReadDataSubpacket(XferRecord *record) {
     record->BlockSize = 0;
     for (;;) {
+        const Run run = TakePlainRun(record);
+        if (run == Run::Overflow) return PortUserBufferOverflow;
+        if (run == Run::Taken) continue;
         const int32_t c = ReadEscaped(record);
         if (c < 0) return c;
         if (c >= zm::kEndFlag) {

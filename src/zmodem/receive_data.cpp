@@ -2,6 +2,10 @@
 // of subpackets written to the file (with optional newline conversion and
 // pacing), ZACKs where the sender asks for them, ZRPOS after damage, and
 // the ZEOF that completes the file.
+#include <algorithm>
+#include <array>
+#include <cstring>
+
 #include "core/core.h"
 #include "platform/file.h"
 #include "port/port.h"
@@ -35,44 +39,81 @@ class Pacing {
     int32_t noted_ = 0;
 };
 
-// The subpacket in Buffer to the file.  Returns the data bytes written
-// (inserted CRs not counted).
-long WriteData(XferRecord *r) {
+// Received data on its way to the file, gathered into pieces of 64 KiB so
+// the file sees one write per piece instead of one per subpacket.  The
+// piece is written before every repositioning and when the data phase ends
+// (also after a failure); only a transfer the user aborts in the middle of
+// a frame, which closes the file at once, leaves the last piece unwritten.
+class FileWriter {
+  public:
+    explicit FileWriter(XferRecord *r) : r_(r) {}
+    ~FileWriter() { Flush(); }
+    FileWriter(const FileWriter &) = delete;
+    FileWriter &operator=(const FileWriter &) = delete;
+
+    // False when the file took less than it was given.
+    bool Append(const uint8_t *data, std::size_t count) {
+        while (count != 0) {
+            if (used_ == piece_.size() && !Flush()) return false;
+            const std::size_t n = std::min(count, piece_.size() - used_);
+            std::memcpy(piece_.data() + used_, data, n);
+            used_ += n;
+            data += n;
+            count -= n;
+        }
+        return true;
+    }
+
+    bool Flush() {
+        const std::size_t pending = used_;
+        used_ = 0;
+        if (pending == 0 || r_->File == XFER_INVALID_FILE) return true;
+        return plat::FileWrite(r_->File, piece_.data(), pending) == static_cast<long>(pending);
+    }
+
+  private:
+    XferRecord *r_;
+    std::array<uint8_t, 64 * 1024> piece_;
+    std::size_t used_ = 0;
+};
+
+// The subpacket in Buffer to the file, each LF preceded by an inserted CR
+// under newline conversion.  False when the file did not take it all.
+bool WriteData(XferRecord *r, FileWriter &out) {
     const auto size = static_cast<std::size_t>(r->BlockSize);
-    if (ZmConversion(r) != kConvertNewlines) return plat::FileWrite(r->File, r->Buffer, size);
-    long written = 0;
+    if (ZmConversion(r) != kConvertNewlines) return out.Append(r->Buffer, size);
+    static constexpr uint8_t kCr = '\r';
     std::size_t start = 0;
     for (std::size_t i = 0; i < size; ++i) {
         if (r->Buffer[i] != '\n') continue;
         // The piece up to the LF, then CR; the LF starts the next piece.
-        if (i > start) {
-            const long n = plat::FileWrite(r->File, r->Buffer + start, i - start);
-            if (n < 0) return written;
-            written += n;
-        }
-        if (plat::FileWrite(r->File, "\r", 1) != 1) return written;
+        if (!out.Append(r->Buffer + start, i - start) || !out.Append(&kCr, 1)) return false;
         start = i;
     }
-    if (size > start) {
-        const long n = plat::FileWrite(r->File, r->Buffer + start, size - start);
-        if (n > 0) written += n;
-    }
-    return written;
+    return out.Append(r->Buffer + start, size - start);
+}
+
+// Write what is gathered; a file that does not take it ends the transfer.
+bool Flushed(XferRecord *r, FileWriter &out) {
+    if (out.Flush()) return true;
+    r->Result = XferErrFileIo;
+    XferCleanup(r);
+    return false;
 }
 
 enum class FrameEnd { Good, Damaged, Stop };
 
 // The subpackets of one ZDATA frame whose position matched.
-FrameEnd TakeSubpackets(XferRecord *r, Pacing &pacing) {
+FrameEnd TakeSubpackets(XferRecord *r, Pacing &pacing, FileWriter &out) {
     for (;;) {
         const int32_t end = ReadDataSubpacket(r);
         if (r->Result < 0) return FrameEnd::Stop;
         if (end < 0) return FrameEnd::Damaged;
         r->ErrorRun = 0;
         pacing.Pause();
-        const long written = WriteData(r);
+        const bool written = WriteData(r, out);
         pacing.Restore();
-        if (r->BlockSize != 0 && written != r->BlockSize) {
+        if (!written) {
             r->Result = XferErrFileIo;
             XferCleanup(r);
             return FrameEnd::Stop;
@@ -101,6 +142,7 @@ void ReadFileData(XferRecord *r) {
     // lands where it did the first time).
     const int64_t base = ZmManagement(r) == kAppend ? plat::FileSeek(r->File, 0, 2) : 0;
     Pacing pacing(r);
+    FileWriter out(r);
     bool lastGood = true; // the last subpacket (none yet) was good
     for (;;) {
         if (XferCheckAbort(r)) return;
@@ -116,14 +158,16 @@ void ReadFileData(XferRecord *r) {
             }
             pacing.Pause();
             XferStatus(r, 0, "NEW BYTE COUNT: %lx", static_cast<unsigned long>(r->FilePos));
+            if (!Flushed(r, out)) return;
             plat::FileSeek(r->File, base + r->FilePos, 0);
             pacing.Restore();
-            const FrameEnd end = TakeSubpackets(r, pacing);
+            const FrameEnd end = TakeSubpackets(r, pacing, out);
             if (end == FrameEnd::Stop) return;
             lastGood = end == FrameEnd::Good;
         } else if (type == zm::ZEOF) {
             if (position == r->FilePos) {
                 XferStatus(r, 0, "ReadFileData: frame_type=%d", static_cast<int>(type));
+                Flushed(r, out); // the file is complete only once it is all written
                 return;
             }
             XferStatus(r, 0, "ZEOF at wrong position");

@@ -49,6 +49,18 @@ TEST(ZmodemCodec, Crc32MatchesTheStandardCheckValue) {
     EXPECT_EQ(crc, zm::kCrc32Good);
 }
 
+TEST(ZmodemCodec, BlockCrcEqualsTheByteWiseUpdate) {
+    Bytes data(300);
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 151 + 3);
+    for (uint32_t length : {0u, 1u, 7u, 8u, 9u, 15u, 16u, 17u, 100u, 300u}) {
+        for (uint32_t start : {0xFFFFFFFFu, 0u, 0x12345678u}) {
+            uint32_t expected = start;
+            for (uint32_t i = 0; i < length; ++i) expected = Crc32Update(expected, data[i]);
+            EXPECT_EQ(Crc32Block(length, start, data.data()), expected) << length;
+        }
+    }
+}
+
 TEST(ZmodemCodec, HexHeadersAreExactAndXonFollowsAllButZfinAndZack) {
     EXPECT_EQ(test::ZHeader(zm::ZRINIT, {0, 0, 0, 0x27}, 'B'),
               Str(std::string("**\x18"
@@ -267,6 +279,22 @@ TEST_F(ZmodemReader, SubpacketCheckFollowsTheHeaderFormat) {
     ASSERT_EQ(ReadFrameHeader(&record_, 1), zm::ZDATA);
     EXPECT_EQ(ReadDataSubpacket(&record_), zm::ZCRCW);
     EXPECT_EQ(record_.BlockSize, 0);
+}
+
+TEST_F(ZmodemReader, SubpacketsSurviveAnySplitOfTheLine) {
+    Bytes data(1024);
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 37);
+    for (std::size_t chunk : {1u, 2u, 7u, 64u, 5000u}) {
+        host_.SetChunkSize(chunk);
+        Line(Cat(test::ZHeader(zm::ZDATA, {0, 0, 0, 0}, 'C'),
+                 test::ZSubpacket(data, zm::ZCRCQ, true),
+                 test::ZSubpacket({0x18, 0x11}, zm::ZCRCW, true)));
+        ASSERT_EQ(ReadFrameHeader(&record_, 1), zm::ZDATA);
+        EXPECT_EQ(ReadDataSubpacket(&record_), zm::ZCRCQ) << chunk;
+        EXPECT_EQ(Data(), data) << chunk;
+        EXPECT_EQ(ReadDataSubpacket(&record_), zm::ZCRCW) << chunk;
+        EXPECT_EQ(Data(), (Bytes{0x18, 0x11})) << chunk;
+    }
 }
 
 TEST_F(ZmodemReader, OverlongSubpacketIsRefused) {
