@@ -8,6 +8,8 @@
 
 namespace zvxfer {
 
+int32_t ZmodemSendOptions(XferPort *port, char *names, XferStatusFn status, XferProgressFn progress,
+                          std::span<const int32_t> options);
 int32_t ZmodemReceiveOptions(XferPort *port, XferStatusFn status, XferProgressFn progress,
                              std::span<const int32_t> options);
 

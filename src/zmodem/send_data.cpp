@@ -1,0 +1,255 @@
+// The ZMODEM sender's data phase: ZDATA frames streamed from the file, the
+// acknowledgement window, restarts after ZRPOS, the watch on the return
+// channel between subpackets, and ZEOF.
+#include "core/core.h"
+#include "platform/file.h"
+#include "platform/message.h"
+#include "platform/tick.h"
+#include "port/port.h"
+#include "zmodem/zmodem.h"
+
+namespace zvxfer {
+namespace {
+
+constexpr int32_t kMsgNoise = 28306;
+constexpr int32_t kBackChannelMs = 70;
+constexpr uint32_t kAckWaitMs = 1500; // each such wait for a ZACK is an error
+constexpr uint32_t kPauseMs = 5;      // longest sleep between two looks at the line
+constexpr intptr_t kNoiseLimit = 100;
+
+void SendPosition(XferRecord *record, int type, int32_t position) {
+    uint8_t data[4];
+    ZmPutPosition(data, position);
+    SendBinHeader(record, type, data);
+}
+
+bool AtEnd(const XferRecord *record) {
+    return record->FilePos >= record->FileSize;
+}
+
+// Read the next subpacket from the file and send it, ending with `streamEnd`
+// unless it ends the frame (then ZCRCW).  Returns the frame-end flag.
+bool SendNextSubpacket(XferRecord *record, uint8_t streamEnd) {
+    XferStatus(record, 0, "SendDataFrame: sending @%ld", static_cast<long>(record->FilePos));
+    const bool frameEnd = FillDataBuffer(record) != 0 || ZmRestartPending(record) != 0;
+    // A failed read has already ended the transfer and released Buffer.
+    if (record->Result < 0) return frameEnd;
+    SendDataSubpacket(record, static_cast<uint32_t>(record->BlockSize),
+                      frameEnd ? zm::ZCRCW : streamEnd);
+    return frameEnd;
+}
+
+// With the window full (or the last ZACKs still missing), wait for the
+// receiver to say something.  Every kAckWaitMs of silence counts as one
+// error.  0 when input is waiting, 1 when the transfer must stop (Result
+// set, or -610 returned through `failed`).
+int AwaitAnswer(XferRecord *record, bool &failed) {
+    XferPort *port = record->Port;
+    uint32_t mark = plat::GetTickCount() + kAckWaitMs;
+    for (;;) {
+        if (port->Ops.RxCount(port) > 0) return 0;
+        if (XferCheckAbort(record)) return 1;
+        if (plat::TickReached(plat::GetTickCount(), mark)) {
+            mark += kAckWaitMs;
+            record->ErrorTotal++;
+            if (++record->ErrorRun >= ZmMaxErrors(record)) {
+                record->Result = XferErrTooManyErrors;
+                failed = true;
+                return 1;
+            }
+        }
+        plat::WaitForNewInput(kPauseMs);
+    }
+}
+
+} // namespace
+
+int BackChannel(XferRecord *record) {
+    XferPort *port = record->Port;
+    if (RxEmpty(port) != 0) return 0;
+    intptr_t &garbage = ZmGarbageCount(record);
+    for (;;) {
+        const int32_t c = ReadCharTimed(port, kBackChannelMs);
+        if (c < 0) return 0;
+        if (c == zm::CAN || c == zm::ZPAD) return 1;
+        if (c == zm::XON || c == zm::XOFF) continue;
+        // Each stray character counts twice, so the 52nd of a frame ends it.
+        if (garbage > kNoiseLimit) {
+            XferStatusMessage(record, 1, kMsgNoise);
+            SendDataSubpacket(record, 0, zm::ZCRCE);
+            return 2;
+        }
+        if (++garbage % 16 == 1) XferStatus(record, 0, "BackChannel: garbage detected");
+        ++garbage;
+    }
+}
+
+int FillDataBuffer(XferRecord *record) {
+    // The first frame after a ZRPOS is one empty ZCRCW subpacket: its ZACK
+    // shows that the receiver is in step again before data follow.
+    if (ZmRestartPending(record)) {
+        record->BlockSize = 0;
+        return 1;
+    }
+    const int32_t peerBuffer = ZmPeerBufferSize(record);
+    int32_t amount = peerBuffer != 0 ? peerBuffer - ZmFrameBytes(record)
+                                     : static_cast<int32_t>(zm::kMaxSubpacket);
+    if (amount > static_cast<int32_t>(zm::kMaxSubpacket))
+        amount = static_cast<int32_t>(zm::kMaxSubpacket);
+    ZmChunkSize(record) = amount;
+    if (AtEnd(record)) return 1;
+
+    long got = -1;
+    if (amount > 0 && plat::FileSeek(record->File, record->FilePos, 0) >= 0)
+        got = plat::FileRead(record->File, record->Buffer, static_cast<std::size_t>(amount));
+    if (got <= 0) {
+        record->BlockSize = 0;
+        record->Result = XferErrNoBuffer;
+        XferCleanup(record);
+        return 1;
+    }
+    record->BlockSize = static_cast<int32_t>(got);
+    record->FilePos += record->BlockSize;
+    ZmFrameBytes(record) += record->BlockSize;
+
+    if (peerBuffer == 0) return (ZmPeerFlags(record) & zm::CANOVIO) == 0 || AtEnd(record);
+    return ZmFrameBytes(record) >= peerBuffer || AtEnd(record);
+}
+
+// One ZDATA frame.  Returns 0 when the caller should read the receiver's
+// next header itself, or a header type that was read here and that the
+// caller must handle (ZACK at the end of the file, ZRPOS, ...).
+int32_t SendDataFrame(XferRecord *record) {
+    int32_t confirmed = record->FilePos; // position the receiver has confirmed
+    bool frameEnd = false;               // the last subpacket ended with ZCRCW
+    const bool window = ZmWindowMode(record) != 0;
+    const int32_t windowSize = ZmWindowSize(record);
+
+    ZmGarbageCount(record) = 0;
+    switch (BackChannel(record)) {
+    case 1: // the receiver is already talking: let the caller read it
+        XferStatus(record, 0, "BackChannel: backtalk ZCAN/ZPAD");
+        SendDataSubpacket(record, 0, zm::ZCRCE);
+        return 0;
+    case 2:
+        return 0;
+    default:
+        break;
+    }
+
+    ZmFrameBytes(record) = 0;
+    SendPosition(record, zm::ZDATA, record->FilePos);
+    if (record->Result < 0) return 0;
+
+    for (;;) {
+        if (XferCheckAbort(record)) return 0;
+        bool endWait = false;
+        const bool look = !window || record->FilePos - confirmed >= windowSize ||
+                          (frameEnd && record->FilePos > confirmed && AtEnd(record));
+        if (look) {
+            int seen;
+            while ((seen = BackChannel(record)) == 1) {
+                if (record->Result < 0 || XferCheckAbort(record)) return 0;
+                if (!window) {
+                    if (!AtEnd(record)) {
+                        XferStatus(record, 0, "BackChannel: backtalk ZCAN/ZPAD");
+                        SendDataSubpacket(record, 0, zm::ZCRCE);
+                    }
+                    return 0;
+                }
+                const int32_t type = ReadFrameHeader(record, 0);
+                if (type != zm::ZACK) return type;
+                // ZACKs are counted, not read for their position: each one
+                // confirms a subpacket, the last one's own length or a chunk.
+                const bool lastOnly = record->FilePos - record->BlockSize == confirmed;
+                if (AtEnd(record) && lastOnly) {
+                    XferStatus(record, 0, "SendDataFrame: Received a ZACK at EOF");
+                    return zm::ZACK;
+                }
+                confirmed += lastOnly ? record->BlockSize : ZmChunkSize(record);
+                record->ErrorRun = 0;
+                if (record->Result < 0) return 0;
+            }
+            if (seen == 2) return 0;
+            if (window && AtEnd(record)) {
+                // Only the last subpacket's ZACK missing: the caller waits for it.
+                if (confirmed >= record->FilePos ||
+                    confirmed == record->FilePos - record->BlockSize)
+                    return 0;
+                endWait = true;
+            } else if (XferCheckAbort(record)) {
+                return 0;
+            }
+        }
+
+        const int32_t outstanding = record->FilePos - confirmed;
+        if (!window) {
+            if (!endWait && !AtEnd(record)) {
+                frameEnd = SendNextSubpacket(record, zm::ZCRCG);
+            } else {
+                // Everything is out: the receiver's ZACK is all that can
+                // come.  Sleep until input arrives instead of spinning.
+                plat::WaitForNewInput(kPauseMs);
+            }
+        } else if ((outstanding < windowSize || outstanding == 0) && !AtEnd(record) && !endWait) {
+            frameEnd = SendNextSubpacket(record, zm::ZCRCQ);
+        } else {
+            bool failed = false;
+            if (AwaitAnswer(record, failed)) return failed ? XferErrTooManyErrors : 0;
+        }
+
+        if (record->Result < 0) return 0;
+        if (frameEnd && !AtEnd(record)) return 0; // the caller reads the ZACK or ZRPOS
+    }
+}
+
+void SendFileData(XferRecord *record) {
+    record->FileCount++;
+    bool done = false;
+    while (record->FileSize != 0) { // an empty file sends no ZDATA at all
+        if (AtEnd(record) && done) break;
+        int32_t type = SendDataFrame(record);
+        if (record->Result < 0) return;
+        if (type == 0) type = ReadFrameHeader(record, 0);
+        for (;;) {
+            if (type == zm::ZRINIT || type == zm::ZSKIP) {
+                record->Result = XferErrRemoteAbort; // the receiver gave up on the file
+                return;
+            }
+            if (type == zm::ZACK) {
+                XferStatus(record, 0, "SendFile: received an ACK frame");
+                record->ErrorRun = 0;
+                ZmRestartPending(record) = 0;
+                if (AtEnd(record)) {
+                    if (ZmGetPosition(ZmHeaderData(record)) == record->FileSize) {
+                        ClearRXBuffer(record->Port);
+                        done = true;
+                    } else {
+                        record->Result = XferErrProtocol;
+                    }
+                }
+                break;
+            }
+            if (type == zm::ZRPOS) {
+                record->FilePos = ZmGetPosition(ZmHeaderData(record));
+                plat::FileSeek(record->File, record->FilePos, 0);
+                XferStatus(record, 0, "SendFileData: ZRPOS location %ld",
+                           static_cast<long>(record->FilePos));
+                ZmRestartPending(record) = 1;
+                record->Port->Ops.PurgeTx(record->Port);
+                break;
+            }
+            XferStatus(record, 0, "SendFile: frame type %d", static_cast<int>(type));
+            if (record->Result < 0) return;
+            type = ReadFrameHeader(record, 0);
+        }
+        if (record->Result < 0) return; // a ZACK at the end with the wrong position
+        if (AtEnd(record) && done) break;
+    }
+    SendPosition(record, zm::ZEOF, record->FilePos);
+    // The answer is normally the receiver's next ZRINIT, which the next
+    // file's ZFILE exchange tolerates; its type is not examined.
+    if (record->Result >= 0) ReadFrameHeader(record, 0);
+}
+
+} // namespace zvxfer

@@ -1,0 +1,452 @@
+// The ZMODEM sender against a simulated receiver: the frames it writes (with
+// every CRC checked), the files rebuilt from its subpackets, how far it goes
+// without confirmation, restarts, noise on the return channel, skips, the
+// closing exchange, its failures and its option table.
+#include <fcntl.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+#include "../core/temp_tree.h"
+#include "fake_clock.h"
+#include "sim_receiver.h"
+#include "test_host.h"
+#include "zmodem/entries.h"
+#include "zmodem/zmodem.h"
+#include "zvxfer.h"
+
+namespace zvxfer {
+namespace {
+
+using test::Bytes;
+using test::FakeClock;
+using test::ReceiverScript;
+using test::SimReceiver;
+using test::TempTree;
+using test::TestHost;
+using test::WireItem;
+
+std::vector<std::string> g_lines;
+int g_progressCalls = 0;
+
+int32_t Status(XferRecord *, int32_t level, const char *text) {
+    g_lines.push_back(std::to_string(level) + " " + text);
+    return 0;
+}
+
+int32_t Progress(XferRecord *) {
+    ++g_progressCalls;
+    return 0;
+}
+
+int CountLines(int level, const std::string &fragment) {
+    int n = 0;
+    for (const auto &line : g_lines)
+        n += line[0] == '0' + level && line.find(fragment) != std::string::npos;
+    return n;
+}
+
+// Every byte value, and all the ones that must be escaped, many times.
+Bytes Pattern(std::size_t n) {
+    Bytes data(n);
+    for (std::size_t i = 0; i < n; ++i) data[i] = static_cast<uint8_t>(i * 7 + i / 256);
+    return data;
+}
+
+Bytes CancelString() {
+    Bytes out(20, 0x08);
+    for (int i = 0; i < 10; ++i) out[i] = 0x18;
+    return out;
+}
+
+std::string TypeName(int type) {
+    switch (type) {
+    case zm::ZRQINIT:
+        return "ZRQINIT";
+    case zm::ZFILE:
+        return "ZFILE";
+    case zm::ZFIN:
+        return "ZFIN";
+    case zm::ZDATA:
+        return "ZDATA";
+    case zm::ZEOF:
+        return "ZEOF";
+    default:
+        return std::to_string(type);
+    }
+}
+
+// Each header with the subpackets that follow it, e.g. "C ZDATA 0: j1024 k784".
+std::vector<std::string> Frames(const SimReceiver &peer) {
+    std::vector<std::string> out;
+    for (const WireItem &item : peer.items) {
+        if (item.kind == WireItem::Header) {
+            out.push_back(std::string(1, item.format) + " " + TypeName(item.type) + " " +
+                          std::to_string(item.Pos()));
+        } else if (item.kind == WireItem::Subpacket && !out.empty()) {
+            out.back() += (out.back().find(':') == std::string::npos ? ": " : " ") +
+                          std::string(1, static_cast<char>(item.end)) +
+                          std::to_string(item.bytes.size());
+        }
+    }
+    return out;
+}
+
+Bytes Noise(const SimReceiver &peer) {
+    Bytes out;
+    for (const WireItem &item : peer.items)
+        if (item.kind == WireItem::Noise)
+            out.insert(out.end(), item.bytes.begin(), item.bytes.end());
+    return out;
+}
+
+bool AllChecksGood(const SimReceiver &peer) {
+    for (const WireItem &item : peer.items)
+        if (!item.checkOk) return false;
+    return true;
+}
+
+// "C ZDATA 0: " followed by `count` subpackets "<end><size>" and a last one.
+std::string DataFrame(char format, int32_t pos, char end, int count, char lastEnd, int lastSize) {
+    std::string s = std::string(1, format) + " ZDATA " + std::to_string(pos) + ":";
+    for (int i = 0; i < count; ++i) s += std::string(" ") + end + "1024";
+    if (lastEnd) s += std::string(" ") + lastEnd + std::to_string(lastSize);
+    return s;
+}
+
+class ZmodemSender : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        g_lines.clear();
+        g_progressCalls = 0;
+        port_ = PortOpen(0, host_.Window(), folder_.c_str(), XFER_EXISTING_OVERWRITE);
+        ASSERT_NE(port_, nullptr);
+    }
+    void TearDown() override { port_->Ops.PortClose(port_); }
+
+    std::string Make(const std::string &name, const Bytes &data, long mtime = 1700000000) {
+        const std::string path = tree_.Path(name);
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char *>(data.data()), static_cast<long>(data.size()));
+        struct timespec times[2] = {{mtime, 0}, {mtime, 0}};
+        EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+        return path;
+    }
+
+    int32_t Send(SimReceiver &peer, const std::vector<std::string> &paths,
+                 std::vector<int32_t> options = {}) {
+        std::string names;
+        for (const auto &p : paths) names += "\"" + p + "\",";
+        options.push_back(0);
+        const int32_t r = ZmodemSendOptions(port_, names.data(), Status, Progress, options);
+        peer.Finish();
+        return r;
+    }
+
+    std::string ZfileText(const std::string &name, std::size_t size) {
+        return name + '\0' + std::to_string(size) + " 14524770400 0";
+    }
+
+    FakeClock clock_{FakeClock::Scaled{10}};
+    TempTree tree_;
+    std::string folder_ = tree_.Folder();
+    TestHost host_;
+    XferPort *port_ = nullptr;
+};
+
+TEST_F(ZmodemSender, DefaultWindowStreamsCrc32ZcrcqAndStopsAt4096Unconfirmed) {
+    const Bytes data = Pattern(10000);
+    const std::string path = Make("data.bin", data);
+    SimReceiver peer(host_, {});
+    EXPECT_EQ(Send(peer, {path}), 1);
+
+    const std::string text = ZfileText("data.bin", 10000);
+    EXPECT_EQ(Frames(peer), (std::vector<std::string>{
+                                "B ZRQINIT 0", "C ZFILE 0: k" + std::to_string(text.size()),
+                                DataFrame('C', 0, 'j', 9, 'k', 784), "C ZEOF 10000", "B ZFIN 0"}));
+    EXPECT_TRUE(AllChecksGood(peer));
+    EXPECT_EQ(Noise(peer), (Bytes{'O', 'O'}));
+    ASSERT_EQ(peer.files.size(), 1u);
+    EXPECT_EQ(peer.files[0], data);
+    // ZACKs held back: the sender stops after 4096 bytes each time.
+    EXPECT_EQ(peer.bursts, (std::vector<int32_t>{4096, 4096, 1808}));
+    EXPECT_EQ(CountLines(1, "File sent"), 1);
+    EXPECT_EQ(CountLines(0, "Sending with CRC-32"), 1);
+    EXPECT_EQ(CountLines(0, "SendDataFrame: Received a ZACK at EOF"), 1);
+    EXPECT_EQ(CountLines(0, "data.bin : SendDataFrame: sending @9216"), 1);
+}
+
+TEST_F(ZmodemSender, WindowSizeOptionIsCountedInWholeSubpackets) {
+    const Bytes data = Pattern(10000);
+    const std::string path = Make("data.bin", data);
+    SimReceiver peer(host_, {});
+    EXPECT_EQ(Send(peer, {path}, {1029, 5000}), 1);
+    EXPECT_EQ(peer.bursts, (std::vector<int32_t>{5120, 4880}));
+    EXPECT_EQ(peer.files.at(0), data);
+}
+
+TEST_F(ZmodemSender, WithoutWindowOneFrameOfZcrcgEndsWithZcrcw) {
+    const Bytes data = Pattern(10000);
+    const std::string path = Make("data.bin", data);
+    SimReceiver peer(host_, {});
+    EXPECT_EQ(Send(peer, {path}, {1017}), 1);
+    const std::vector<std::string> frames = Frames(peer);
+    ASSERT_EQ(frames.size(), 5u);
+    EXPECT_EQ(frames[2], DataFrame('C', 0, 'i', 9, 'k', 784));
+    EXPECT_EQ(frames[3], "C ZEOF 10000");
+    EXPECT_EQ(peer.bursts, (std::vector<int32_t>{10000}));
+    EXPECT_EQ(peer.files.at(0), data);
+}
+
+TEST_F(ZmodemSender, ReceiverWithoutFullDuplexGetsNoWindow) {
+    const Bytes data = Pattern(3000);
+    const std::string path = Make("data.bin", data);
+    ReceiverScript script;
+    script.flags = zm::CANOVIO | zm::CANFC32;
+    SimReceiver peer(host_, script);
+    EXPECT_EQ(Send(peer, {path}), 1);
+    EXPECT_EQ(Frames(peer).at(2), DataFrame('C', 0, 'i', 2, 'k', 952));
+}
+
+TEST_F(ZmodemSender, ReceiverBufferLengthEndsEachFrameWithZcrcw) {
+    const Bytes data = Pattern(10000);
+    const std::string path = Make("data.bin", data);
+    ReceiverScript script;
+    script.flags = zm::CANFDX | zm::CANOVIO | zm::CANFC32;
+    script.bufferLength = 2048;
+    SimReceiver peer(host_, script);
+    EXPECT_EQ(Send(peer, {path}), 1);
+
+    std::vector<std::string> data_frames;
+    for (const std::string &f : Frames(peer))
+        if (f.find("ZDATA") != std::string::npos) data_frames.push_back(f);
+    EXPECT_EQ(data_frames, (std::vector<std::string>{
+                               DataFrame('C', 0, 'j', 1, 'k', 1024),
+                               DataFrame('C', 2048, 'j', 1, 'k', 1024),
+                               DataFrame('C', 4096, 'j', 1, 'k', 1024),
+                               DataFrame('C', 6144, 'j', 1, 'k', 1024),
+                               DataFrame('C', 8192, 'j', 1, 'k', 784),
+                           }));
+    // Each next ZDATA header waits for the ZACKs of the frame before.
+    EXPECT_EQ(peer.bursts, (std::vector<int32_t>{2048, 2048, 2048, 2048, 1808}));
+    EXPECT_EQ(peer.files.at(0), data);
+    EXPECT_TRUE(AllChecksGood(peer));
+}
+
+TEST_F(ZmodemSender, ReceiverWithOnlyFullDuplexGetsCrc16AndZcrcwSubpackets) {
+    const Bytes data = Pattern(2500);
+    const std::string path = Make("data.bin", data);
+    ReceiverScript script;
+    script.flags = zm::CANFDX; // neither CANOVIO nor CANFC32
+    SimReceiver peer(host_, script);
+    EXPECT_EQ(Send(peer, {path}), 1);
+
+    const std::string text = ZfileText("data.bin", 2500);
+    EXPECT_EQ(Frames(peer),
+              (std::vector<std::string>{"B ZRQINIT 0", "A ZFILE 0: k" + std::to_string(text.size()),
+                                        "A ZDATA 0: k1024", "A ZDATA 1024: k1024",
+                                        "A ZDATA 2048: k452", "A ZEOF 2500", "B ZFIN 0"}));
+    EXPECT_TRUE(AllChecksGood(peer)); // CRC-16 after the 'A' headers
+    EXPECT_EQ(peer.files.at(0), data);
+    EXPECT_EQ(CountLines(0, "Sending with CRC-32"), 0);
+}
+
+TEST_F(ZmodemSender, EmptyFileSendsNoDataFrame) {
+    const std::string path = Make("empty.bin", {});
+    SimReceiver peer(host_, {});
+    EXPECT_EQ(Send(peer, {path}), 1);
+    const std::string text = ZfileText("empty.bin", 0);
+    EXPECT_EQ(Frames(peer),
+              (std::vector<std::string>{"B ZRQINIT 0", "C ZFILE 0: k" + std::to_string(text.size()),
+                                        "C ZEOF 0", "B ZFIN 0"}));
+    EXPECT_EQ(Noise(peer), (Bytes{'O', 'O'}));
+}
+
+TEST_F(ZmodemSender, ZrposMidFileRestartsWithAnEmptyZcrcwFrame) {
+    const Bytes data = Pattern(10000);
+    const std::string path = Make("data.bin", data);
+    ReceiverScript script;
+    script.restartFrom = 2048;
+    script.restartTo = 1024;
+    SimReceiver peer(host_, script);
+    EXPECT_EQ(Send(peer, {path}), 1);
+
+    const std::vector<std::string> frames = Frames(peer);
+    ASSERT_EQ(frames.size(), 7u);
+    EXPECT_EQ(frames[2], DataFrame('C', 0, 'j', 4, 0, 0)); // the window ran on
+    EXPECT_EQ(frames[3], "C ZDATA 1024: k0");
+    EXPECT_EQ(frames[4], DataFrame('C', 1024, 'j', 8, 'k', 784));
+    EXPECT_EQ(frames[5], "C ZEOF 10000");
+    EXPECT_EQ(peer.files.at(0), data);
+    EXPECT_EQ(CountLines(0, "SendFileData: ZRPOS location 1024"), 1);
+}
+
+TEST_F(ZmodemSender, TheFiftySecondStrayCharacterEndsTheFrame) {
+    const Bytes data = Pattern(3000);
+    const std::string path = Make("data.bin", data);
+    for (int garbage : {51, 52}) {
+        SCOPED_TRACE(garbage);
+        g_lines.clear();
+        host_.ClearWritten();
+        ReceiverScript script;
+        script.garbage = garbage;
+        SimReceiver peer(host_, script);
+        EXPECT_EQ(Send(peer, {path}, {1017}), 1);
+        const std::vector<std::string> frames = Frames(peer);
+        // Traced at the 1st, 9th, 17th ... 49th stray character.
+        EXPECT_EQ(CountLines(0, "BackChannel: garbage detected"), 7);
+        if (garbage == 51) {
+            EXPECT_EQ(CountLines(1, "Too much noise on the line"), 0);
+            EXPECT_EQ(frames.at(2), DataFrame('C', 0, 'i', 2, 'k', 952));
+        } else {
+            EXPECT_EQ(CountLines(1, "Too much noise on the line"), 1);
+            // The frame ends at once with an empty ZCRCE; the receiver's ZRPOS
+            // restarts it.
+            ASSERT_EQ(frames.size(), 7u);
+            EXPECT_EQ(frames[2], "C ZDATA 0: h0");
+            EXPECT_EQ(frames[3], "C ZDATA 0: k0");
+            EXPECT_EQ(frames[4], DataFrame('C', 0, 'i', 2, 'k', 952));
+        }
+        EXPECT_EQ(peer.files.at(0), data);
+    }
+}
+
+TEST_F(ZmodemSender, SkippedFilesAreNotCountedAndAllSkippedIsAFailure) {
+    const Bytes data = Pattern(1500);
+    const std::string a = Make("a.bin", data);
+    const std::string b = Make("b.bin", data);
+    {
+        ReceiverScript script;
+        script.skip = {0};
+        SimReceiver peer(host_, script);
+        EXPECT_EQ(Send(peer, {a, b}), 1);
+        ASSERT_EQ(peer.texts.size(), 2u);
+        EXPECT_TRUE(peer.files[0].empty());
+        EXPECT_EQ(peer.files[1], data);
+        EXPECT_EQ(CountLines(1, "File skipped"), 1);
+    }
+    g_lines.clear();
+    host_.ClearWritten();
+    ReceiverScript script;
+    script.skip = {0, 1};
+    SimReceiver peer(host_, script);
+    EXPECT_EQ(Send(peer, {a, b}), XferErrNoFilesSent);
+    const std::string text = ZfileText("a.bin", 1500);
+    const std::string zfile = "C ZFILE 0: k" + std::to_string(text.size());
+    EXPECT_EQ(Frames(peer), (std::vector<std::string>{"B ZRQINIT 0", zfile, zfile, "B ZFIN 0"}));
+    EXPECT_EQ(Noise(peer), (Bytes{'O', 'O'})); // a clean close, no cancel string
+    EXPECT_EQ(CountLines(1, "File skipped"), 2);
+}
+
+TEST_F(ZmodemSender, ZfileCarriesNameSizeOctalTimeAndTheHeaderOptions) {
+    const std::string path = Make("data.bin", Pattern(1234));
+    struct Case {
+        std::vector<int32_t> options;
+        uint8_t zf1, zf0;
+        bool fullPath;
+    };
+    const Case cases[] = {
+        {{}, 0, 0, false},           {{1014}, 0, 3, false},
+        {{1018}, 1, 0, false},       {{1019}, 3, 0, false},
+        {{1020}, 4, 0, false},       {{1021}, 6, 0, false},
+        {{1022}, 7, 0, false},       {{1023}, 5, 0, false},
+        {{1018, 1022}, 7, 0, false}, {{1005, 1014, 1019}, 3, 3, true},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(::testing::PrintToString(c.options));
+        host_.ClearWritten();
+        SimReceiver peer(host_, {});
+        EXPECT_EQ(Send(peer, {path}, c.options), 1);
+        const std::string name = c.fullPath ? path : "data.bin";
+        ASSERT_EQ(peer.texts.size(), 1u);
+        EXPECT_EQ(peer.texts[0], name + '\0' + "1234 14524770400 0"); // no NUL at the end
+        const WireItem &zfile = peer.items.at(1);
+        ASSERT_EQ(zfile.type, zm::ZFILE);
+        EXPECT_EQ(zfile.data[0], 0);
+        EXPECT_EQ(zfile.data[1], 0);
+        EXPECT_EQ(zfile.data[2], c.zf1);
+        EXPECT_EQ(zfile.data[3], c.zf0);
+    }
+}
+
+TEST_F(ZmodemSender, FailuresEndWithTheRightCodeAndCancelUnlessTheReceiverGaveUp) {
+    const Bytes data = Pattern(5000);
+    const std::string path = Make("data.bin", data);
+    struct Case {
+        const char *what;
+        ReceiverScript script;
+        std::vector<int32_t> options;
+        int32_t result;
+        bool cancel;
+    };
+    ReceiverScript naks;
+    naks.zfileNaks = 3;
+    ReceiverScript zrinit;
+    zrinit.abortFrom = 2048;
+    ReceiverScript wrongEnd;
+    wrongEnd.lastAckDelta = -1;
+    const Case cases[] = {
+        {"three unexpected answers to ZFILE", naks, {1028, 3}, XferErrTooManyErrors, true},
+        {"ZRINIT during the data", zrinit, {}, XferErrRemoteAbort, false},
+        {"last ZACK short of the size", wrongEnd, {}, XferErrProtocol, true},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        host_.ClearWritten();
+        SimReceiver peer(host_, c.script);
+        EXPECT_EQ(Send(peer, {path}, c.options), c.result);
+        for (const std::string &f : Frames(peer)) {
+            EXPECT_EQ(f.find("ZEOF"), std::string::npos);
+            EXPECT_EQ(f.find("ZFIN"), std::string::npos);
+        }
+        EXPECT_EQ(Noise(peer), c.cancel ? CancelString() : Bytes{});
+    }
+}
+
+TEST_F(ZmodemSender, NamesThatMatchNothingEndTheBatchAsAFileEngineFailure) {
+    SimReceiver peer(host_, {});
+    EXPECT_EQ(Send(peer, {tree_.Path("missing*.bin")}), XferErrFileEngine);
+    EXPECT_EQ(Frames(peer), (std::vector<std::string>{"B ZRQINIT 0"}));
+    EXPECT_EQ(Noise(peer), CancelString());
+}
+
+TEST_F(ZmodemSender, RefusedOptionsEndTheCallBeforeAnythingHappens) {
+    const std::string path = Make("data.bin", Pattern(10));
+    const std::vector<std::vector<int32_t>> refused = {
+        {1002}, {1003}, {1004},      {1008},    {1010}, {1011}, {1012, 500},
+        {1013}, {1015}, {1016, 500}, {1024, 1}, {1025}, {1026}, {1017, 1029, 4096, 1008},
+        {7},    {-1}};
+    for (const auto &options : refused) {
+        SCOPED_TRACE(::testing::PrintToString(options));
+        std::string names = "\"" + path + "\"";
+        std::vector<int32_t> words = options;
+        words.push_back(0);
+        EXPECT_EQ(ZmodemSendOptions(port_, names.data(), Status, Progress, words),
+                  PortInvalidParameter);
+    }
+    std::string names = "\"" + path + "\"";
+    EXPECT_EQ(ZmodemSendWithOptions(port_, names.data(), Status, Progress, 1001, 1015, 0),
+              PortInvalidParameter);
+    EXPECT_TRUE(host_.Written().empty());
+    EXPECT_EQ(host_.ReadRequests(), 0);
+    EXPECT_TRUE(g_lines.empty());
+    EXPECT_EQ(g_progressCalls, 0);
+}
+
+TEST_F(ZmodemSender, ExportedEntryTakesItsOptionsFromTheArgumentList) {
+    const Bytes data = Pattern(3000);
+    const std::string path = Make("data.bin", data);
+    SimReceiver peer(host_, {});
+    std::string names = "\"" + path + "\"";
+    EXPECT_EQ(ZmodemSendWithOptions(port_, names.data(), Status, Progress, 1001, 1006, 1007, 3,
+                                    1009, 1027, 0, 1028, 5, 1017, 0),
+              1);
+    peer.Finish();
+    EXPECT_EQ(Frames(peer).at(2), DataFrame('C', 0, 'i', 2, 'k', 952));
+    EXPECT_EQ(peer.files.at(0), data);
+}
+
+} // namespace
+} // namespace zvxfer
