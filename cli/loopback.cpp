@@ -22,7 +22,7 @@ std::vector<char> ReadAll(const fs::path &path) {
 }
 
 long ModTime(const fs::path &path) {
-    struct stat st{};
+    struct stat st {};
     return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_mtime) : -1;
 }
 
@@ -47,8 +47,8 @@ bool Verify(const fs::path &original, const fs::path &copy, const Protocol &prot
         ok = ModTime(original) == ModTime(copy);
         note += ok ? ", time kept" : ", time differs";
     }
-    fmt::print(stderr, "{} {}  {} bytes{}\n", ok ? "ok    " : "FAILED", original.filename().string(),
-               a.size(), note);
+    fmt::print(stderr, "{} {}  {} bytes{}\n", ok ? "ok    " : "FAILED",
+               original.filename().string(), a.size(), note);
     return ok;
 }
 
@@ -98,7 +98,7 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
     config.b.receiveFolder = FolderText(folder);
     config.b.policy = XFER_EXISTING_OVERWRITE;
 
-    TransferSettings sender;
+    TransferSettings sender = s.sendOptions;
     sender.protocol = s.protocol;
     sender.files = s.files;
     TransferSettings receiver;
@@ -136,6 +136,13 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
                all ? originals.size() : 0, originals.size(), folder,
                FormatBytes(static_cast<double>(received.bytes)), received.seconds,
                FormatBytes(rate));
+    // What the line carried: the share of the forward bytes that were file
+    // data is the protocol's wire efficiency.
+    const uint64_t forward = link.Counters(host::LinkPair::AtoB).offered;
+    const uint64_t back = link.Counters(host::LinkPair::BtoA).offered;
+    fmt::print(stderr, "zvxfer: line carried {} bytes forward and {} back; file/line {:.3f}\n",
+               forward, back,
+               forward ? static_cast<double>(received.bytes) / static_cast<double>(forward) : 0.0);
     return all ? 0 : 1;
 }
 

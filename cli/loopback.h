@@ -8,6 +8,7 @@
 
 #include "progress.h"
 #include "protocols.h"
+#include "transfer.h"
 
 namespace zvxfer::cli {
 
@@ -19,6 +20,7 @@ struct LoopbackSettings {
     double bitErrorRate = 0;
     uint64_t seed = 1;
     std::string folder; // where received files land (default: a fresh temporary folder)
+    TransferSettings sendOptions; // the sender's protocol options (ZMODEM window, ...)
 };
 
 void AddLoopbackOptions(CLI::App &cmd, LoopbackSettings &settings);

@@ -28,7 +28,9 @@ struct Common {
     bool verbose = false;
 };
 
-void OnInterrupt(int) { g_interrupted.store(true); }
+void OnInterrupt(int) {
+    g_interrupted.store(true);
+}
 
 Verbosity VerbosityOf(const Common &c) {
     if (c.quiet) return Verbosity::Quiet;
@@ -60,13 +62,32 @@ void AddTransferOptions(CLI::App &cmd, TransferSettings &s) {
     cmd.add_flag("--full-path", s.fullPath, "names travel and are stored with their folders");
     cmd.add_option("--timeout", s.timeoutMs, "sender's reply time-out in milliseconds")
         ->check(CLI::Range(1, 3600000));
+    cmd.add_option("--max-errors", s.maxErrors, "ZMODEM: errors in a row before giving up")
+        ->check(CLI::Range(1, 1000000));
+}
+
+// The ZMODEM sender's choices.
+void AddZmodemSendOptions(CLI::App &cmd, TransferSettings &s) {
+    const std::map<std::string, int32_t> management{
+        {"newer-longer", XferOptZmNewerLonger}, {"append", XferOptZmAppend},
+        {"replace", XferOptZmReplace},          {"differ", XferOptZmDiffer},
+        {"protect", XferOptZmProtect},          {"newer", XferOptZmNewer}};
+    cmd.add_flag("--subfolders", s.subfolders, "wildcards also match in subfolders");
+    cmd.add_flag("--resume", s.resume, "ZMODEM: ask the receiver to resume partial files");
+    cmd.add_flag("--no-window", s.noWindow, "ZMODEM: stream without waiting for acknowledgements");
+    cmd.add_option("--manage", s.management,
+                   "ZMODEM: receiver's handling of existing files: "
+                   "newer-longer|append|replace|differ|protect|newer")
+        ->transform(CLI::CheckedTransformer(management, CLI::ignore_case));
+    cmd.add_option("--window", s.windowBytes, "ZMODEM: bytes sent before an acknowledgement")
+        ->check(CLI::Range(1, 1 << 30));
 }
 
 // The report after the transfer: a summary, or the result code and its text.
 int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
     if (o.result == PortInvalidParameter) {
-        fmt::print(stderr, "zvxfer: an option given is not available for {} {}\n",
-                   s.protocol.name, s.sending ? "send" : "receive");
+        fmt::print(stderr, "zvxfer: an option given is not available for {} {}\n", s.protocol.name,
+                   s.sending ? "send" : "receive");
         return kExitUsage;
     }
     if (o.result < 0) {
@@ -101,8 +122,7 @@ int RunOnLine(TransferSettings &s, const LineChoice &choice, Verbosity verbosity
     }
     Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0);
     host::LineHost *lineHost = line->host.get();
-    const Outcome outcome =
-        RunTransfer(port, s, reporter, [lineHost] { return lineHost->Lost(); });
+    const Outcome outcome = RunTransfer(port, s, reporter, [lineHost] { return lineHost->Lost(); });
     port->Ops.PortClose(port);
     return Report(s, outcome, verbosity);
 }
@@ -122,6 +142,7 @@ int Main(int argc, char **argv) {
     AddCommon(*send, common);
     AddLine(*send, line);
     AddTransferOptions(*send, settings);
+    AddZmodemSendOptions(*send, settings);
     send->add_option("FILE", settings.files, "files to send (wildcards allowed)")->required();
 
     auto *receive = app.add_subcommand("receive", "receive files from the line");
@@ -130,15 +151,18 @@ int Main(int argc, char **argv) {
     AddTransferOptions(*receive, settings);
     receive->add_option("-d,--dir", settings.folder, "folder the files land in")
         ->check(CLI::ExistingDirectory);
+    receive->add_flag("--resume", settings.resume,
+                      "ZMODEM: accepted; the receiver always starts at 0");
+    receive->add_flag("--pacing", settings.pacing, "ZMODEM: pause 70 ms per data subpacket");
     receive->add_option("--existing", settings.policy, "when a file exists: overwrite|rename|skip")
         ->transform(CLI::CheckedTransformer(policies, CLI::ignore_case));
-    receive->add_option("FILE", settings.files, "file to write (XMODEM: required)")
-        ->expected(0, 1);
+    receive->add_option("FILE", settings.files, "file to write (XMODEM: required)")->expected(0, 1);
 
     auto *loopback = app.add_subcommand(
         "loopback", "send files to ourselves over a simulated line and verify them");
     AddCommon(*loopback, common);
     AddLoopbackOptions(*loopback, loop);
+    AddZmodemSendOptions(*loopback, loop.sendOptions);
     loopback->add_option("FILE", loop.files, "files to send")->required();
 
     try {
@@ -175,4 +199,6 @@ int Main(int argc, char **argv) {
 } // namespace
 } // namespace zvxfer::cli
 
-int main(int argc, char **argv) { return zvxfer::cli::Main(argc, argv); }
+int main(int argc, char **argv) {
+    return zvxfer::cli::Main(argc, argv);
+}

@@ -14,6 +14,7 @@ const std::vector<Protocol> &Protocols() {
         {"xmodem-1k-g", Xmodem1K, true, false, false, "XMODEM-1K streaming ('G')"},
         {"ymodem", Ymodem, false, true, true, "YMODEM batch with names, sizes and times"},
         {"ymodem-g", Ymodem, true, true, true, "YMODEM streaming ('G')"},
+        {"zmodem", Zmodem, false, true, true, "ZMODEM streaming batch with restarts, CRC-32"},
     };
     return table;
 }

@@ -39,6 +39,19 @@ std::vector<int32_t> OptionWords(const TransferSettings &s) {
         words.push_back(XferOptSendTimeout);
         words.push_back(*s.timeoutMs);
     }
+    if (s.subfolders) words.push_back(XferOptSubfolders);
+    if (s.resume) words.push_back(XferOptZmResume);
+    if (s.pacing) words.push_back(XferOptZmPacing);
+    if (s.noWindow) words.push_back(XferOptZmNoWindow);
+    if (s.management) words.push_back(*s.management);
+    if (s.maxErrors) {
+        words.push_back(XferOptMaxErrors);
+        words.push_back(*s.maxErrors);
+    }
+    if (s.windowBytes) {
+        words.push_back(XferOptZmWindowSize);
+        words.push_back(*s.windowBytes);
+    }
     words.push_back(XferOptEnd);
     return words;
 }
@@ -70,7 +83,9 @@ std::string QuotedNames(const std::vector<std::string> &files) {
     return list;
 }
 
-void InstallHooks() { SetAbortXferFunctionPtr(OnAbortCheck); }
+void InstallHooks() {
+    SetAbortXferFunctionPtr(OnAbortCheck);
+}
 
 std::string DescribeResult(int32_t code) {
 #define ZVXFER_CLI_TEXT(value, name, text)                                                         \
@@ -81,27 +96,54 @@ std::string DescribeResult(int32_t code) {
     return std::to_string(code) + " Unknown error code";
 }
 
+// Each protocol runs through its own entry, so an option the protocol does
+// not take is refused (-7) instead of being dropped the way the generic
+// option block drops what a protocol has no slot for; the block also has
+// no room for every ZMODEM option (file management 7, "protect").  The
+// words go as variadic arguments: the entry reads up to the 0, and the
+// zeros after it are never looked at.
+int32_t RunEntry(XferPort *port, const TransferSettings &s, std::vector<int32_t> words) {
+    constexpr std::size_t kMaxWords = 16;
+    if (words.size() > kMaxWords) return PortInvalidParameter;
+    words.resize(kMaxWords, XferOptEnd);
+    const int32_t *w = words.data();
+#define ZVXFER_CLI_WORDS                                                                           \
+    w[0], w[1], w[2], w[3], w[4], w[5], w[6], w[7], w[8], w[9], w[10], w[11], w[12], w[13], w[14], \
+        w[15]
+    std::string names = QuotedNames(s.files);
+    std::string file;
+    if (!s.sending && !s.files.empty())
+        file = s.files[0].starts_with('/') ? s.files[0] : FolderText(s.folder) + s.files[0];
+    switch (s.protocol.number) {
+    case Xmodem:
+        return s.sending ? XmodemSendWithOptions(port, names.data(), OnStatus, OnProgress,
+                                                 ZVXFER_CLI_WORDS)
+                         : XmodemReceiveWithOptions(port, file.data(), OnStatus, OnProgress,
+                                                    ZVXFER_CLI_WORDS);
+    case Xmodem1K:
+        return s.sending ? Xmodem1KSendWithOptions(port, names.data(), OnStatus, OnProgress,
+                                                   ZVXFER_CLI_WORDS)
+                         : Xmodem1KReceiveWithOptions(port, file.data(), OnStatus, OnProgress,
+                                                      ZVXFER_CLI_WORDS);
+    case Ymodem:
+        return s.sending ? YmodemSendWithOptions(port, names.data(), OnStatus, OnProgress,
+                                                 ZVXFER_CLI_WORDS)
+                         : YmodemReceiveWithOptions(port, OnStatus, OnProgress, ZVXFER_CLI_WORDS);
+    case Zmodem:
+        return s.sending ? ZmodemSendWithOptions(port, names.data(), OnStatus, OnProgress,
+                                                 ZVXFER_CLI_WORDS)
+                         : ZmodemReceiveWithOptions(port, OnStatus, OnProgress, ZVXFER_CLI_WORDS);
+    default:
+        return PortInvalidParameter;
+    }
+#undef ZVXFER_CLI_WORDS
+}
+
 Outcome RunTransfer(XferPort *port, const TransferSettings &s, Reporter &reporter,
                     std::function<bool()> lineLost) {
     ThreadBinding binding(reporter, lineLost);
-    const std::vector<int32_t> words = OptionWords(s);
-    FileTransferOptions *block = CLSetFileTransferOptions(words.data());
     Outcome outcome;
-    if (!block) {
-        outcome.result = XferErrNoBuffer;
-        return outcome;
-    }
-    if (s.sending) {
-        std::string names = QuotedNames(s.files);
-        outcome.result = CLFileSend(port, s.protocol.number, names.data(), 0, 0, block, OnStatus,
-                                    OnProgress);
-    } else {
-        std::string name;
-        if (!s.files.empty())
-            name = s.files[0].starts_with('/') ? s.files[0] : FolderText(s.folder) + s.files[0];
-        outcome.result = CLFileReceive(port, s.protocol.number, name.data(), 0, block, OnStatus,
-                                       OnProgress);
-    }
+    outcome.result = RunEntry(port, s, OptionWords(s));
     reporter.Finish();
     outcome.bytes = reporter.Bytes();
     outcome.seconds = reporter.Seconds();

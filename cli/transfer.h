@@ -23,6 +23,14 @@ struct TransferSettings {
     bool checksum = false;
     bool fullPath = false;
     std::optional<int32_t> timeoutMs;
+    // ZMODEM
+    bool subfolders = false;
+    bool resume = false;
+    bool pacing = false;
+    bool noWindow = false;
+    std::optional<int32_t> management; // option code 1018..1023
+    std::optional<int32_t> maxErrors;
+    std::optional<int32_t> windowBytes;
 };
 
 struct Outcome {

@@ -67,7 +67,7 @@ const Row *RowFor(int32_t protocol) {
     static const Row kYmodemRow{YmodemSend, kYmodemSendSlots, nullptr, YmodemReceive,
                                 kYmodemReceiveSlots};
     static const Row k1KRow{Xmodem1KSend, k1KSendSlots, Xmodem1KReceive, nullptr, k1KReceiveSlots};
-    static const Row kZmodemRow{nullptr, kZmodemSendSlots, nullptr, ZmodemReceiveOptions,
+    static const Row kZmodemRow{ZmodemSendOptions, kZmodemSendSlots, nullptr, ZmodemReceiveOptions,
                                 kZmodemReceiveSlots};
     switch (protocol) {
     case Xmodem:

@@ -137,6 +137,8 @@ def case_usage_errors_exit_2(z, work):
         (["receive", "-p", "ymodem", "--existing", "maybe"], "maybe"),
         (["send", "-p", "xmodem", "--timeout", "0", f], "timeout"),
         (["loopback", "-p", "xmodem", f, f], "one file at a time"),
+        (["send", "-p", "zmodem", "--manage", "sometimes", f], "sometimes"),
+        (["receive", "-p", "zmodem", "--no-window"], "--no-window"),
     ]
     for args, text in table:
         r = run([z] + args)
@@ -157,6 +159,15 @@ def case_option_refused_by_protocol_exit_2(z, work):
         err = far.stderr()
         check(rc == 2, "--checksum with ymodem send exited %d, expected 2; stderr: %s" % (rc, err))
         check("not available for ymodem send" in err, "no message on the refused option: " + err)
+        check(out == b"", "bytes on the line for a refused option: %r" % out[:60])
+    finally:
+        far.close()
+    # ZMODEM options belong to ZMODEM: an XMODEM sender refuses them the same way.
+    far = Far([z, "send", "-p", "xmodem", "--no-window", f])
+    try:
+        out, rc = far.rest(timeout=10)
+        err = far.stderr()
+        check(rc == 2, "--no-window with xmodem send exited %d, expected 2; stderr: %s" % (rc, err))
         check(out == b"", "bytes on the line for a refused option: %r" % out[:60])
     finally:
         far.close()
@@ -238,6 +249,13 @@ def case_loopback_reports_each_file(z, work):
     err = r.stderr.decode(errors="replace")
     check(r.returncode == 0, "xmodem-1k loopback exited %d: %s" % (r.returncode, err))
     check(re.search(r"^ok +one\.bin +3000 bytes", err, re.M), "no xmodem-1k line: " + err)
+    # ZMODEM keeps times and says what the line carried.
+    r = run([z, "loopback", "-p", "zmodem", "--window", "2048"] + files, timeout=60)
+    err = r.stderr.decode(errors="replace")
+    check(r.returncode == 0, "zmodem loopback exited %d: %s" % (r.returncode, err))
+    check(len(re.findall(r"^ok .*time kept", err, re.M)) == 2, "zmodem lines: " + err)
+    m = re.search(r"line carried (\d+) bytes forward and (\d+) back; file/line ([0-9.]+)", err)
+    check(m and int(m.group(1)) > 73000 and float(m.group(3)) < 1.0, "no line summary: " + err)
 
 
 def interrupt_and_collect(far, what):
