@@ -127,7 +127,13 @@ int32_t ReadHexHeader(XferRecord *record) {
         const int32_t c = ReadCharTimed(port, left > 1 ? left : 1);
         if (c < 0) break;
         const int32_t ch = c & 0x7F;
-        if (ch == '\n') break;
+        if (ch == '\n') {
+            // An XON that has already come behind the LF is the header's
+            // too: taking it now spares the next reader a wait for more.
+            const std::span<const uint8_t> next = PeekRun(port);
+            if (!next.empty() && (next[0] & 0x7F) == zm::XON) TakeRun(port, 1);
+            break;
+        }
         if (ch != '\r' && ch != zm::XON) return -1;
     }
     ZmHexSeen(record) = 1;
