@@ -141,11 +141,18 @@ int32_t SendDataFrame(XferRecord *record) {
     SendPosition(record, zm::ZDATA, record->FilePos);
     if (record->Result < 0) return 0;
 
+    // Set when a wait ended because the receiver spoke: the next round reads
+    // it even when the window rule alone would not look (a frame that starts
+    // at the end of the file), instead of finding the same input waiting
+    // over and over.
+    bool answerWaiting = false;
     for (;;) {
         if (XferCheckAbort(record)) return 0;
         bool endWait = false;
         const bool look = !window || record->FilePos - confirmed >= windowSize ||
-                          (frameEnd && record->FilePos > confirmed && AtEnd(record));
+                          (frameEnd && record->FilePos > confirmed && AtEnd(record)) ||
+                          answerWaiting;
+        answerWaiting = false;
         if (look) {
             int seen;
             while ((seen = BackChannel(record)) == 1) {
@@ -196,6 +203,7 @@ int32_t SendDataFrame(XferRecord *record) {
         } else {
             bool failed = false;
             if (AwaitAnswer(record, failed)) return failed ? XferErrTooManyErrors : 0;
+            answerWaiting = true;
         }
 
         if (record->Result < 0) return 0;
