@@ -217,7 +217,8 @@ void SendFileData(XferRecord *record) {
     while (record->FileSize != 0) { // an empty file sends no ZDATA at all
         if (AtEnd(record) && done) break;
         int32_t type = SendDataFrame(record);
-        if (record->Result < 0) return;
+        // A failure, or an abort whose clean-up has already run.
+        if (record->Result < 0 || record->Buffer == nullptr) return;
         if (type == 0) type = ReadFrameHeader(record, 0);
         for (;;) {
             if (type == zm::ZRINIT || type == zm::ZSKIP) {

@@ -414,6 +414,36 @@ TEST_F(ZmodemSender, FailuresEndWithTheRightCodeAndCancelUnlessTheReceiverGaveUp
     }
 }
 
+// Aborts once a write has been tried after the start was armed.
+TestHost *g_abortHost = nullptr;
+int g_abortAfterWrites = 0;
+int32_t AbortAfterAWrite(XferRecord *) {
+    return g_abortHost && g_abortHost->WriteRequests() > g_abortAfterWrites ? XferErrUserAbort : 0;
+}
+
+TEST_F(ZmodemSender, UserAbortWhileThePortIsFullStopsBeforeTheNextWrite) {
+    const std::string path = Make("data.bin", Pattern(3000));
+    const XferAbortFn saved = port_->Hooks->AbortFunction;
+    port_->Hooks->AbortFunction = AbortAfterAWrite;
+    ReceiverScript script;
+    script.onStart = [this] {
+        host_.RefuseWrites(2); // the ZFILE header meets a full port
+        g_abortAfterWrites = host_.WriteRequests();
+        g_abortHost = &host_;
+    };
+    SimReceiver peer(host_, script);
+    EXPECT_EQ(Send(peer, {path}), XferErrUserAbort);
+    port_->Hooks->AbortFunction = saved;
+    g_abortHost = nullptr;
+    EXPECT_EQ(CountLines(1, "Transfer cancelled"), 1);
+    // The clean-up's cancel string went out; no ZFILE text, no ZFIN.
+    EXPECT_TRUE(peer.texts.empty());
+    const Bytes written = host_.Written();
+    const Bytes cancel = CancelString();
+    ASSERT_GE(written.size(), cancel.size());
+    EXPECT_TRUE(std::equal(cancel.begin(), cancel.end(), written.end() - 20));
+}
+
 TEST_F(ZmodemSender, NamesThatMatchNothingEndTheBatchAsAFileEngineFailure) {
     SimReceiver peer(host_, {});
     EXPECT_EQ(Send(peer, {tree_.Path("missing*.bin")}), XferErrFileEngine);

@@ -203,6 +203,7 @@ struct ReceiverScript {
     int32_t lastAckDelta = 0;           // added to the position of the file's last ZACK
     int zfileNaks = 0;                  // answer ZFILE with this many ZNAK headers instead
     bool startAtEnd = false;            // answer ZFILE (and the first ZDATA) with ZRPOS at the size
+    std::function<void()> onStart;      // runs when ZRQINIT arrives
 };
 
 class SimReceiver {
@@ -275,6 +276,7 @@ class SimReceiver {
     void HandleHeader(const WireItem &item) {
         switch (item.type) {
         case zm::ZRQINIT: {
+            if (script_.onStart) script_.onStart();
             const uint8_t data[4] = {static_cast<uint8_t>(script_.bufferLength),
                                      static_cast<uint8_t>(script_.bufferLength >> 8), 0,
                                      script_.flags};
