@@ -179,7 +179,8 @@ int32_t SendDataFrame(XferRecord *record) {
             }
             if (seen == 2) return 0;
             if (window && AtEnd(record)) {
-                // Only the last subpacket's ZACK missing: the caller waits for it.
+                // All confirmed, or only the last subpacket's ZACK still to
+                // come: the caller reads what the receiver says next.
                 if (confirmed >= record->FilePos ||
                     confirmed == record->FilePos - record->BlockSize)
                     return 0;
