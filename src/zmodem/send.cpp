@@ -18,6 +18,12 @@ constexpr int32_t kMsgWaitingName = 28311;
 
 constexpr uint8_t kNoData[4] = {0, 0, 0, 0};
 
+// The transfer has failed, or an abort during a wait has already run the
+// clean-up (Buffer released): nothing more may be sent from Buffer.
+bool Ended(const XferRecord *record) {
+    return record->Result < 0 || record->Buffer == nullptr;
+}
+
 // One more error in a row; true when that reaches the limit (Result -610).
 bool CountError(XferRecord *record) {
     record->ErrorTotal++;
@@ -88,6 +94,7 @@ int SendFileFrame(XferRecord *record) {
     const uint8_t data[4] = {0, 0, static_cast<uint8_t>(ZmManagement(record)),
                              static_cast<uint8_t>(ZmResumeFlag(record) ? 3 : 0)};
     SendBinHeader(record, zm::ZFILE, data);
+    if (Ended(record)) return 0;
     SendDataSubpacket(record, static_cast<uint32_t>(record->BlockSize), zm::ZCRCW);
     if (record->Result < 0) return 0;
 
@@ -149,11 +156,11 @@ void ZmodemSend(XferRecord *record) {
                 SendFileData(record);
                 if (record->Result == 0) XferStatusMessage(record, 1, kMsgFileSent);
             }
-            if (record->Result < 0) break;
+            if (Ended(record)) break;
             XferCloseFile(record);
         }
     }
-    if (record->Result >= 0) CloseLink(record);
+    if (record->Result >= 0 && record->Buffer != nullptr) CloseLink(record);
     XferCleanup(record);
     if (record->FileName == shown) record->FileName = nullptr;
     if (record->Result == 0 && record->FileCount == 0) record->Result = XferErrNoFilesSent;

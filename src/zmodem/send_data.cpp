@@ -141,11 +141,18 @@ int32_t SendDataFrame(XferRecord *record) {
     SendPosition(record, zm::ZDATA, record->FilePos);
     if (record->Result < 0) return 0;
 
+    // Set when a wait ended because the receiver spoke: the next round reads
+    // it even when the window rule alone would not look (a frame that starts
+    // at the end of the file), instead of finding the same input waiting
+    // over and over.
+    bool answerWaiting = false;
     for (;;) {
         if (XferCheckAbort(record)) return 0;
         bool endWait = false;
         const bool look = !window || record->FilePos - confirmed >= windowSize ||
-                          (frameEnd && record->FilePos > confirmed && AtEnd(record));
+                          (frameEnd && record->FilePos > confirmed && AtEnd(record)) ||
+                          answerWaiting;
+        answerWaiting = false;
         if (look) {
             int seen;
             while ((seen = BackChannel(record)) == 1) {
@@ -172,7 +179,8 @@ int32_t SendDataFrame(XferRecord *record) {
             }
             if (seen == 2) return 0;
             if (window && AtEnd(record)) {
-                // Only the last subpacket's ZACK missing: the caller waits for it.
+                // All confirmed, or only the last subpacket's ZACK still to
+                // come: the caller reads what the receiver says next.
                 if (confirmed >= record->FilePos ||
                     confirmed == record->FilePos - record->BlockSize)
                     return 0;
@@ -196,6 +204,7 @@ int32_t SendDataFrame(XferRecord *record) {
         } else {
             bool failed = false;
             if (AwaitAnswer(record, failed)) return failed ? XferErrTooManyErrors : 0;
+            answerWaiting = true;
         }
 
         if (record->Result < 0) return 0;
@@ -209,7 +218,8 @@ void SendFileData(XferRecord *record) {
     while (record->FileSize != 0) { // an empty file sends no ZDATA at all
         if (AtEnd(record) && done) break;
         int32_t type = SendDataFrame(record);
-        if (record->Result < 0) return;
+        // A failure, or an abort whose clean-up has already run.
+        if (record->Result < 0 || record->Buffer == nullptr) return;
         if (type == 0) type = ReadFrameHeader(record, 0);
         for (;;) {
             if (type == zm::ZRINIT || type == zm::ZSKIP) {

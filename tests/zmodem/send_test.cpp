@@ -2,6 +2,7 @@
 // every CRC checked), the files rebuilt from its subpackets, how far it goes
 // without confirmation, restarts, noise on the return channel, skips, the
 // closing exchange, its failures and its option table.
+#include <algorithm>
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -178,79 +179,75 @@ TEST_F(ZmodemSender, DefaultWindowStreamsCrc32ZcrcqAndStopsAt4096Unconfirmed) {
     EXPECT_EQ(CountLines(0, "data.bin : SendDataFrame: sending @9216"), 1);
 }
 
-TEST_F(ZmodemSender, WindowSizeOptionIsCountedInWholeSubpackets) {
-    const Bytes data = Pattern(10000);
-    const std::string path = Make("data.bin", data);
-    SimReceiver peer(host_, {});
-    EXPECT_EQ(Send(peer, {path}, {1029, 5000}), 1);
-    EXPECT_EQ(peer.bursts, (std::vector<int32_t>{5120, 4880}));
-    EXPECT_EQ(peer.files.at(0), data);
-}
-
-TEST_F(ZmodemSender, WithoutWindowOneFrameOfZcrcgEndsWithZcrcw) {
-    const Bytes data = Pattern(10000);
-    const std::string path = Make("data.bin", data);
-    SimReceiver peer(host_, {});
-    EXPECT_EQ(Send(peer, {path}, {1017}), 1);
-    const std::vector<std::string> frames = Frames(peer);
-    ASSERT_EQ(frames.size(), 5u);
-    EXPECT_EQ(frames[2], DataFrame('C', 0, 'i', 9, 'k', 784));
-    EXPECT_EQ(frames[3], "C ZEOF 10000");
-    EXPECT_EQ(peer.bursts, (std::vector<int32_t>{10000}));
-    EXPECT_EQ(peer.files.at(0), data);
-}
-
-TEST_F(ZmodemSender, ReceiverWithoutFullDuplexGetsNoWindow) {
-    const Bytes data = Pattern(3000);
-    const std::string path = Make("data.bin", data);
-    ReceiverScript script;
-    script.flags = zm::CANOVIO | zm::CANFC32;
-    SimReceiver peer(host_, script);
-    EXPECT_EQ(Send(peer, {path}), 1);
-    EXPECT_EQ(Frames(peer).at(2), DataFrame('C', 0, 'i', 2, 'k', 952));
-}
-
-TEST_F(ZmodemSender, ReceiverBufferLengthEndsEachFrameWithZcrcw) {
-    const Bytes data = Pattern(10000);
-    const std::string path = Make("data.bin", data);
-    ReceiverScript script;
-    script.flags = zm::CANFDX | zm::CANOVIO | zm::CANFC32;
-    script.bufferLength = 2048;
-    SimReceiver peer(host_, script);
-    EXPECT_EQ(Send(peer, {path}), 1);
-
-    std::vector<std::string> data_frames;
-    for (const std::string &f : Frames(peer))
-        if (f.find("ZDATA") != std::string::npos) data_frames.push_back(f);
-    EXPECT_EQ(data_frames, (std::vector<std::string>{
-                               DataFrame('C', 0, 'j', 1, 'k', 1024),
-                               DataFrame('C', 2048, 'j', 1, 'k', 1024),
-                               DataFrame('C', 4096, 'j', 1, 'k', 1024),
-                               DataFrame('C', 6144, 'j', 1, 'k', 1024),
-                               DataFrame('C', 8192, 'j', 1, 'k', 784),
-                           }));
-    // Each next ZDATA header waits for the ZACKs of the frame before.
-    EXPECT_EQ(peer.bursts, (std::vector<int32_t>{2048, 2048, 2048, 2048, 1808}));
-    EXPECT_EQ(peer.files.at(0), data);
-    EXPECT_TRUE(AllChecksGood(peer));
-}
-
-TEST_F(ZmodemSender, ReceiverWithOnlyFullDuplexGetsCrc16AndZcrcwSubpackets) {
-    const Bytes data = Pattern(2500);
-    const std::string path = Make("data.bin", data);
-    ReceiverScript script;
-    script.flags = zm::CANFDX; // neither CANOVIO nor CANFC32
-    SimReceiver peer(host_, script);
-    EXPECT_EQ(Send(peer, {path}), 1);
-
-    const std::string text = ZfileText("data.bin", 2500);
-    EXPECT_EQ(Frames(peer),
-              (std::vector<std::string>{"B ZRQINIT 0", "A ZFILE 0: k" + std::to_string(text.size()),
-                                        "A ZDATA 0: k1024", "A ZDATA 1024: k1024",
-                                        "A ZDATA 2048: k452", "A ZEOF 2500", "B ZFIN 0"}));
-    EXPECT_TRUE(AllChecksGood(peer)); // CRC-16 after the 'A' headers
-    EXPECT_EQ(peer.files.at(0), data);
-    EXPECT_EQ(CountLines(0, "Sending with CRC-32"), 0);
+// The ZDATA frames and how far the sender goes before it waits for ZACKs,
+// by the receiver's flags and buffer length and the window options.
+TEST_F(ZmodemSender, WindowAndReceiverCapabilitiesShapeTheDataFrames) {
+    constexpr uint8_t kFdx = zm::CANFDX, kOvio = zm::CANOVIO, kCrc32 = zm::CANFC32;
+    struct Case {
+        const char *what;
+        uint8_t flags;
+        uint16_t bufferLength;
+        std::vector<int32_t> options;
+        std::size_t size;
+        std::vector<std::string> frames;
+        std::vector<int32_t> bursts;
+    };
+    const Case cases[] = {
+        {"window 5000 stops at 5120",
+         zm::kOurRinitFlags,
+         0,
+         {1029, 5000},
+         10000,
+         {DataFrame('C', 0, 'j', 9, 'k', 784)},
+         {5120, 4880}},
+        {"option 1017: one frame of ZCRCG",
+         zm::kOurRinitFlags,
+         0,
+         {1017},
+         10000,
+         {DataFrame('C', 0, 'i', 9, 'k', 784)},
+         {10000}},
+        {"no full duplex: no window",
+         kOvio | kCrc32,
+         0,
+         {},
+         3000,
+         {DataFrame('C', 0, 'i', 2, 'k', 952)},
+         {3000}},
+        {"buffer length 2048: frames end with ZCRCW",
+         kFdx | kOvio | kCrc32,
+         2048,
+         {},
+         7000,
+         {DataFrame('C', 0, 'j', 1, 'k', 1024), DataFrame('C', 2048, 'j', 1, 'k', 1024),
+          DataFrame('C', 4096, 'j', 1, 'k', 1024), DataFrame('C', 6144, 'k', 0, 'k', 856)},
+         {2048, 2048, 2048, 856}},
+        {"only CANFDX: CRC-16 and a ZCRCW frame per subpacket",
+         kFdx,
+         0,
+         {},
+         2500,
+         {"A ZDATA 0: k1024", "A ZDATA 1024: k1024", "A ZDATA 2048: k452"},
+         {1024, 1024, 452}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        host_.ClearWritten();
+        const Bytes data = Pattern(c.size);
+        const std::string path = Make("data.bin", data);
+        ReceiverScript script;
+        script.flags = c.flags;
+        script.bufferLength = c.bufferLength;
+        SimReceiver peer(host_, script);
+        EXPECT_EQ(Send(peer, {path}, c.options), 1);
+        std::vector<std::string> dataFrames;
+        for (const std::string &f : Frames(peer))
+            if (f.find("ZDATA") != std::string::npos) dataFrames.push_back(f);
+        EXPECT_EQ(dataFrames, c.frames);
+        EXPECT_EQ(peer.bursts, c.bursts);
+        EXPECT_TRUE(AllChecksGood(peer)); // CRC-16 after 'A' headers, CRC-32 after 'C'
+        EXPECT_EQ(peer.files.at(0), data);
+    }
 }
 
 TEST_F(ZmodemSender, EmptyFileSendsNoDataFrame) {
@@ -387,10 +384,15 @@ TEST_F(ZmodemSender, FailuresEndWithTheRightCodeAndCancelUnlessTheReceiverGaveUp
     zrinit.abortFrom = 2048;
     ReceiverScript wrongEnd;
     wrongEnd.lastAckDelta = -1;
+    // Nothing left to send: the frame is a bare ZDATA header, and the
+    // waits for an answer count as errors instead of spinning for ever.
+    ReceiverScript atEnd;
+    atEnd.startAtEnd = true;
     const Case cases[] = {
         {"three unexpected answers to ZFILE", naks, {1028, 3}, XferErrTooManyErrors, true},
         {"ZRINIT during the data", zrinit, {}, XferErrRemoteAbort, false},
         {"last ZACK short of the size", wrongEnd, {}, XferErrProtocol, true},
+        {"ZRPOS at the size and then silence", atEnd, {}, XferErrTooManyErrors, true},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -401,8 +403,45 @@ TEST_F(ZmodemSender, FailuresEndWithTheRightCodeAndCancelUnlessTheReceiverGaveUp
             EXPECT_EQ(f.find("ZEOF"), std::string::npos);
             EXPECT_EQ(f.find("ZFIN"), std::string::npos);
         }
-        EXPECT_EQ(Noise(peer), c.cancel ? CancelString() : Bytes{});
+        const Bytes written = host_.Written();
+        const Bytes cancel = CancelString();
+        const bool cancelled = written.size() >= cancel.size() &&
+                               std::equal(cancel.begin(), cancel.end(), written.end() - 20);
+        EXPECT_EQ(cancelled, c.cancel);
+        if (!c.cancel) {
+            EXPECT_TRUE(Noise(peer).empty());
+        }
     }
+}
+
+// Aborts once a write has been tried after the start was armed.
+TestHost *g_abortHost = nullptr;
+int g_abortAfterWrites = 0;
+int32_t AbortAfterAWrite(XferRecord *) {
+    return g_abortHost && g_abortHost->WriteRequests() > g_abortAfterWrites ? XferErrUserAbort : 0;
+}
+
+TEST_F(ZmodemSender, UserAbortWhileThePortIsFullStopsBeforeTheNextWrite) {
+    const std::string path = Make("data.bin", Pattern(3000));
+    const XferAbortFn saved = port_->Hooks->AbortFunction;
+    port_->Hooks->AbortFunction = AbortAfterAWrite;
+    ReceiverScript script;
+    script.onStart = [this] {
+        host_.RefuseWrites(2); // the ZFILE header meets a full port
+        g_abortAfterWrites = host_.WriteRequests();
+        g_abortHost = &host_;
+    };
+    SimReceiver peer(host_, script);
+    EXPECT_EQ(Send(peer, {path}), XferErrUserAbort);
+    port_->Hooks->AbortFunction = saved;
+    g_abortHost = nullptr;
+    EXPECT_EQ(CountLines(1, "Transfer cancelled"), 1);
+    // The clean-up's cancel string went out; no ZFILE text, no ZFIN.
+    EXPECT_TRUE(peer.texts.empty());
+    const Bytes written = host_.Written();
+    const Bytes cancel = CancelString();
+    ASSERT_GE(written.size(), cancel.size());
+    EXPECT_TRUE(std::equal(cancel.begin(), cancel.end(), written.end() - 20));
 }
 
 TEST_F(ZmodemSender, NamesThatMatchNothingEndTheBatchAsAFileEngineFailure) {

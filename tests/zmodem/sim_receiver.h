@@ -202,6 +202,8 @@ struct ReceiverScript {
     int32_t abortFrom = -1;             // once this much has arrived, send ZRINIT
     int32_t lastAckDelta = 0;           // added to the position of the file's last ZACK
     int zfileNaks = 0;                  // answer ZFILE with this many ZNAK headers instead
+    bool startAtEnd = false;            // answer ZFILE (and the first ZDATA) with ZRPOS at the size
+    std::function<void()> onStart;      // runs when ZRQINIT arrives
 };
 
 class SimReceiver {
@@ -274,6 +276,7 @@ class SimReceiver {
     void HandleHeader(const WireItem &item) {
         switch (item.type) {
         case zm::ZRQINIT: {
+            if (script_.onStart) script_.onStart();
             const uint8_t data[4] = {static_cast<uint8_t>(script_.bufferLength),
                                      static_cast<uint8_t>(script_.bufferLength >> 8), 0,
                                      script_.flags};
@@ -285,6 +288,10 @@ class SimReceiver {
             break;
         case zm::ZDATA:
             accepting_ = item.Pos() == rxPos_;
+            if (script_.startAtEnd && !nudged_) {
+                nudged_ = true; // a receiver that timed out asks once more
+                Send(Hex(zm::ZRPOS, rxPos_));
+            }
             if (script_.garbage > 0 && !garbageSent_) {
                 garbageSent_ = true;
                 Send(Bytes(static_cast<std::size_t>(script_.garbage), 'x'));
@@ -313,7 +320,8 @@ class SimReceiver {
         } else if (script_.zfileNaks > 0) {
             for (int i = 0; i < script_.zfileNaks; ++i) Send(Hex(6, 0));
         } else {
-            Send(Hex(zm::ZRPOS, 0));
+            if (script_.startAtEnd) rxPos_ = static_cast<int32_t>(fileSize_);
+            Send(Hex(zm::ZRPOS, rxPos_));
         }
     }
 
@@ -358,6 +366,7 @@ class SimReceiver {
     bool accepting_ = false;
     bool garbageSent_ = false;
     bool restarted_ = false;
+    bool nudged_ = false;
     int32_t rxPos_ = 0;
     long fileSize_ = -1;
 };
