@@ -17,6 +17,7 @@ namespace {
 constexpr int32_t kPacingMs = 70;
 constexpr int32_t kConvertNewlines = 2; // ZF0: write each LF as CR LF
 constexpr int32_t kAppend = 3;          // ZF1: positions count from the end
+constexpr int32_t kZnak = 6;            // the other side could not read our header
 
 // With pacing, a pause of 70 ms; the port's Status survives it unless the
 // pause itself reported something other than an empty buffer.
@@ -178,10 +179,15 @@ void ReadFileData(XferRecord *r) {
 
         // The common end of a frame: go on with the next header, or ask
         // for the data again from the last good position.
+        // A header that arrived damaged may have been the ZDATA the sender
+        // now waits on, and a ZNAK says our own header arrived damaged:
+        // either way the sender needs our position again, or both ends
+        // would wait for each other until the silence limit.
         const bool padFound = ZmHeaderFormat(r) != PortBufferEmpty;
         const bool dataHeader = type == zm::ZDATA || type == zm::ZEOF;
-        if ((lastGood || !dataHeader) && padFound) continue;
-        if (padFound) {
+        const bool damagedHeader = padFound && (type < 0 || type == kZnak);
+        if ((lastGood || !dataHeader) && padFound && !damagedHeader) continue;
+        if (padFound && type >= 0) { // a damaged header was counted by its reader
             r->ErrorTotal++;
             if (++r->ErrorRun >= ZmMaxErrors(r)) {
                 r->Result = XferErrTooManyErrors;

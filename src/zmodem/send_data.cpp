@@ -220,8 +220,17 @@ void SendFileData(XferRecord *record) {
         int32_t type = SendDataFrame(record);
         // A failure, or an abort whose clean-up has already run.
         if (record->Result < 0 || record->Buffer == nullptr) return;
-        if (type == 0) type = ReadFrameHeader(record, 0);
+        if (type == 0) type = ReadFrameHeader(record, 1);
         for (;;) {
+            if (type < 0 && record->Result >= 0) {
+                // The receiver's answer arrived damaged (a ZRPOS or the
+                // last ZACK, most likely) and it now waits on us: offer the
+                // data again from here.  A receiver that is elsewhere
+                // answers with its own position.
+                XferStatus(record, 0, "SendFile: frame type %d", static_cast<int>(type));
+                ZmRestartPending(record) = 1;
+                break;
+            }
             if (type == zm::ZRINIT || type == zm::ZSKIP) {
                 record->Result = XferErrRemoteAbort; // the receiver gave up on the file
                 return;
@@ -231,9 +240,15 @@ void SendFileData(XferRecord *record) {
                 record->ErrorRun = 0;
                 ZmRestartPending(record) = 0;
                 if (AtEnd(record)) {
-                    if (ZmGetPosition(ZmHeaderData(record)) == record->FileSize) {
+                    const int32_t position = ZmGetPosition(ZmHeaderData(record));
+                    if (position == record->FileSize) {
                         ClearRXBuffer(record->Port);
                         done = true;
+                    } else if (position < record->FileSize && position >= 0) {
+                        // An older ZACK (a repeated restart is answered
+                        // twice): the one for the end is still to come.
+                        type = ReadFrameHeader(record, 1);
+                        continue;
                     } else {
                         record->Result = XferErrProtocol;
                     }
@@ -251,7 +266,7 @@ void SendFileData(XferRecord *record) {
             }
             XferStatus(record, 0, "SendFile: frame type %d", static_cast<int>(type));
             if (record->Result < 0) return;
-            type = ReadFrameHeader(record, 0);
+            type = ReadFrameHeader(record, 1);
         }
         if (record->Result < 0) return; // a ZACK at the end with the wrong position
         if (AtEnd(record) && done) break;

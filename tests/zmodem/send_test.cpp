@@ -383,7 +383,7 @@ TEST_F(ZmodemSender, FailuresEndWithTheRightCodeAndCancelUnlessTheReceiverGaveUp
     ReceiverScript zrinit;
     zrinit.abortFrom = 2048;
     ReceiverScript wrongEnd;
-    wrongEnd.lastAckDelta = -1;
+    wrongEnd.lastAckDelta = 1;
     // Nothing left to send: the frame is a bare ZDATA header, and the
     // waits for an answer count as errors instead of spinning for ever.
     ReceiverScript atEnd;
@@ -391,7 +391,7 @@ TEST_F(ZmodemSender, FailuresEndWithTheRightCodeAndCancelUnlessTheReceiverGaveUp
     const Case cases[] = {
         {"three unexpected answers to ZFILE", naks, {1028, 3}, XferErrTooManyErrors, true},
         {"ZRINIT during the data", zrinit, {}, XferErrRemoteAbort, false},
-        {"last ZACK short of the size", wrongEnd, {}, XferErrProtocol, true},
+        {"last ZACK beyond the size", wrongEnd, {}, XferErrProtocol, true},
         {"ZRPOS at the size and then silence", atEnd, {}, XferErrTooManyErrors, true},
     };
     for (const Case &c : cases) {
