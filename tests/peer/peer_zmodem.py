@@ -7,6 +7,8 @@
 #
 # usage: peer_zmodem.py ZVXFER CASE      (CASE "list" prints the case names)
 import os
+import re
+import subprocess
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -130,6 +132,46 @@ def case_zmodem_no_window_to_peer(c):
 
 def case_zmodem_small_window_to_peer(c):
     to_peer(c, [make_file(c.src, "random.bin", 300000, 20)], ours=["--window", "5000"])
+
+
+# --- under noise, through the line relay ---------------------------------------------
+
+def noisy(c, send, receive, seeds=(1, 2, 3)):
+    """Each run through a line with bit errors either delivers the exact file or
+    ends with a defined failure; a receiver never reports a wrong file good."""
+    relay = os.path.join(os.path.dirname(c.z), "zvxfer-line-relay")
+    check(os.path.exists(relay), "no %s next to the program" % relay)
+    f = make_file(c.src, "noisy.bin", 150000, 21)
+    completed = 0
+    for seed in seeds:
+        copy = c.copy(f)
+        if os.path.exists(copy):
+            os.remove(copy)
+        r = subprocess.run([relay, "--ber", "1e-5", "--seed", str(seed), "--timeout", "120",
+                            "--"] + send(f) + ["--"] + receive, cwd=c.out,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, timeout=180)
+        err = r.stderr.decode(errors="replace")
+        m = re.search(r"relay: a=(\S+) b=(\S+)", err)
+        check(m, "the relay did not report: " + err)
+        ours_failed = re.search(r"transfer failed: -\d+ ", err)
+        if m.group(2) == "0":
+            same_ymodem(f, copy, None)
+            completed += m.group(1) == "0"
+        else:
+            check(m.group(1) != "0" or ours_failed, "seed %d: a failure without a result "
+                  "code: %s" % (seed, err))
+        check("signal" not in err, "seed %d: a program was killed: %s" % (seed, err))
+    check(completed >= len(seeds) - 1, "only %d of %d noisy runs completed" % (completed,
+                                                                             len(seeds)))
+
+
+def case_zmodem_noisy_from_peer(c):
+    noisy(c, lambda f: [peer("sz"), "-q", f],
+          [c.z, "receive", "-p", "zmodem", "-q", "-d", c.out])
+
+
+def case_zmodem_noisy_to_peer(c):
+    noisy(c, lambda f: [c.z, "send", "-p", "zmodem", "-q", f], [peer("rz"), "-q"])
 
 
 # --- over a real pty pair ---------------------------------------------------------
