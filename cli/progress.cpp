@@ -83,7 +83,9 @@ void Reporter::Progress(const XferRecord &record) {
     if (record.File == XFER_INVALID_FILE || !record.FileName) return;
     const std::string shown = Shown(record.FileName);
     const uint64_t pos = record.FilePos > 0 ? static_cast<uint64_t>(record.FilePos) : 0;
-    if (shown != file_ || pos < current_) StartFile(record);
+    // A position that moves back is a restart within the file (ZMODEM
+    // after a damaged subpacket), not a new file.
+    if (shown != file_) StartFile(record);
     current_ = pos;
     if (record.FileSize > size_) size_ = record.FileSize;
     if (live_) Draw(false);
