@@ -196,6 +196,11 @@ void XmReceiveFile(XferRecord *r) {
     while (XmReceiveBlock(r)) {
         const intptr_t header = r->ProtocolHook;
         if (header == xm::SOH || header == xm::STX) {
+            // The answer goes out before the data is written, so the sender
+            // reads its next block while this side writes: the write leaves
+            // the round trip.  A write that fails still ends the transfer
+            // before the next block is taken.
+            const bool answered = !acknowledge || XmSendAck(r);
             if (!r->SkipFile && r->BlockSize > 0 &&
                 plat::FileWrite(r->File, r->Buffer, static_cast<std::size_t>(r->BlockSize)) !=
                     r->BlockSize) {
@@ -203,7 +208,7 @@ void XmReceiveFile(XferRecord *r) {
                 break;
             }
             r->FilePos += r->BlockSize;
-            if (acknowledge && !XmSendAck(r)) break;
+            if (!answered) break;
             r->ErrorRun = 0;
         } else if (header == xm::EOT) {
             XmSendAck(r);
