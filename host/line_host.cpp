@@ -193,8 +193,10 @@ void LineHost::WriteQueue() {
         if (lost_) queue_.clear();
     }
     // While bytes wait for room, the thread's waits also wake when the fd
-    // can take more, so the library's next round comes as soon as it helps.
+    // can take more, and the flush message stays posted, so whatever the
+    // library waits in next puts them out as soon as they fit.
     if (queue_.empty() == watchingWrite_) WatchWrite(!queue_.empty());
+    if (!queue_.empty()) PostFlush();
 }
 
 // PORT_WRITE takes the bytes into the queue (making room by writing first
@@ -214,8 +216,8 @@ void LineHost::AnswerWrite(PortBlock &block) {
         if (taken < block.Length && !watchingWrite_) WatchWrite(true);
     } else if (!lost_) {
         taken = std::min<std::size_t>(block.Length, capacity - queue_.size());
-        if (queue_.empty() && taken > 0) PostFlush();
         queue_.insert(queue_.end(), block.Data, block.Data + taken);
+        if (taken > 0) PostFlush();
     }
     block.Error = lost_ ? 1 : 0;
     block.Length = static_cast<uint32_t>(taken);
@@ -232,10 +234,9 @@ void LineHost::PostFlush() {
 void LineHost::OnFlushMessage() {
     flushPosted_ = false;
     WriteQueue();
-    if (queue_.empty() || lost_) return;
+    if (queue_.empty()) return;
     AwaitWritable(writeFd_, kFlushRetryMs);
     WriteQueue();
-    if (!queue_.empty() && !lost_) PostFlush();
 }
 
 bool LineHost::Flush(int timeoutMs) {
