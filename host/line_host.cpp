@@ -1,8 +1,10 @@
 // The fd line host: non-blocking reads into a receive buffer handed over on
-// PORT_READ, non-blocking writes on PORT_WRITE, lost-line detection, and the
-// registration of the fds with the owner thread's waits.
+// PORT_READ, a send queue filled by PORT_WRITE and written without blocking,
+// lost-line detection, and the registration of the fds with the owner
+// thread's waits.
 #include "line_host.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
@@ -40,10 +42,25 @@ bool HungUp(int fd) {
     return poll(&p, 1, 0) > 0 && (p.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
 }
 
-bool Writable(int fd) {
+// Wait up to `timeoutMs` for fd to take more bytes.
+void AwaitWritable(int fd, int timeoutMs) {
     pollfd p{fd, POLLOUT, 0};
-    return poll(&p, 1, 0) > 0 && (p.revents & POLLOUT) != 0;
+    while (poll(&p, 1, timeoutMs) < 0 && errno == EINTR) {
+    }
 }
+
+int64_t NowMs() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Posted to the host's own window: put the queued bytes on the line.
+constexpr uint32_t kFlushMessage = ZV_WM_USER + 1;
+// How long the flush message waits for a full fd before it asks again.
+constexpr int kFlushRetryMs = 5;
+// How long the destructor waits for the fd to take what is still queued.
+constexpr int kFinalFlushMs = 2000;
 
 } // namespace
 
@@ -85,6 +102,7 @@ LineHost::LineHost(int readFd, int writeFd, LineHostOptions options)
 }
 
 LineHost::~LineHost() {
+    Flush(kFinalFlushMs);
     ZvUnwatchFd(readFd_);
     if (writeFd_ != readFd_) ZvUnwatchFd(writeFd_);
     if (window_ != nullptr) ZvDestroyWindow(window_);
@@ -103,17 +121,23 @@ XferPort *LineHost::OpenPort(const char *receiveFolder, int32_t policy) {
 
 intptr_t LineHost::Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam) {
     auto *self = static_cast<LineHost *>(ZvGetWindowUserData(window));
-    if (self == nullptr || message != XferPortMessage || lParam == 0) return 0;
+    if (self == nullptr) return 0;
+    if (message == kFlushMessage) {
+        self->OnFlushMessage();
+        return 0;
+    }
+    if (message != XferPortMessage || lParam == 0) return 0;
     auto &block = *reinterpret_cast<PortBlock *>(lParam);
     if (wParam == PORT_READ) self->AnswerRead(block);
     if (wParam == PORT_WRITE) self->AnswerWrite(block);
     return 0;
 }
 
-// The library asks again only when it has taken every byte it was given, so
-// each PORT_READ may reuse the whole buffer.
+// An engine reads when it waits for an answer, so what it has said goes out
+// first.  The library asks again only when it has taken every byte it was
+// given, so each PORT_READ may reuse the whole buffer.
 void LineHost::AnswerRead(PortBlock &block) {
-    if (watchingWrite_ && Writable(writeFd_)) WatchWrite(false);
+    WriteQueue();
     FillBuffer();
     block.Data = buffer_.data();
     block.Length = static_cast<uint32_t>(filled_);
@@ -141,32 +165,92 @@ void LineHost::FillBuffer() {
     }
 }
 
+// Write what the fd takes now.  Returns the bytes written; a line that is
+// gone sets lost_.
+std::size_t LineHost::WriteSome(const uint8_t *data, std::size_t length) {
+    std::size_t done = 0;
+    while (done < length && !lost_) {
+        const long n = WriteNoSignal(writeFd_, data + done, length - done, writeIsSocket_);
+        if (n > 0) {
+            done += static_cast<std::size_t>(n);
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else {
+            if (n < 0 && LineGone(errno)) lost_ = true;
+            break;
+        }
+    }
+    bytesOut_ += done;
+    return done;
+}
+
+// Put as much of the queue on the line as the fd takes now.  A lost line
+// drops the queue: nothing can carry it any more.
+void LineHost::WriteQueue() {
+    if (!queue_.empty()) {
+        const std::size_t done = WriteSome(queue_.data(), queue_.size());
+        queue_.erase(queue_.begin(), queue_.begin() + static_cast<std::ptrdiff_t>(done));
+        if (lost_) queue_.clear();
+    }
+    // While bytes wait for room, the thread's waits also wake when the fd
+    // can take more, and the flush message stays posted, so whatever the
+    // library waits in next puts them out as soon as they fit.
+    if (queue_.empty() == watchingWrite_) WatchWrite(!queue_.empty());
+    if (!queue_.empty()) PostFlush();
+}
+
+// PORT_WRITE takes the bytes into the queue (making room by writing first
+// when they do not fit); a block larger than the whole queue goes straight
+// to the fd.  Length drops to what was taken, 0 when the fd and the queue
+// are full.
 void LineHost::AnswerWrite(PortBlock &block) {
     if (lost_) {
         block.Error = 1;
         return;
     }
-    block.Error = 0;
-    long n;
-    do {
-        n = WriteNoSignal(writeFd_, block.Data, block.Length, writeIsSocket_);
-    } while (n < 0 && errno == EINTR);
-    if (n < 0) {
-        if (LineGone(errno)) {
-            lost_ = true;
-            block.Error = 1;
-            return;
-        }
-        n = 0;
+    const std::size_t capacity = options_.sendQueue;
+    if (queue_.size() + block.Length > capacity) WriteQueue();
+    std::size_t taken = 0;
+    if (!lost_ && queue_.empty() && block.Length > capacity) {
+        taken = WriteSome(block.Data, block.Length);
+        if (taken < block.Length && !watchingWrite_) WatchWrite(true);
+    } else if (!lost_) {
+        taken = std::min<std::size_t>(block.Length, capacity - queue_.size());
+        queue_.insert(queue_.end(), block.Data, block.Data + taken);
+        if (taken > 0) PostFlush();
     }
-    bytesOut_ += static_cast<uint64_t>(n);
-    const bool partial = static_cast<uint32_t>(n) < block.Length;
-    block.Length = static_cast<uint32_t>(n);
-    if (partial != watchingWrite_) WatchWrite(partial);
+    block.Error = lost_ ? 1 : 0;
+    block.Length = static_cast<uint32_t>(taken);
 }
 
-// While a write was only partly taken the thread's waits also wake when the
-// fd can take more, so the library's retry comes as soon as it can succeed.
+void LineHost::PostFlush() {
+    if (!flushPosted_) flushPosted_ = ZvPostMessage(window_, kFlushMessage, 0, 0) != 0;
+}
+
+// The thread is handling its messages (the library's idle hook does so in
+// every wait): the queue goes out.  A full fd gets a short wait for room
+// and then another message, so an idle-only wait cannot keep bytes back
+// and does not spin while the far end reads nothing.
+void LineHost::OnFlushMessage() {
+    flushPosted_ = false;
+    WriteQueue();
+    if (queue_.empty()) return;
+    AwaitWritable(writeFd_, kFlushRetryMs);
+    WriteQueue();
+}
+
+bool LineHost::Flush(int timeoutMs) {
+    const int64_t deadline = NowMs() + timeoutMs;
+    for (;;) {
+        WriteQueue();
+        if (queue_.empty() || lost_) break;
+        const int64_t left = deadline - NowMs();
+        if (left <= 0) break;
+        AwaitWritable(writeFd_, static_cast<int>(left));
+    }
+    return queue_.empty() && !lost_;
+}
+
 void LineHost::WatchWrite(bool on) {
     watchingWrite_ = on;
     if (writeFd_ == readFd_) {

@@ -1,7 +1,8 @@
 // LineHost: a reusable host for one line carried by file descriptors (a tty,
 // a socket, a pipe pair, a pty).  It owns a host window that answers the
 // port message: PORT_READ hands over the bytes it has read from the line,
-// PORT_WRITE writes without blocking.  A lost line shows in the Error flag.
+// PORT_WRITE queues the bytes to send, which go out together without
+// blocking.  A lost line shows in the Error flag.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -13,6 +14,7 @@ namespace zvxfer::host {
 
 struct LineHostOptions {
     std::size_t receiveBuffer = 64 * 1024; // bytes read from the fd at most per PORT_READ
+    std::size_t sendQueue = 16 * 1024;     // bytes PORT_WRITE may queue before they go out
     bool closeOnDestroy = false;           // close the fds when the host goes
 };
 
@@ -21,6 +23,14 @@ struct LineHostOptions {
 // read fd is registered with that thread's waits.  The fds are set
 // non-blocking for the host's lifetime; their original flags come back in
 // the destructor.  readFd and writeFd may be the same descriptor.
+//
+// Writes are queued so that the pieces an engine hands over one by one (a
+// block's header, number, data and check) reach the line in one write and
+// the far end wakes once per block.  The queue goes out before every
+// PORT_READ (an engine reads when it waits for an answer), when it is full,
+// when the thread next handles its messages (the first queued byte posts a
+// flush message to the host's own window, which the library's default idle
+// hook dispatches in every wait), on Flush() and in the destructor.
 class LineHost {
   public:
     LineHost(int readFd, int writeFd, LineHostOptions options = {});
@@ -36,6 +46,12 @@ class LineHost {
     // A port on this host's window (close it with port->Ops.PortClose).
     XferPort *OpenPort(const char *receiveFolder = "", int32_t policy = XFER_EXISTING_OVERWRITE);
 
+    // Put the queued bytes on the line now, waiting up to `timeoutMs` for
+    // the fd to take them; true when all went out (false when some are
+    // still queued or the line is lost).
+    bool Flush(int timeoutMs = 0);
+    std::size_t Queued() const { return queue_.size(); }
+
     // True once a read or write found the line gone (EOF, hang-up, EPIPE, EIO).
     bool Lost() const { return lost_; }
     uint64_t BytesIn() const { return bytesIn_; }
@@ -46,6 +62,10 @@ class LineHost {
     void AnswerRead(PortBlock &block);
     void AnswerWrite(PortBlock &block);
     void FillBuffer();
+    std::size_t WriteSome(const uint8_t *data, std::size_t length);
+    void WriteQueue();
+    void PostFlush();
+    void OnFlushMessage();
     void WatchWrite(bool on);
 
     int readFd_;
@@ -59,7 +79,9 @@ class LineHost {
     LineHostOptions options_;
     ZvHwnd window_ = nullptr;
     std::vector<uint8_t> buffer_;
-    std::size_t filled_ = 0; // bytes of buffer_ read from the fd and handed over
+    std::size_t filled_ = 0;     // bytes of buffer_ read from the fd and handed over
+    std::vector<uint8_t> queue_; // accepted by PORT_WRITE, not yet written
+    bool flushPosted_ = false;   // a flush message waits in the thread's queue
     uint64_t bytesIn_ = 0;
     uint64_t bytesOut_ = 0;
 };

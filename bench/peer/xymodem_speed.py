@@ -15,6 +15,7 @@ used, where line capacity = elapsed seconds x 11520 bytes/s (8N1), because
 the loopback does not report the bytes it put on the line.
 
 usage: xymodem_speed.py ZVXFER [--size-mib 8] [--loop-kib 128] [--repeat 2]
+                         [--cpus free|same|split]
 """
 import argparse
 import os
@@ -37,13 +38,28 @@ def which(name):
     return path
 
 
+# CPUs for the sender and the receiver (None: the scheduler places them).
+# Two processes that answer each other block by block run much faster on one
+# CPU than on two (every wake-up on the other CPU has to bring it out of
+# idle), and where the scheduler puts them changes from run to run.
+CPU_CHOICES = {"free": (None, None), "same": (0, 0), "split": (0, 1)}
+CPUS = CPU_CHOICES["free"]
+
+
+def pinned(cpu):
+    if cpu is None:
+        return None
+    return lambda: os.sched_setaffinity(0, {cpu})
+
+
 def run_pair(send_argv, recv_argv, recv_cwd, timeout=600):
     a, b = socket.socketpair()
     with open(os.devnull, "wb") as null:
         start = time.monotonic()
-        ps = subprocess.Popen(send_argv, stdin=a.fileno(), stdout=a.fileno(), stderr=null)
+        ps = subprocess.Popen(send_argv, stdin=a.fileno(), stdout=a.fileno(), stderr=null,
+                              preexec_fn=pinned(CPUS[0]))
         pr = subprocess.Popen(recv_argv, stdin=b.fileno(), stdout=b.fileno(), stderr=null,
-                              cwd=recv_cwd)
+                              cwd=recv_cwd, preexec_fn=pinned(CPUS[1]))
         a.close()
         b.close()
         try:
@@ -111,7 +127,9 @@ def measure(z, protocol, big, tiny, work, repeat):
 def print_table(title, rows, size):
     mb = size / 1e6
     ref = rows[-1]
-    print("\n%s, %.1f MB file over a socket pair" % (title, mb))
+    where = {"free": "", "same": ", both ends on CPU 0", "split": ", ends on CPUs 0 and 1"}
+    cpus = [k for k, v in CPU_CHOICES.items() if v == CPUS][0]
+    print("\n%s, %.1f MB file over a socket pair%s" % (title, mb, where[cpus]))
     print("%-18s %9s %9s %9s %9s %9s %9s  %s" % ("pairing", "time s", "MB/s", "vs peer",
                                                  "fixed s", "net MB/s", "vs peer", "status"))
     for label, t, fixed, state in rows:
@@ -154,9 +172,15 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     ap.add_argument("zvxfer")
     ap.add_argument("--size-mib", type=int, default=8)
-    ap.add_argument("--loop-kib", type=int, default=128)
+    ap.add_argument("--loop-kib", type=int, default=128,
+                    help="file size for the simulated-line table (0: skip it)")
     ap.add_argument("--repeat", type=int, default=2, help="runs per pairing; the best counts")
+    ap.add_argument("--cpus", choices=sorted(CPU_CHOICES), default="free",
+                    help="free: the scheduler places sender and receiver; same: both on CPU 0; "
+                         "split: sender on CPU 0, receiver on CPU 1")
     args = ap.parse_args()
+    global CPUS
+    CPUS = CPU_CHOICES[args.cpus]
     z = os.path.abspath(args.zvxfer)
     work = tempfile.mkdtemp(prefix="zvxfer-bench-")
     try:
@@ -169,7 +193,8 @@ def main():
         size = os.path.getsize(big)
         print_table("YMODEM", measure(z, "ymodem", big, tiny, work, args.repeat), size)
         print_table("XMODEM-1K", measure(z, "xmodem-1k", big, tiny, work, args.repeat), size)
-        efficiency(z, work, args.loop_kib)
+        if args.loop_kib > 0:
+            efficiency(z, work, args.loop_kib)
     finally:
         shutil.rmtree(work)
 

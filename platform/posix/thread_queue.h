@@ -45,7 +45,8 @@ struct ThreadQueue {
     // Reset the wake-up counter: owner only.
     void DrainWake();
 
-    // Queue a posted message; false when the owner thread has exited.
+    // Queue a posted message and wake the owner (unless it is the caller);
+    // false when the owner thread has exited.
     bool Post(const ZvMsg &msg);
     // Queue a send request; false when the owner thread has exited.
     bool QueueSend(const std::shared_ptr<SendRequest> &request);

@@ -1,6 +1,8 @@
 // One file with XMODEM, XMODEM-1K or their streaming form (also the data
 // phase of every YMODEM file): the start handshake, the block/answer cycle
 // with its retries, and the end-of-file exchange.
+#include <algorithm>
+
 #include "core/core.h"
 #include "platform/file.h"
 #include "port/port.h"
@@ -34,6 +36,33 @@ bool Drained(XferRecord *r) {
         if (XferCheckAbort(r)) return false;
     if (port->Status == PortNotSupported) port->Status = 0;
     return true;
+}
+
+// True when the host has reported the connection lost and holds no byte
+// that came before the loss.
+bool LineLost(const XferPort *port) {
+    return port->RxBlock.Error != 0 && port->RxBlock.Length == 0;
+}
+
+// The answer to the batch-ending block 0.  One slice of silence counts as the
+// receiver's acknowledgement, and so does a line the host reports lost: a
+// receiver that has taken every file may hang up at once, and its answer
+// (lost with the line) could not change the outcome.  The loss ends the wait
+// as soon as it is seen and before the abort hook, which a host may use to
+// turn a lost line into a failure.  Returns the byte, kXmTimedOut or
+// kXmAborted.
+int32_t WaitFinalAnswer(XferRecord *r) {
+    constexpr int32_t kPieceMs = 50; // how soon a reported loss is noticed
+    XferPort *port = r->Port;
+    const int32_t slice = std::min(ReplyTimeout(r), xm::kSliceMs);
+    if (slice <= 0) return kXmTimedOut;
+    for (int32_t left = slice; left > 0; left -= kPieceMs) {
+        const int32_t c = ReadCharTimed(port, std::min(left, kPieceMs));
+        if (c >= 0) return c;
+        if (LineLost(port)) return kXmTimedOut;
+        if (c != kXmTimedOut) break; // the idle hook asked to stop
+    }
+    return XferCheckAbort(r) ? kXmAborted : kXmTimedOut;
 }
 
 } // namespace
@@ -76,7 +105,7 @@ int XmWaitAck(XferRecord *r, int final) {
     if (!streaming && !Drained(r)) return 0;
     if (streaming && r->BlockSize != 0 && r->Port->Ops.RxCount(r->Port) <= 0) return 1;
 
-    const int32_t c = XmWaitChar(r, ReplyTimeout(r), final != 0);
+    const int32_t c = final ? WaitFinalAnswer(r) : XmWaitChar(r, ReplyTimeout(r));
     if (c == kXmAborted) return 0;
     if (c == kXmTimedOut) return final ? 1 : 0;
 
@@ -167,6 +196,11 @@ void XmReceiveFile(XferRecord *r) {
     while (XmReceiveBlock(r)) {
         const intptr_t header = r->ProtocolHook;
         if (header == xm::SOH || header == xm::STX) {
+            // The answer goes out before the data is written, so the sender
+            // reads its next block while this side writes: the write leaves
+            // the round trip.  A write that fails still ends the transfer
+            // before the next block is taken.
+            const bool answered = !acknowledge || XmSendAck(r);
             if (!r->SkipFile && r->BlockSize > 0 &&
                 plat::FileWrite(r->File, r->Buffer, static_cast<std::size_t>(r->BlockSize)) !=
                     r->BlockSize) {
@@ -174,7 +208,7 @@ void XmReceiveFile(XferRecord *r) {
                 break;
             }
             r->FilePos += r->BlockSize;
-            if (acknowledge && !XmSendAck(r)) break;
+            if (!answered) break;
             r->ErrorRun = 0;
         } else if (header == xm::EOT) {
             XmSendAck(r);

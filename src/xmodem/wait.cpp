@@ -8,14 +8,13 @@
 
 namespace zvxfer {
 
-int32_t XmWaitChar(XferRecord *r, int32_t timeoutMs, bool firstSliceOnly) {
+int32_t XmWaitChar(XferRecord *r, int32_t timeoutMs) {
     for (int32_t left = timeoutMs; left > 0;) {
         const int32_t slice = std::min(left, xm::kSliceMs);
         const int32_t c = ReadCharTimed(r->Port, slice);
         if (c >= 0) return c;
         left -= slice;
         if (XferCheckAbort(r)) return kXmAborted;
-        if (firstSliceOnly) break;
     }
     return kXmTimedOut;
 }

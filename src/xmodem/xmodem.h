@@ -46,9 +46,8 @@ inline bool XmStreaming(const XferRecord *r) {
 constexpr int32_t kXmTimedOut = -8; // the wait ran out
 constexpr int32_t kXmAborted = -2;  // XferCheckAbort said stop
 // Wait up to `timeoutMs` for a byte in 1000-ms slices, checking for an abort
-// after every empty slice.  With `firstSliceOnly` the first empty slice ends
-// the wait.  Returns the byte, kXmTimedOut or kXmAborted.
-int32_t XmWaitChar(XferRecord *record, int32_t timeoutMs, bool firstSliceOnly = false);
+// after every empty slice.  Returns the byte, kXmTimedOut or kXmAborted.
+int32_t XmWaitChar(XferRecord *record, int32_t timeoutMs);
 // Read and drop bytes until a 1000-ms read finds none; false on an abort.
 // `count` (optional) receives the number of bytes dropped.
 bool XmDiscard(XferRecord *record, int *count = nullptr);

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <memory>
 #include <numeric>
 #include <string>
 #include <sys/ioctl.h>
@@ -117,9 +118,11 @@ TEST_P(LineHostKinds, BytesBothWaysThroughAPort) {
     std::vector<uint8_t> all(256);
     std::iota(all.begin(), all.end(), 0);
     EXPECT_EQ(port->Ops.WriteBuffer(port, all.data(), 256), 0);
+    EXPECT_TRUE(host.Flush(1000));
     const std::string far = ReadFar(line.farRead, 256);
     EXPECT_EQ(far, std::string(all.begin(), all.end()));
     EXPECT_EQ(port->Ops.WriteChar(port, 'Z'), 0);
+    EXPECT_TRUE(host.Flush(1000));
     EXPECT_EQ(ReadFar(line.farRead, 1), "Z");
 
     // ClearRXBuffer throws away everything received so far.
@@ -166,8 +169,9 @@ TEST_P(LineHostKinds, HangUpShowsInTheErrorFlag) {
     sigaction(SIGPIPE, &old, nullptr);
 }
 
-// Pipes and sockets refuse a write at once when the far end is gone (a pty
-// master takes it, and the next read finds the hang-up).
+// Pipes and sockets refuse the queued bytes as soon as they are written
+// when the far end is gone; every later request then reports the loss (a
+// pty master takes them, and the next read finds the hang-up).
 TEST(LineHost, WriteFirstAfterHangUp) {
     signal(SIGPIPE, SIG_DFL);
     for (Kind kind : {Kind::Pipes, Kind::SocketPair}) {
@@ -175,11 +179,62 @@ TEST(LineHost, WriteFirstAfterHangUp) {
         LineHost host(line.hostRead, line.hostWrite);
         XferPort *port = host.OpenPort();
         line.CloseFar();
-        EXPECT_EQ(port->Ops.WriteChar(port, 'a'), PortGeneralError) << Name(kind);
-        EXPECT_EQ(port->TxBlock.Error, 1) << Name(kind);
+        EXPECT_EQ(port->Ops.WriteChar(port, 'a'), 0) << Name(kind) << ": queued";
+        EXPECT_FALSE(host.Flush(100)) << Name(kind);
         EXPECT_TRUE(host.Lost()) << Name(kind);
+        EXPECT_EQ(host.Queued(), 0u) << Name(kind) << ": nothing can carry it any more";
+        EXPECT_EQ(port->Ops.WriteChar(port, 'b'), PortGeneralError) << Name(kind);
+        EXPECT_EQ(port->TxBlock.Error, 1) << Name(kind);
+        EXPECT_EQ(port->Ops.ReadChar(port), PortGeneralError) << Name(kind);
         port->Ops.PortClose(port);
     }
+}
+
+// Bytes the far end can read right now, without blocking.
+int Pending(int fd) {
+    int avail = 0;
+    return ioctl(fd, FIONREAD, &avail) == 0 ? avail : -1;
+}
+
+// The pieces an engine writes one by one stay queued until it reads, until
+// the thread handles its messages (the library's idle hook), or until the
+// host goes; each time they reach the far end in one write.
+TEST(LineHost, QueuedWritesGoOutWhenTheEngineWaitsOrTheHostEnds) {
+    Line line(Kind::SocketPair);
+    auto host = std::make_unique<LineHost>(line.hostRead, line.hostWrite);
+    XferPort *port = host->OpenPort();
+    ASSERT_NE(port, nullptr);
+
+    for (char c : std::string("abc")) EXPECT_EQ(port->Ops.WriteChar(port, c), 0);
+    EXPECT_EQ(Pending(line.farRead), 0);
+    EXPECT_EQ(host->Queued(), 3u);
+    EXPECT_EQ(port->Ops.ReadChar(port), PortBufferEmpty); // the engine waits for an answer
+    EXPECT_EQ(Pending(line.farRead), 3);
+    char buf[8];
+    EXPECT_EQ(read(line.farRead, buf, sizeof buf), 3) << "one write carried all three";
+
+    EXPECT_EQ(port->Ops.WriteChar(port, 'd'), 0);
+    EXPECT_EQ(Pending(line.farRead), 0);
+    EXPECT_EQ(CallIdle(port), 0); // an idle-only wait: the default hook pumps
+    EXPECT_EQ(ReadFar(line.farRead, 1), "d");
+
+    EXPECT_EQ(port->Ops.WriteChar(port, 'e'), 0);
+    port->Ops.PortClose(port);
+    host.reset();
+    EXPECT_EQ(ReadFar(line.farRead, 1), "e");
+}
+
+// With no queue every PORT_WRITE goes to the fd at once.
+TEST(LineHost, NoQueueWritesAtOnce) {
+    Line line(Kind::Pipes);
+    LineHostOptions options;
+    options.sendQueue = 0;
+    LineHost host(line.hostRead, line.hostWrite, options);
+    XferPort *port = host.OpenPort();
+    EXPECT_EQ(port->Ops.WriteChar(port, 'x'), 0);
+    EXPECT_EQ(Pending(line.farRead), 1);
+    EXPECT_EQ(host.BytesOut(), 1u);
+    port->Ops.PortClose(port);
 }
 
 TEST_P(LineHostKinds, WatchedFdWakesTheThreadsWait) {
@@ -216,13 +271,20 @@ TEST(LineHost, PartialWritesWhenTheFdIsFull) {
     EXPECT_EQ(r, PortBufferFull);
     EXPECT_EQ(port->Count, 0u);
     EXPECT_EQ(port->Status, PortBufferFull);
-    EXPECT_EQ(host.BytesOut(), accepted);
+    const std::size_t queued = host.Queued();
+    EXPECT_EQ(queued, LineHostOptions{}.sendQueue) << "refused only once the queue is full";
+    EXPECT_EQ(host.BytesOut() + queued, accepted);
     EXPECT_GE(accepted, 4096u);
 
-    // The far end drains everything the host took, byte for byte.
-    EXPECT_EQ(ReadFar(line.farRead, accepted).size(), accepted);
+    // The far end drains everything the host took, byte for byte: what is
+    // in the pipe, then the queue once there is room for it.
+    EXPECT_EQ(ReadFar(line.farRead, accepted - queued).size(), accepted - queued);
+    EXPECT_TRUE(host.Flush(1000));
+    EXPECT_EQ(ReadFar(line.farRead, queued).size(), queued);
+    EXPECT_EQ(host.BytesOut(), accepted);
     port->Ops.ClearError(port);
     EXPECT_EQ(port->Ops.WriteBuffer(port, block.data(), 100), 0);
+    EXPECT_TRUE(host.Flush(1000));
     EXPECT_EQ(ReadFar(line.farRead, 100), std::string(100, 'Z'));
     EXPECT_FALSE(host.Lost());
     port->Ops.PortClose(port);

@@ -91,6 +91,7 @@ TEST(Tcp, LineOverLoopback) {
         LineHost host(fd);
         XferPort *port = host.OpenPort();
         EXPECT_EQ(port->Ops.WriteBuffer(port, reinterpret_cast<const uint8_t *>("ping"), 4), 0);
+        ASSERT_TRUE(host.Flush(1000));
         char buf[4];
         ASSERT_EQ(read(far, buf, 4), 4);
         EXPECT_EQ(std::string(buf, 4), "ping");

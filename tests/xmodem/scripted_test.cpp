@@ -2,6 +2,7 @@
 // test host up front and everything our side puts on the line is compared
 // byte for byte.  A scaled clock lets the multi-second waits pass quickly.
 #include <algorithm>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -92,6 +93,22 @@ TEST_F(XmodemScripted, ReceiverAsksWithCAcknowledgesEachBlockAndKeepsPadding) {
     expected.resize(256, 0); // XMODEM carries no size: the padding stays
     EXPECT_EQ(ReadFile(Target()), expected);
     EXPECT_EQ(CountLines("End of file, cleaning up"), 1);
+}
+
+// A file the host opened so that every write fails.
+XferFile OpenUnwritable(XferRecord *, const char *, const char *) {
+    return open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+TEST_F(XmodemScripted, BlockThatCannotBeWrittenEndsTheTransferBeforeTheNext) {
+    SetXferFileOpenFunctionPtr(OpenUnwritable);
+    Peer(Cat({Block(1, Pattern(128)), Block(2, Pattern(128)), {EOT}}));
+    std::string name = Target();
+    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), XferErrFileIo);
+    // The answer to block 1 leaves before its data is written; the failed
+    // write then ends the transfer with the cancel string, and block 2 is
+    // never acknowledged.
+    EXPECT_EQ(host_.Written(), Cat({{'C', ACK}, CancelString()}));
 }
 
 TEST_F(XmodemScripted, ReceiverStartCharacterFollowsOptions) {

@@ -1,6 +1,7 @@
 // YMODEM batches against a scripted peer: block 0 on the wire, receive-side
 // naming in the port's folder, exact sizes and file times.
 #include <algorithm>
+#include <atomic>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -139,6 +140,42 @@ TEST_F(YmodemScripted, SilentReceiverAfterTheLastBlock0CountsAsDone) {
     std::string names = "\"" + tree_.Path("nothing*") + "\"";
     EXPECT_EQ(YmodemSendWithOptions(port_, names.data(), nullptr, nullptr, 0), 0);
     EXPECT_EQ(host_.Written(), Block0(""));
+}
+
+// The host's abort hook in the zvxfer program turns a lost line into a
+// failure; this one does the same once the test has hung the line up.
+std::atomic<bool> g_hungUp{false};
+int32_t LostLineIsAFailure(XferRecord *) {
+    return g_hungUp ? XferErrLostCarrier : 0;
+}
+
+TEST_F(YmodemScripted, ReceiverThatHangsUpAfterTheLastBlock0LeavesAGoodBatch) {
+    Open(tree_.Folder());
+    const Bytes data = Data(1000);
+    const std::string path = tree_.Path("report.txt");
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char *>(data.data()), static_cast<long>(data.size()));
+    // Every file is acknowledged; once the sender has taken the last 'C' and
+    // looks for the answer to the batch-ending block 0, the line is gone
+    // (reads report the loss; writes still go out, as to a pty whose other
+    // end has closed).
+    host_.Receive(Bytes{'C', ACK, 'C', ACK, ACK, 'C'});
+    g_hungUp = false;
+    host_.OnRequest([](TestHost &h, uintptr_t request) {
+        if (request == PORT_READ && h.Unread() == 0) {
+            h.SetReadError(true);
+            g_hungUp = true;
+        }
+    });
+    SetAbortXferFunctionPtr(LostLineIsAFailure);
+    std::string names = "\"" + path + "\"";
+    EXPECT_EQ(YmodemSendWithOptions(port_, names.data(), nullptr, nullptr, 0), 1);
+    EXPECT_TRUE(g_hungUp);
+    const Bytes written = host_.Written();
+    const Bytes end = Block0("");
+    ASSERT_GE(written.size(), end.size());
+    EXPECT_TRUE(std::equal(end.begin(), end.end(), written.end() - static_cast<long>(end.size())))
+        << "the batch-ending block 0 is the last thing written: no cancel string";
 }
 
 } // namespace
