@@ -65,3 +65,69 @@ write(b0, "empty-termination", bytes(128))
 write(b0, "long-name-no-nul", b"n" * 128)
 write(b0, "blanks-and-huge-numbers", b"a\x00   99999999999999999999   777777777777777 0 extra")
 write(b0, "negative-size", b"a\x00-5 17")
+
+
+# --- ZMODEM frames --------------------------------------------------------
+
+ZDLE, ZPAD = 0x18, ord("*")
+ZESCAPED = {0x0D, 0x10, 0x11, 0x13, 0x18, 0x8D, 0x90, 0x91, 0x93}
+
+
+def crc32(data):
+    crc = 0xFFFFFFFF
+    for b in data:
+        crc ^= b
+        for _ in range(8):
+            crc = (crc >> 1) ^ 0xEDB88320 if crc & 1 else crc >> 1
+    return crc
+
+
+def zesc(data):
+    out = bytearray()
+    for b in data:
+        out += bytes([ZDLE, b ^ 0x40]) if b in ZESCAPED else bytes([b])
+    return bytes(out)
+
+
+def zhex(frame_type, d=(0, 0, 0, 0)):
+    body = bytes([frame_type]) + bytes(d)
+    text = b"**\x18B" + body.hex().encode() + b"%04x\r\n" % crc16(body)
+    return text + (b"" if frame_type in (3, 8) else b"\x11")
+
+
+def zbin(frame_type, d=(0, 0, 0, 0), c32=True):
+    body = bytes([frame_type]) + bytes(d)
+    if c32:
+        c = crc32(body) ^ 0xFFFFFFFF
+        check = bytes([c & 0xFF, c >> 8 & 0xFF, c >> 16 & 0xFF, c >> 24])
+    else:
+        c = crc16(body)
+        check = bytes([c >> 8, c & 0xFF])
+    return bytes([ZPAD, ZDLE, ord("C" if c32 else "A")]) + zesc(body + check)
+
+
+def zsub(data, end, c32=True):
+    if c32:
+        c = crc32(data + bytes([end])) ^ 0xFFFFFFFF
+        check = bytes([c & 0xFF, c >> 8 & 0xFF, c >> 16 & 0xFF, c >> 24])
+    else:
+        c = crc16(data + bytes([end]))
+        check = bytes([c >> 8, c & 0xFF])
+    return zesc(data) + bytes([ZDLE, end]) + zesc(check) + (b"\x11" if end == ord("k") else b"")
+
+
+zf = "zmodem_frames"
+binary = bytes(range(256)) * 4
+write(zf, "rinit-hex", bytes([0]) + zhex(1, (0, 0, 0, 0x27)))
+write(zf, "zfile-then-data-crc32", bytes([0]) + zbin(4) + zsub(b"a.bin\x0020 13727410000 0", ord("k"))
+      + zbin(10) + zsub(binary, ord("i")) + zsub(b"tail", ord("k")) + zbin(11, (4, 4, 0, 0)))
+write(zf, "data-crc16-byte-by-byte", bytes([0x10]) + zbin(10, c32=False)
+      + zsub(binary[:300], ord("j"), c32=False) + zsub(b"", ord("h"), c32=False))
+write(zf, "zsinit-after-hex", bytes([0]) + zhex(2, (0, 0, 0, 0x40)) + zsub(b"\x00", ord("k"), c32=False))
+bad = bytearray(zbin(10) + zsub(binary[:500], ord("k")))
+bad[200] ^= 0x04
+write(zf, "damaged-subpacket", bytes([0x73]) + bytes(bad) + zhex(9, (0, 2, 0, 0)))
+write(zf, "noise-then-header", bytes([0]) + bytes(range(0x30, 0x7A)) * 30 + zhex(8))
+write(zf, "cans", bytes([0]) + bytes([0x18] * 4) + zhex(0) + bytes([0x18] * 6))
+write(zf, "capital-hex-and-unknown-format", bytes([2]) + b"**\x18B0100000027FED4\r\n" + b"*\x18Z" + zhex(3))
+write(zf, "overlong-subpacket", bytes([0xF0]) + zbin(10) + b"a" * 1100 + bytes([ZDLE, ord("k")]))

@@ -1,0 +1,107 @@
+// Fuzz target: the ZMODEM frame readers (ReadFrameHeader, ReadDataSubpacket
+// and everything under them) reading arbitrary line bytes through a real
+// port whose host window hands them over, as a receiver's data phase reads
+// them: a header, then the subpackets of ZDATA, ZFILE and ZSINIT frames.
+//
+// Input: one set-up byte, then the line.
+//   byte 0: bits 0-3 the error limit (0: the default 10), bits 4-7 bytes
+//           handed over per PORT_READ (0: all there are)
+// Once the line is used up the idle hook ends every wait at once, so no run
+// waits out a real time-out.
+#include <algorithm>
+
+#include "core/core.h"
+#include "fuzz_check.h"
+#include "port/port.h"
+#include "zmodem/zmodem.h"
+#include "zvxfer.h"
+
+using namespace zvxfer;
+
+namespace {
+
+constexpr uint32_t kNudge = ZV_WM_USER + 1; // no meaning; ends a message wait at once
+
+struct Line {
+    const uint8_t *data = nullptr;
+    std::size_t size = 0;
+    std::size_t pos = 0;
+    std::size_t chunk = 0;
+};
+Line g_line;
+
+intptr_t Host(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam) {
+    if (message != XferPortMessage || lParam == 0) return 0;
+    auto &block = *reinterpret_cast<PortBlock *>(lParam);
+    block.Error = 0;
+    if (wParam == PORT_READ) {
+        std::size_t n = g_line.size - g_line.pos;
+        if (g_line.chunk != 0) n = std::min(n, g_line.chunk);
+        block.Data = const_cast<uint8_t *>(g_line.data + g_line.pos);
+        block.Length = static_cast<uint32_t>(n);
+        g_line.pos += n;
+        if (n == 0) ZvPostMessage(window, kNudge, 0, 0);
+    }
+    return 0; // PORT_WRITE: everything taken
+}
+
+int32_t StopWhenDry(XferPort *) {
+    return g_line.pos >= g_line.size ? -1 : 0;
+}
+
+bool IsEnd(int32_t c) {
+    return c == zm::ZCRCE || c == zm::ZCRCG || c == zm::ZCRCQ || c == zm::ZCRCW;
+}
+
+// The subpackets of one frame, as the receiver takes them.
+void ReadSubpackets(XferRecord &r) {
+    for (int n = 0; n < 64; ++n) {
+        const int32_t end = ReadDataSubpacket(&r);
+        ZVXFER_FUZZ_CHECK(r.BlockSize >= 0 &&
+                          r.BlockSize <= static_cast<int32_t>(zm::kMaxSubpacket));
+        if (end < 0) return;
+        ZVXFER_FUZZ_CHECK(IsEnd(end));
+        if (end == zm::ZCRCE || end == zm::ZCRCW) return;
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
+    if (size < 1) return 0;
+    SetPortIdleFunctionPtr(StopWhenDry);
+    g_line = Line{data + 1, size - 1, 0, static_cast<std::size_t>(data[0] >> 4)};
+
+    ZvHwnd window = ZvCreateWindow(Host, nullptr);
+    XferPort *port = PortOpen(0, window, "", XFER_EXISTING_OVERWRITE);
+    ZVXFER_FUZZ_CHECK(port != nullptr);
+    XferRecord r{};
+    r.Port = port;
+    r.Protocol = Zmodem;
+    r.FileTime = -1;
+    const int32_t limit = (data[0] & 0x0F) != 0 ? data[0] & 0x0F : zm::kDefaultMaxErrors;
+    ZmMaxErrors(&r) = limit;
+    if (XferInit(&r)) {
+        for (int frames = 0; frames < 256 && r.Result == 0; ++frames) {
+            const int32_t type = ReadFrameHeader(&r, 1);
+            if (type >= 0) {
+                const int32_t format = ZmHeaderFormat(&r);
+                ZVXFER_FUZZ_CHECK(format == zm::ZBIN || format == zm::ZHEX || format == zm::ZBIN32);
+                ZVXFER_FUZZ_CHECK(type <= 0xFF);
+                ZVXFER_FUZZ_CHECK(r.ErrorRun < limit);
+                if (type == zm::ZDATA || type == zm::ZFILE || type == zm::ZSINIT) ReadSubpackets(r);
+            } else {
+                // A failure is either the transfer's end or a counted error.
+                ZVXFER_FUZZ_CHECK(r.Result < 0 || (r.ErrorRun > 0 && r.ErrorRun < limit));
+                if (g_line.pos >= g_line.size && r.Result == 0) break;
+            }
+        }
+        if (r.Result == XferErrTooManyErrors) ZVXFER_FUZZ_CHECK(r.ErrorRun >= limit);
+        XferCleanup(&r);
+    }
+    port->Ops.PortClose(port);
+    ZvDestroyWindow(window);
+    while (ZvPeekMessage(nullptr, 1)) {
+    }
+    return 0;
+}
