@@ -27,8 +27,10 @@ struct Line {
     std::size_t size = 0;
     std::size_t pos = 0;
     std::size_t chunk = 0;
+    bool stop = false; // the run is over: end every wait
 };
 Line g_line;
+const XferRecord *g_record = nullptr; // a failed transfer ends its waits too
 
 intptr_t Host(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam) {
     if (message != XferPortMessage || lParam == 0) return 0;
@@ -46,7 +48,8 @@ intptr_t Host(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam
 }
 
 int32_t StopWhenDry(XferPort *) {
-    return g_line.pos >= g_line.size ? -1 : 0;
+    const bool failed = g_record != nullptr && g_record->Result < 0;
+    return g_line.stop || failed || g_line.pos >= g_line.size ? -1 : 0;
 }
 
 bool IsEnd(int32_t c) {
@@ -70,7 +73,7 @@ void ReadSubpackets(XferRecord &r) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     if (size < 1) return 0;
     SetPortIdleFunctionPtr(StopWhenDry);
-    g_line = Line{data + 1, size - 1, 0, static_cast<std::size_t>(data[0] >> 4)};
+    g_line = Line{data + 1, size - 1, 0, static_cast<std::size_t>(data[0] >> 4), false};
 
     ZvHwnd window = ZvCreateWindow(Host, nullptr);
     XferPort *port = PortOpen(0, window, "", XFER_EXISTING_OVERWRITE);
@@ -81,6 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     r.FileTime = -1;
     const int32_t limit = (data[0] & 0x0F) != 0 ? data[0] & 0x0F : zm::kDefaultMaxErrors;
     ZmMaxErrors(&r) = limit;
+    g_record = &r;
     if (XferInit(&r)) {
         for (int frames = 0; frames < 256 && r.Result == 0; ++frames) {
             const int32_t type = ReadFrameHeader(&r, 1);
@@ -97,8 +101,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
             }
         }
         if (r.Result == XferErrTooManyErrors) ZVXFER_FUZZ_CHECK(r.ErrorRun >= limit);
+        g_line.stop = true;
         XferCleanup(&r);
     }
+    g_record = nullptr;
     port->Ops.PortClose(port);
     ZvDestroyWindow(window);
     while (ZvPeekMessage(nullptr, 1)) {
