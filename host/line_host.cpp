@@ -217,7 +217,10 @@ void LineHost::AnswerWrite(PortBlock &block) {
     } else if (!lost_) {
         taken = std::min<std::size_t>(block.Length, capacity - queue_.size());
         queue_.insert(queue_.end(), block.Data, block.Data + taken);
-        if (taken > 0) PostFlush();
+        if (queue_.size() >= options_.flushAt)
+            WriteQueue();
+        else if (taken > 0)
+            PostFlush();
     }
     block.Error = lost_ ? 1 : 0;
     block.Length = static_cast<uint32_t>(taken);

@@ -15,7 +15,13 @@ namespace zvxfer::host {
 struct LineHostOptions {
     std::size_t receiveBuffer = 64 * 1024; // bytes read from the fd at most per PORT_READ
     std::size_t sendQueue = 16 * 1024;     // bytes PORT_WRITE may queue before they go out
-    bool closeOnDestroy = false;           // close the fds when the host goes
+    // Once this many bytes are queued they go out at once: a unit that
+    // large is worth a write of its own, and an engine that streams
+    // (ZMODEM's subpackets) keeps the line busy instead of filling the
+    // queue before its next read.  Small pieces (a block's header and
+    // check, an acknowledgement) still travel together.
+    std::size_t flushAt = 1024;
+    bool closeOnDestroy = false; // close the fds when the host goes
 };
 
 // Create the LineHost on the thread that will run the transfers: the window
