@@ -69,6 +69,7 @@ int NextFileInfo(XferRecord *record) {
         return 0;
     }
     if (!XferOpenFile(record)) return 0;
+    ZmForgetReadAhead();
 
     XferStatus(record, 0, "SendFile: sending filename & size");
     const char *name = list->Path;

@@ -100,8 +100,9 @@ int FillDataBuffer(XferRecord *record) {
     if (AtEnd(record)) return 1;
 
     long got = -1;
-    if (amount > 0 && plat::FileSeek(record->File, record->FilePos, 0) >= 0)
-        got = plat::FileRead(record->File, record->Buffer, static_cast<std::size_t>(amount));
+    if (amount > 0)
+        got = ZmReadFile(record->File, record->FilePos, record->Buffer,
+                         static_cast<std::size_t>(amount));
     if (got <= 0) {
         record->BlockSize = 0;
         record->Result = XferErrNoBuffer;

@@ -173,6 +173,11 @@ void ReadFileData(XferRecord *record);
 void SendPosHeader(XferRecord *record, int type);
 
 // --- sender ---
+// `count` bytes of the file at `position` (fewer at its end; -1 on failure),
+// served from a read-ahead of the file; ZmForgetReadAhead drops it when a
+// new file is opened (a descriptor may be reused).
+long ZmReadFile(XferFile file, int64_t position, uint8_t *out, std::size_t count);
+void ZmForgetReadAhead();
 void ZmodemSend(XferRecord *record);
 int OpenLink(XferRecord *record);
 int NextFileInfo(XferRecord *record);
