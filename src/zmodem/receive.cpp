@@ -62,13 +62,17 @@ void SendPosHeader(XferRecord *r, int type) {
 }
 
 int GetFileName(XferRecord *r) {
+    bool announce = true;
     for (;;) {
-        XferStatus(r, 0, "GetFileName: sending RINIT");
-        SendHexHeader(r, zm::ZRINIT, kRinitData);
-        if (r->Result < 0) {
-            XferStatus(r, 0, "GetFileName: Error sending RINIT");
-            return 0;
+        if (announce) {
+            XferStatus(r, 0, "GetFileName: sending RINIT");
+            SendHexHeader(r, zm::ZRINIT, kRinitData);
+            if (r->Result < 0) {
+                XferStatus(r, 0, "GetFileName: Error sending RINIT");
+                return 0;
+            }
         }
+        announce = true;
         const int32_t type = ReadFrameHeader(r, 1);
         switch (type) {
         case zm::ZSINIT:
@@ -96,10 +100,16 @@ int GetFileName(XferRecord *r) {
                 return 0;
             }
             XferStatus(r, 0, "GetFileName: frame_type=%d", static_cast<int>(type));
-            if (type == zm::ZRQINIT)
-                IdleWait(r->Port, 200); // the sender's start-up request crossed our ZRINIT
-            else
+            if (type == zm::ZRQINIT) {
+                // The sender's start-up request crossed our ZRINIT.  When its
+                // answer to that ZRINIT has come by the end of the pause, a
+                // second ZRINIT would arrive while the sender waits for our
+                // answer to its ZFILE, and a sender may take it for a skip.
+                IdleWait(r->Port, 200);
+                announce = RxEmpty(r->Port) != 0;
+            } else {
                 CountError(r);
+            }
             break;
         }
         if (r->Result < 0) return 0;

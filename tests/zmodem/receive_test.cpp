@@ -194,15 +194,19 @@ TEST_F(ZmodemReceiver, SenderCancelLeavesWhatArrivedAndSendsNoCancel) {
 }
 
 TEST_F(ZmodemReceiver, StartupFramesZsinitAndRepeatedZrqinit) {
-    peer_.On(kRinit,
-             Cat(ZHeader(zm::ZRQINIT, {0, 0, 0, 0}, 'B'), ZHeader(zm::ZSINIT, {0, 0, 0, 0x40}, 'C'),
-                 ZSubpacket(Str("att"), zm::ZCRCW, true), kFin));
+    const Bytes zrqinit = ZHeader(zm::ZRQINIT, {0, 0, 0, 0}, 'B');
+    peer_.On(kRinit, zrqinit);
+    peer_.On(kRinit, Cat(ZHeader(zm::ZSINIT, {0, 0, 0, 0x40}, 'C'),
+                         ZSubpacket(Str("att"), zm::ZCRCW, true)));
+    peer_.On(Cat(Ack(0), kRinit), Cat(zrqinit, kFin));
     EXPECT_EQ(Receive(), 0);
-    // ZRINIT; after the ZRQINIT a pause and ZRINIT again; ZSINIT: ZACK and
-    // ZRINIT; ZFIN answered.
+    // ZRINIT; the ZRQINIT alone: a pause and ZRINIT again; ZSINIT: ZACK and
+    // ZRINIT; a ZRQINIT with the sender's next frame right behind it: the
+    // pause, then that frame is read without another ZRINIT; ZFIN answered.
     EXPECT_EQ(host_.Written(),
               Cat(kRinit, kRinit, Ack(0), kRinit, ZHeader(zm::ZFIN, {0, 0, 0, 0}, 'B')));
     EXPECT_EQ(CountLines("GetFileName: good ZSINIT"), 1);
+    EXPECT_EQ(CountLines("GetFileName: frame_type=0"), 2);
 }
 
 TEST_F(ZmodemReceiver, OptionsOutsideItsTableAreRefusedBeforeAnything) {
