@@ -13,6 +13,7 @@ the bytes the line carried forward, and the share of the line's capacity
 that carried file data (file bytes / (elapsed s x 11520 bytes/s)).
 
 usage: zmodem_speed.py ZVXFER [--size-mib 64] [--loop-kib 256] [--repeat 2]
+                       [--cpus free|same|split]
 """
 import argparse
 import os
@@ -24,7 +25,8 @@ import sys
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from xymodem_speed import LINE_BYTES_PER_S, run_pair, which  # noqa: E402
+import xymodem_speed  # noqa: E402
+from xymodem_speed import CPU_CHOICES, LINE_BYTES_PER_S, run_pair, which  # noqa: E402
 
 
 def pairings(z, src, out):
@@ -82,7 +84,9 @@ def commit():
 def print_table(rows, size):
     mb = size / 1e6
     _, ref, ref_fixed, _ = rows[-1]
-    print("ZMODEM, %.1f MB random file over a socket pair; engine of commit %s" % (mb, commit()))
+    cpus = [k for k, v in CPU_CHOICES.items() if v == xymodem_speed.CPUS][0]
+    print("ZMODEM, %.1f MB random file over a socket pair (CPUs: %s); engine of commit %s"
+          % (mb, cpus, commit()))
     print("(fixed s: the same pairing with a 1000-byte file: start-up, handshakes, end of batch;")
     print(" net = the big file's time less the fixed time)")
     print("%-30s %8s %8s %8s %8s %8s %8s  %s" % ("pairing", "time s", "MB/s", "vs peer",
@@ -130,7 +134,11 @@ def main():
     ap.add_argument("--size-mib", type=int, default=64)
     ap.add_argument("--loop-kib", type=int, default=256)
     ap.add_argument("--repeat", type=int, default=2, help="runs per pairing; the best counts")
+    ap.add_argument("--cpus", choices=sorted(CPU_CHOICES), default="free",
+                    help="free: the scheduler places sender and receiver; same: both on CPU 0; "
+                         "split: sender on CPU 0, receiver on CPU 1")
     args = ap.parse_args()
+    xymodem_speed.CPUS = CPU_CHOICES[args.cpus]
     z = os.path.abspath(args.zvxfer)
     work = tempfile.mkdtemp(prefix="zvxfer-zbench-")
     try:
@@ -141,7 +149,8 @@ def main():
         with open(tiny, "wb") as f:
             f.write(random.Random(3).randbytes(1000))
         print_table(measure(z, big, tiny, work, args.repeat), os.path.getsize(big))
-        efficiency(z, work, args.loop_kib)
+        if args.loop_kib:
+            efficiency(z, work, args.loop_kib)
     finally:
         shutil.rmtree(work)
 
