@@ -24,23 +24,10 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from xymodem_speed import which  # noqa: E402
-from zmodem_speed import commit  # noqa: E402
+from zmodem_speed import commit, pairings  # noqa: E402
 
 LINES = [("ber 1e-5", ["--ber", "1e-5"]), ("ber 1e-4", ["--ber", "1e-4"]),
          ("drop 2e-5", ["--drop", "2e-5"])]
-
-
-def pairings(z, src, out):
-    ours_s = [z, "send", "-p", "zmodem", "-q", src]
-    ours_r = [z, "receive", "-p", "zmodem", "-q", "--existing", "overwrite", "-d", out]
-    peer_s = [which("sz"), "-q", src]
-    peer_r = [which("rz"), "-q", "-y"]
-    return [("zvxfer -> zvxfer", ours_s, ours_r),
-            ("zvxfer -> zvxfer (no window)", ours_s[:-1] + ["--no-window", src], ours_r),
-            ("zvxfer -> peer", ours_s, peer_r),
-            ("peer -> zvxfer", peer_s, ours_r),
-            ("peer -> peer", peer_s, peer_r)]
 
 
 def one_run(relay, line_args, seed, send, receive, src, out, timeout):

@@ -3,6 +3,9 @@
 #pragma once
 #include <cstdint>
 #include <span>
+#include <vector>
+
+#include "core/options.h"
 
 #include "zvxfer.h"
 
@@ -12,5 +15,12 @@ int32_t ZmodemSendOptions(XferPort *port, char *names, XferStatusFn status, Xfer
                           std::span<const int32_t> options);
 int32_t ZmodemReceiveOptions(XferPort *port, XferStatusFn status, XferProgressFn progress,
                              std::span<const int32_t> options);
+
+// The record both entries start from: protocol, port, callbacks, abort
+// key, unknown file time, names without folders, the error limit.
+void ZmInitRecord(XferRecord &r, XferPort *port, XferStatusFn status, XferProgressFn progress);
+// Apply the option words an entry accepted; true when 1009 asks the send
+// list to search subfolders too.
+bool ZmApplyOptions(XferRecord &r, const std::vector<Option> &options);
 
 } // namespace zvxfer

@@ -22,42 +22,8 @@ int32_t ZmodemReceiveOptions(XferPort *port, XferStatusFn status, XferProgressFn
     if (ReadOptionList(words, kReceiveOptions, options) != 0) return PortInvalidParameter;
 
     XferRecord r{};
-    r.Port = port;
-    r.StatusCallback = status;
-    r.ProgressCallback = progress;
-    r.Protocol = Zmodem;
-    r.StripPath = 1;
-    r.File = XFER_INVALID_FILE;
-    r.FileTime = -1;
-    ZmMaxErrors(&r) = zm::kDefaultMaxErrors;
-    r.AbortKey = port->Hooks ? port->Hooks->AbortKey : 27;
-    for (const Option &o : options) {
-        switch (o.code) {
-        case XferOptFullPath:
-            r.StripPath = 0;
-            break;
-        case XferOptFlag1006:
-            r.Option1006Flag = 1;
-            break;
-        case XferOptAbortKey:
-            r.AbortKey = o.value;
-            break;
-        case XferOptZmResume:
-            ZmResumeFlag(&r) = 1;
-            break;
-        case XferOptZmPacing:
-            ZmPacingFlag(&r) = 1;
-            break;
-        case XferOptReleaseHookBuffer:
-            r.ReleaseHookBuffer = o.value;
-            break;
-        case XferOptMaxErrors:
-            ZmMaxErrors(&r) = o.value;
-            break;
-        default:
-            break;
-        }
-    }
+    ZmInitRecord(r, port, status, progress);
+    ZmApplyOptions(r, options);
     ZmodemReceive(&r);
     return r.Result != 0 ? r.Result : r.FileCount;
 }

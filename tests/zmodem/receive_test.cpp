@@ -10,6 +10,7 @@
 
 #include "../core/temp_tree.h"
 #include "fake_clock.h"
+#include "status_log.h"
 #include "test_host.h"
 #include "zm_wire.h"
 #include "zmodem/zmodem.h"
@@ -29,18 +30,9 @@ using test::ZHeader;
 using test::ZPosHeader;
 using test::ZSubpacket;
 
-std::vector<std::string> g_lines;
-
-int32_t Status(XferRecord *, int32_t level, const char *text) {
-    g_lines.push_back(std::to_string(level) + " " + text);
-    return 0;
-}
-
-int CountLines(const std::string &fragment) {
-    int n = 0;
-    for (const auto &line : g_lines) n += line.find(fragment) != std::string::npos;
-    return n;
-}
+using test::CollectStatus;
+using test::CountStatus;
+using test::StatusLines;
 
 const Bytes kRinit = ZHeader(zm::ZRINIT, {0, 0, 0, 0x27}, 'B');
 
@@ -82,7 +74,7 @@ Bytes ReadFile(const std::string &path) {
 class ZmodemReceiver : public ::testing::Test {
   protected:
     void SetUp() override {
-        g_lines.clear();
+        StatusLines().clear();
         Open(XFER_EXISTING_OVERWRITE);
     }
     void TearDown() override { port_->Ops.PortClose(port_); }
@@ -91,7 +83,7 @@ class ZmodemReceiver : public ::testing::Test {
         port_ = PortOpen(0, host_.Window(), folder_.c_str(), policy);
         ASSERT_NE(port_, nullptr);
     }
-    int32_t Receive() { return ZmodemReceiveWithOptions(port_, Status, nullptr, 0); }
+    int32_t Receive() { return ZmodemReceiveWithOptions(port_, CollectStatus, nullptr, 0); }
     std::string Path(const std::string &name) { return tree_.Path(name); }
 
     FakeClock clock_{FakeClock::Scaled{1000}};
@@ -119,7 +111,7 @@ TEST_F(ZmodemReceiver, OneFileEndToEndWithItsTimeAndAnswers) {
     struct stat st {};
     ASSERT_EQ(stat(Path("a b.bin").c_str(), &st), 0);
     EXPECT_EQ(st.st_mtime, 013371234567);
-    EXPECT_EQ(CountLines("Stripped filename a b.bin"), 1);
+    EXPECT_EQ(CountStatus("Stripped filename a b.bin"), 1);
 }
 
 TEST_F(ZmodemReceiver, NewlineConversionAndUnknownTime) {
@@ -145,8 +137,8 @@ TEST_F(ZmodemReceiver, MismatchedPositionAndEarlyEofArePassedOver) {
     peer_.On(kRinit, kFin);
     EXPECT_EQ(Receive(), 1);
     EXPECT_EQ(ReadFile(Path("m.bin")), data);
-    EXPECT_EQ(CountLines("ReadFileData: Mismatch in rx_pos"), 1);
-    EXPECT_EQ(CountLines("ZEOF at wrong position"), 1);
+    EXPECT_EQ(CountStatus("ReadFileData: Mismatch in rx_pos"), 1);
+    EXPECT_EQ(CountStatus("ZEOF at wrong position"), 1);
 }
 
 TEST_F(ZmodemReceiver, DamagedSubpacketIsAskedForAgainFromTheLastGoodByte) {
@@ -161,7 +153,7 @@ TEST_F(ZmodemReceiver, DamagedSubpacketIsAskedForAgainFromTheLastGoodByte) {
     peer_.On(kRinit, kFin);
     EXPECT_EQ(Receive(), 1);
     EXPECT_EQ(ReadFile(Path("d.bin")), data);
-    EXPECT_EQ(CountLines("Sending a new file offset!!!"), 1);
+    EXPECT_EQ(CountStatus("Sending a new file offset!!!"), 1);
 }
 
 TEST_F(ZmodemReceiver, ExistingFileUnderSkipPolicyIsAnsweredWithZskip) {
@@ -181,7 +173,7 @@ TEST_F(ZmodemReceiver, SilentSenderEndsWith619AndTheCancelString) {
     const Bytes written = host_.Written();
     EXPECT_EQ(Bytes(written.begin(), written.begin() + kRinit.size()), kRinit);
     EXPECT_EQ(Bytes(written.end() - 20, written.end()), Cat(Bytes(10, 0x18), Bytes(10, 0x08)));
-    EXPECT_EQ(CountLines("ERROR: Can't open any requested files"), 1);
+    EXPECT_EQ(CountStatus("ERROR: Can't open any requested files"), 1);
 }
 
 TEST_F(ZmodemReceiver, SenderCancelLeavesWhatArrivedAndSendsNoCancel) {
@@ -205,20 +197,21 @@ TEST_F(ZmodemReceiver, StartupFramesZsinitAndRepeatedZrqinit) {
     // pause, then that frame is read without another ZRINIT; ZFIN answered.
     EXPECT_EQ(host_.Written(),
               Cat(kRinit, kRinit, Ack(0), kRinit, ZHeader(zm::ZFIN, {0, 0, 0, 0}, 'B')));
-    EXPECT_EQ(CountLines("GetFileName: good ZSINIT"), 1);
-    EXPECT_EQ(CountLines("GetFileName: frame_type=0"), 2);
+    EXPECT_EQ(CountStatus("GetFileName: good ZSINIT"), 1);
+    EXPECT_EQ(CountStatus("GetFileName: frame_type=0"), 2);
 }
 
 TEST_F(ZmodemReceiver, OptionsOutsideItsTableAreRefusedBeforeAnything) {
     for (int32_t code : {1008, 1009, 1011, 1017, 1029, 1010, 42}) {
-        EXPECT_EQ(ZmodemReceiveWithOptions(port_, Status, nullptr, code, 0), PortInvalidParameter)
+        EXPECT_EQ(ZmodemReceiveWithOptions(port_, CollectStatus, nullptr, code, 0),
+                  PortInvalidParameter)
             << code;
     }
     EXPECT_EQ(host_.WriteRequests(), 0);
-    EXPECT_TRUE(g_lines.empty());
+    EXPECT_TRUE(StatusLines().empty());
     // The accepted ones, values included, reach a transfer (which then times out).
-    EXPECT_EQ(ZmodemReceiveWithOptions(port_, Status, nullptr, 1005, 1006, 1007, 3, 1014, 1027, 0,
-                                       1028, 2, 0),
+    EXPECT_EQ(ZmodemReceiveWithOptions(port_, CollectStatus, nullptr, 1005, 1006, 1007, 3, 1014,
+                                       1027, 0, 1028, 2, 0),
               XferErrNoFilesSent);
 }
 

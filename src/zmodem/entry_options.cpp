@@ -1,0 +1,86 @@
+// What the two ZMODEM entries share: the record's defaults and the effect
+// of every ZMODEM option word.  Each entry's own table decides which codes
+// reach here (anything else refuses the call before this runs).
+#include "zmodem/entries.h"
+#include "zmodem/zmodem.h"
+
+namespace zvxfer {
+namespace {
+
+// The file management option each code puts into ZF1 of ZFILE.
+int32_t ManagementOf(int32_t code) {
+    switch (code) {
+    case XferOptZmNewerLonger:
+        return 1;
+    case XferOptZmAppend:
+        return 3;
+    case XferOptZmReplace:
+        return 4;
+    case XferOptZmNewer:
+        return 5;
+    case XferOptZmDiffer:
+        return 6;
+    case XferOptZmProtect:
+        return 7;
+    default:
+        return 0;
+    }
+}
+
+} // namespace
+
+void ZmInitRecord(XferRecord &r, XferPort *port, XferStatusFn status, XferProgressFn progress) {
+    r.Protocol = Zmodem;
+    r.Port = port;
+    r.StatusCallback = status;
+    r.ProgressCallback = progress;
+    r.AbortKey = port->Hooks ? port->Hooks->AbortKey : 27;
+    r.FileTime = -1;
+    r.File = XFER_INVALID_FILE;
+    r.StripPath = 1;
+    ZmMaxErrors(&r) = zm::kDefaultMaxErrors;
+}
+
+bool ZmApplyOptions(XferRecord &r, const std::vector<Option> &options) {
+    bool subfolders = false;
+    for (const Option &o : options) {
+        switch (o.code) {
+        case XferOptFullPath:
+            r.StripPath = 0;
+            break;
+        case XferOptFlag1006:
+            r.Option1006Flag = 1;
+            break;
+        case XferOptAbortKey:
+            r.AbortKey = o.value;
+            break;
+        case XferOptSubfolders:
+            subfolders = true;
+            break;
+        case XferOptZmResume:
+            ZmResumeFlag(&r) = 1;
+            break;
+        case XferOptZmPacing:
+            ZmPacingFlag(&r) = 1;
+            break;
+        case XferOptZmNoWindow:
+            ZmWindowMode(&r) = 0;
+            break;
+        case XferOptReleaseHookBuffer:
+            r.ReleaseHookBuffer = o.value;
+            break;
+        case XferOptMaxErrors:
+            ZmMaxErrors(&r) = o.value;
+            break;
+        case XferOptZmWindowSize:
+            ZmWindowSize(&r) = o.value;
+            break;
+        default: // the file management codes; the last one given wins
+            ZmManagement(&r) = ManagementOf(o.code);
+            break;
+        }
+    }
+    return subfolders;
+}
+
+} // namespace zvxfer
