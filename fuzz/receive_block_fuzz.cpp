@@ -14,6 +14,7 @@
 
 #include "core/core.h"
 #include "fuzz_check.h"
+#include "fuzz_line.h"
 #include "port/port.h"
 #include "xmodem/xmodem.h"
 #include "zvxfer.h"
@@ -22,35 +23,8 @@ using namespace zvxfer;
 
 namespace {
 
-constexpr uint32_t kNudge = ZV_WM_USER + 1; // no meaning; ends a message wait at once
-
-struct Line {
-    const uint8_t *data = nullptr;
-    std::size_t size = 0;
-    std::size_t pos = 0;
-    std::size_t chunk = 0;
-    bool stop = false; // the run is over: end every wait
-};
-Line g_line;
-
-intptr_t Host(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam) {
-    if (message != XferPortMessage || lParam == 0) return 0;
-    auto &block = *reinterpret_cast<PortBlock *>(lParam);
-    block.Error = 0;
-    if (wParam == PORT_READ) {
-        std::size_t n = g_line.size - g_line.pos;
-        if (g_line.chunk != 0) n = std::min(n, g_line.chunk);
-        block.Data = const_cast<uint8_t *>(g_line.data + g_line.pos);
-        block.Length = static_cast<uint32_t>(n);
-        g_line.pos += n;
-        // An empty read makes the port wait up to 5 ms for a message.
-        if (n == 0) ZvPostMessage(window, kNudge, 0, 0);
-    }
-    return 0; // PORT_WRITE: everything taken
-}
-
 int32_t StopWhenDry(XferPort *) {
-    return g_line.stop || g_line.pos >= g_line.size ? -1 : 0;
+    return fuzz::LineDry() ? -1 : 0;
 }
 
 bool Streaming(int8_t protocol) {
@@ -83,9 +57,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     // Before the port opens: the last port's close puts the defaults back.
     SetPortIdleFunctionPtr(StopWhenDry);
     constexpr int8_t kProtocols[] = {Xmodem, Ymodem, Xmodem1K, Xmodem1KG, YmodemG};
-    g_line = Line{data + 4, size - 4, 0, static_cast<std::size_t>(data[0] >> 4), false};
+    fuzz::TheLine() =
+        fuzz::Line{data + 4, size - 4, 0, static_cast<std::size_t>(data[0] >> 4), false};
 
-    ZvHwnd window = ZvCreateWindow(Host, nullptr);
+    ZvHwnd window = ZvCreateWindow(fuzz::LineHost, nullptr);
     XferPort *port = PortOpen(0, window, "", XFER_EXISTING_OVERWRITE);
     ZVXFER_FUZZ_CHECK(port != nullptr);
     XferRecord r{};
@@ -111,7 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
             if (!Streaming(r.Protocol) && !XmSendAck(&r)) break;
             r.ErrorRun = 0;
         }
-        g_line.stop = true;
+        fuzz::TheLine().stop = true;
         XferCleanup(&r);
     }
     port->Ops.PortClose(port);

@@ -12,6 +12,7 @@
 
 #include "core/core.h"
 #include "fuzz_check.h"
+#include "fuzz_line.h"
 #include "port/port.h"
 #include "zmodem/zmodem.h"
 #include "zvxfer.h"
@@ -20,36 +21,11 @@ using namespace zvxfer;
 
 namespace {
 
-constexpr uint32_t kNudge = ZV_WM_USER + 1; // no meaning; ends a message wait at once
-
-struct Line {
-    const uint8_t *data = nullptr;
-    std::size_t size = 0;
-    std::size_t pos = 0;
-    std::size_t chunk = 0;
-    bool stop = false; // the run is over: end every wait
-};
-Line g_line;
 const XferRecord *g_record = nullptr; // a failed transfer ends its waits too
-
-intptr_t Host(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam) {
-    if (message != XferPortMessage || lParam == 0) return 0;
-    auto &block = *reinterpret_cast<PortBlock *>(lParam);
-    block.Error = 0;
-    if (wParam == PORT_READ) {
-        std::size_t n = g_line.size - g_line.pos;
-        if (g_line.chunk != 0) n = std::min(n, g_line.chunk);
-        block.Data = const_cast<uint8_t *>(g_line.data + g_line.pos);
-        block.Length = static_cast<uint32_t>(n);
-        g_line.pos += n;
-        if (n == 0) ZvPostMessage(window, kNudge, 0, 0);
-    }
-    return 0; // PORT_WRITE: everything taken
-}
 
 int32_t StopWhenDry(XferPort *) {
     const bool failed = g_record != nullptr && g_record->Result < 0;
-    return g_line.stop || failed || g_line.pos >= g_line.size ? -1 : 0;
+    return fuzz::LineDry() || failed ? -1 : 0;
 }
 
 bool IsEnd(int32_t c) {
@@ -73,9 +49,10 @@ void ReadSubpackets(XferRecord &r) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     if (size < 1) return 0;
     SetPortIdleFunctionPtr(StopWhenDry);
-    g_line = Line{data + 1, size - 1, 0, static_cast<std::size_t>(data[0] >> 4), false};
+    fuzz::TheLine() =
+        fuzz::Line{data + 1, size - 1, 0, static_cast<std::size_t>(data[0] >> 4), false};
 
-    ZvHwnd window = ZvCreateWindow(Host, nullptr);
+    ZvHwnd window = ZvCreateWindow(fuzz::LineHost, nullptr);
     XferPort *port = PortOpen(0, window, "", XFER_EXISTING_OVERWRITE);
     ZVXFER_FUZZ_CHECK(port != nullptr);
     XferRecord r{};
@@ -97,11 +74,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
             } else {
                 // A failure is either the transfer's end or a counted error.
                 ZVXFER_FUZZ_CHECK(r.Result < 0 || (r.ErrorRun > 0 && r.ErrorRun < limit));
-                if (g_line.pos >= g_line.size && r.Result == 0) break;
+                if (fuzz::LineDry() && r.Result == 0) break;
             }
         }
         if (r.Result == XferErrTooManyErrors) ZVXFER_FUZZ_CHECK(r.ErrorRun >= limit);
-        g_line.stop = true;
+        fuzz::TheLine().stop = true;
         XferCleanup(&r);
     }
     g_record = nullptr;
