@@ -14,7 +14,9 @@
 namespace zvxfer {
 namespace {
 
-constexpr std::size_t kNameLimit = 255; // received names and composed paths
+constexpr std::size_t kNameLimit = 255;  // received names and composed paths
+constexpr int32_t kCrossedPauseMs = 200; // after a ZRQINIT that crossed our ZRINIT
+constexpr int32_t kPauseStepMs = 5;
 
 constexpr uint8_t kRinitData[4] = {0, 0, 0, zm::kOurRinitFlags};
 constexpr uint8_t kZeroData[4] = {0, 0, 0, 0};
@@ -101,11 +103,14 @@ int GetFileName(XferRecord *r) {
             }
             XferStatus(r, 0, "GetFileName: frame_type=%d", static_cast<int>(type));
             if (type == zm::ZRQINIT) {
-                // The sender's start-up request crossed our ZRINIT.  When its
-                // answer to that ZRINIT has come by the end of the pause, a
-                // second ZRINIT would arrive while the sender waits for our
-                // answer to its ZFILE, and a sender may take it for a skip.
-                IdleWait(r->Port, 200);
+                // The sender's start-up request crossed our ZRINIT: pause up
+                // to 200 ms.  Its answer to that ZRINIT ends the pause as it
+                // arrives and is read without a second ZRINIT, which would
+                // reach the sender while it waits for our answer to its
+                // ZFILE (a sender may take it for a skip).
+                for (int32_t waited = 0; waited < kCrossedPauseMs; waited += kPauseStepMs) {
+                    if (RxEmpty(r->Port) == 0 || IdleWait(r->Port, kPauseStepMs) < 0) break;
+                }
                 announce = RxEmpty(r->Port) != 0;
             } else {
                 CountError(r);
