@@ -37,6 +37,7 @@ def pairings(z, src, out):
     return [("zvxfer -> zvxfer", ours_s, ours_r),
             ("zvxfer -> zvxfer (no window)", ours_s[:-1] + ["--no-window", src], ours_r),
             ("zvxfer -> peer", ours_s, peer_r),
+            ("zvxfer -> peer (no window)", ours_s[:-1] + ["--no-window", src], peer_r),
             ("peer -> zvxfer", peer_s, ours_r),
             ("peer -> peer", peer_s, peer_r)]
 
