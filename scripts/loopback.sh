@@ -4,11 +4,11 @@
 # over the simulated line and checks every received file byte for byte.
 #
 #   scripts/loopback.sh [PROTOCOL] [extra loopback options...]
-#   e.g. scripts/loopback.sh ymodem --baud 115200 --latency 20
+#   e.g. scripts/loopback.sh ymodem --baud 115200 --latency 20  (default: zmodem)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-protocol=${1:-ymodem}
+protocol=${1:-zmodem}
 shift || true
 
 if [ -x scripts/deps.sh ]; then scripts/deps.sh; fi
@@ -22,7 +22,7 @@ seq 1 20000 | sed 's/^/line /' >"$samples/notes.txt"
 printf 'a name with blanks\n' >"$samples/with blanks.txt"
 
 case "$protocol" in
-ymodem | ymodem-g) files=("$samples/random.bin" "$samples/notes.txt" "$samples/with blanks.txt") ;;
+ymodem | ymodem-g | zmodem) files=("$samples/random.bin" "$samples/notes.txt" "$samples/with blanks.txt") ;;
 *) files=("$samples/random.bin") ;;
 esac
 exec build/bin/zvxfer loopback -p "$protocol" "$@" "${files[@]}"
