@@ -217,4 +217,16 @@ int32_t ReadFrameHeader(XferRecord *record, int returnOnError) {
     }
 }
 
+bool ZmForgiveSilence(XferRecord *record, bool &forgiven) {
+    if (record->Result != XferErrNoFilesSent || forgiven) return false;
+    forgiven = true;
+    record->Result = 0;
+    record->ErrorTotal++;
+    if (++record->ErrorRun >= ZmMaxErrors(record)) {
+        record->Result = XferErrTooManyErrors;
+        return false;
+    }
+    return true;
+}
+
 } // namespace zvxfer

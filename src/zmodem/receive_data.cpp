@@ -145,10 +145,17 @@ void ReadFileData(XferRecord *r) {
     Pacing pacing(r);
     FileWriter out(r);
     bool lastGood = true; // the last subpacket (none yet) was good
+    bool forgiven = false;
     for (;;) {
         if (XferCheckAbort(r)) return;
         const int32_t type = ReadFrameHeader(r, 1);
-        if (r->Result < 0) break;
+        if (r->Result < 0) {
+            if (!ZmForgiveSilence(r, forgiven)) break;
+            SendPosHeader(r, zm::ZRPOS); // our last ZRPOS or ZACK may have been lost
+            XferStatus(r, 0, "Sending a new file offset!!!");
+            continue;
+        }
+        if (type >= 0) forgiven = false;
         const int32_t position = ZmGetPosition(ZmHeaderData(r));
 
         if (type == zm::ZDATA) {

@@ -216,13 +216,27 @@ int32_t SendDataFrame(XferRecord *record) {
 void SendFileData(XferRecord *record) {
     record->FileCount++;
     bool done = false;
+    bool forgiven = false;
     while (record->FileSize != 0) { // an empty file sends no ZDATA at all
         if (AtEnd(record) && done) break;
         int32_t type = SendDataFrame(record);
-        // A failure, or an abort whose clean-up has already run.
-        if (record->Result < 0 || record->Buffer == nullptr) return;
+        if (record->Buffer == nullptr) return; // an abort whose clean-up has already run
+        if (record->Result < 0) {
+            // Ten silent seconds while watching for the receiver's answers
+            // are forgiven once like those below; any other failure ends it.
+            if (!ZmForgiveSilence(record, forgiven)) return;
+            ZmRestartPending(record) = 1;
+            continue;
+        }
         if (type == 0) type = ReadFrameHeader(record, 1);
         for (;;) {
+            if (type >= 0) forgiven = false;
+            if (type < 0 && ZmForgiveSilence(record, forgiven)) {
+                // Ten silent seconds: our last frame, or the receiver's
+                // answer, was lost; offer the data again from here.
+                ZmRestartPending(record) = 1;
+                break;
+            }
             if (type < 0 && record->Result >= 0) {
                 // The receiver's answer arrived damaged (a ZRPOS or the
                 // last ZACK, most likely) and it now waits on us: offer the

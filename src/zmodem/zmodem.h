@@ -163,6 +163,12 @@ int32_t ReadBinHeader16(XferRecord *record);
 int32_t ReadBinHeader32(XferRecord *record);
 int32_t ReadFrameHeader(XferRecord *record, int returnOnError);
 int32_t ReadDataSubpacket(XferRecord *record);
+// In a data phase, ten silent seconds while waiting for a header may mean
+// that our own last header was lost on its way and the other side waits
+// for it: the first such silence (since `forgiven` was last cleared) is
+// taken back and counted as an error, so the caller can say it again;
+// true then.  False, with Result as it is, otherwise.
+bool ZmForgiveSilence(XferRecord *record, bool &forgiven);
 int32_t ReadCrc16(XferRecord *record, int end);
 int32_t ReadCrc32(XferRecord *record, int end);
 

@@ -156,6 +156,26 @@ TEST_F(ZmodemReceiver, DamagedSubpacketIsAskedForAgainFromTheLastGoodByte) {
     EXPECT_EQ(CountStatus("Sending a new file offset!!!"), 1);
 }
 
+TEST_F(ZmodemReceiver, ALostPositionIsSaidAgainOnceAfterTenSilentSeconds) {
+    // The sender never hears our first ZRPOS; after ten silent seconds the
+    // receiver says it again, and the data follow.
+    peer_.On(kRinit, ZFile(Info("late.bin", 3)));
+    peer_.On(Rpos(0), {});
+    peer_.On(Rpos(0), Cat(ZData(0, {{Str("abc"), zm::ZCRCE}}), ZEof(3)));
+    peer_.On(kRinit, kFin);
+    EXPECT_EQ(Receive(), 1);
+    EXPECT_EQ(ReadFile(Path("late.bin")), Str("abc"));
+    EXPECT_EQ(CountStatus("No response for 10 seconds", 1), 1);
+
+    // A sender that stays silent after the repeated position too: -619.
+    StatusLines().clear();
+    host_.ClearWritten();
+    ScriptedPeer silent(host_);
+    silent.On(kRinit, ZFile(Info("never.bin", 3)));
+    EXPECT_EQ(Receive(), XferErrNoFilesSent);
+    EXPECT_EQ(CountStatus("No response for 10 seconds", 1), 2);
+}
+
 TEST_F(ZmodemReceiver, ExistingFileUnderSkipPolicyIsAnsweredWithZskip) {
     Open(XFER_EXISTING_SKIP);
     tree_.File("old.txt", "keep me");
