@@ -55,4 +55,23 @@ std::vector<int32_t> CollectOptionWords(va_list args) {
     return words;
 }
 
+bool ApplySharedOption(XferRecord &record, const Option &o) {
+    switch (o.code) {
+    case XferOptFullPath:
+        record.StripPath = 0;
+        return true;
+    case XferOptFlag1006:
+        record.Option1006Flag = 1;
+        return true;
+    case XferOptAbortKey:
+        record.AbortKey = o.value;
+        return true;
+    case XferOptReleaseHookBuffer:
+        record.ReleaseHookBuffer = o.value;
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace zvxfer

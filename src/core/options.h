@@ -8,6 +8,8 @@
 #include <span>
 #include <vector>
 
+#include "zvxfer.h"
+
 namespace zvxfer {
 
 struct Option {
@@ -36,5 +38,10 @@ int32_t ReadOptionList(std::span<const int32_t> words, std::span<const int32_t> 
 // word that is not an option code at all (the caller supplied nothing past
 // it that we may read).  The va_list is consumed.
 std::vector<int32_t> CollectOptionWords(va_list args);
+
+// The codes whose effect is the same in every entry that accepts them:
+// 1005 (names with their folders), 1006 (the flag word), 1007 (abort key)
+// and 1027 (release the hook record's work buffer).  True when `o` was one.
+bool ApplySharedOption(XferRecord &record, const Option &o);
 
 } // namespace zvxfer

@@ -45,16 +45,8 @@ void InitRecord(XferRecord &r, XferPort *port, XferStatusFn status, XferProgress
 }
 
 void ApplyOption(XferRecord &r, const Option &o, const Entry &entry) {
+    if (ApplySharedOption(r, o)) return;
     switch (o.code) {
-    case XferOptFullPath:
-        r.StripPath = 0;
-        break;
-    case XferOptFlag1006:
-        r.Option1006Flag = 1;
-        break;
-    case XferOptAbortKey:
-        r.AbortKey = o.value;
-        break;
     case XferOptChecksum:
         XmSetCrcMode(&r, false);
         break;
@@ -63,9 +55,6 @@ void ApplyOption(XferRecord &r, const Option &o, const Entry &entry) {
         break;
     case XferOptSendTimeout:
         r.ProtocolParam = o.value;
-        break;
-    case XferOptReleaseHookBuffer:
-        r.ReleaseHookBuffer = o.value;
         break;
     default:
         break; // accepted without effect (1009)

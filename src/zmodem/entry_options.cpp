@@ -44,16 +44,8 @@ void ZmInitRecord(XferRecord &r, XferPort *port, XferStatusFn status, XferProgre
 bool ZmApplyOptions(XferRecord &r, const std::vector<Option> &options) {
     bool subfolders = false;
     for (const Option &o : options) {
+        if (ApplySharedOption(r, o)) continue;
         switch (o.code) {
-        case XferOptFullPath:
-            r.StripPath = 0;
-            break;
-        case XferOptFlag1006:
-            r.Option1006Flag = 1;
-            break;
-        case XferOptAbortKey:
-            r.AbortKey = o.value;
-            break;
         case XferOptSubfolders:
             subfolders = true;
             break;
@@ -65,9 +57,6 @@ bool ZmApplyOptions(XferRecord &r, const std::vector<Option> &options) {
             break;
         case XferOptZmNoWindow:
             ZmWindowMode(&r) = 0;
-            break;
-        case XferOptReleaseHookBuffer:
-            r.ReleaseHookBuffer = o.value;
             break;
         case XferOptMaxErrors:
             ZmMaxErrors(&r) = o.value;
