@@ -55,6 +55,18 @@ std::vector<int32_t> CollectOptionWords(va_list args) {
     return words;
 }
 
+void InitEntryRecord(XferRecord &record, int8_t protocol, XferPort *port, XferStatusFn status,
+                     XferProgressFn progress) {
+    record.Protocol = protocol;
+    record.Port = port;
+    record.StatusCallback = status;
+    record.ProgressCallback = progress;
+    record.AbortKey = port->Hooks ? port->Hooks->AbortKey : 27;
+    record.FileTime = -1;
+    record.File = XFER_INVALID_FILE;
+    record.StripPath = 1;
+}
+
 bool ApplySharedOption(XferRecord &record, const Option &o) {
     switch (o.code) {
     case XferOptFullPath:

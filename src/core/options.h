@@ -39,6 +39,12 @@ int32_t ReadOptionList(std::span<const int32_t> words, std::span<const int32_t> 
 // it that we may read).  The va_list is consumed.
 std::vector<int32_t> CollectOptionWords(va_list args);
 
+// The start every entry gives its record: protocol, port, callbacks, the
+// hook record's abort key, unknown file time, no file, names without
+// their folders.
+void InitEntryRecord(XferRecord &record, int8_t protocol, XferPort *port, XferStatusFn status,
+                     XferProgressFn progress);
+
 // The codes whose effect is the same in every entry that accepts them:
 // 1005 (names with their folders), 1006 (the flag word), 1007 (abort key)
 // and 1027 (release the hook record's work buffer).  True when `o` was one.

@@ -32,14 +32,7 @@ struct Entry {
 
 void InitRecord(XferRecord &r, XferPort *port, XferStatusFn status, XferProgressFn progress,
                 const Entry &entry) {
-    r.Protocol = static_cast<int8_t>(entry.protocol);
-    r.Port = port;
-    r.StatusCallback = status;
-    r.ProgressCallback = progress;
-    r.AbortKey = port->Hooks ? port->Hooks->AbortKey : 27;
-    r.FileTime = -1;
-    r.File = XFER_INVALID_FILE;
-    r.StripPath = 1;
+    InitEntryRecord(r, static_cast<int8_t>(entry.protocol), port, status, progress);
     XmSetCrcMode(&r, true);
     r.ProtocolParam = xm::kReplyTimeoutMs;
 }

@@ -30,14 +30,7 @@ int32_t ManagementOf(int32_t code) {
 } // namespace
 
 void ZmInitRecord(XferRecord &r, XferPort *port, XferStatusFn status, XferProgressFn progress) {
-    r.Protocol = Zmodem;
-    r.Port = port;
-    r.StatusCallback = status;
-    r.ProgressCallback = progress;
-    r.AbortKey = port->Hooks ? port->Hooks->AbortKey : 27;
-    r.FileTime = -1;
-    r.File = XFER_INVALID_FILE;
-    r.StripPath = 1;
+    InitEntryRecord(r, Zmodem, port, status, progress);
     ZmMaxErrors(&r) = zm::kDefaultMaxErrors;
 }
 
