@@ -13,13 +13,16 @@
 
 #include "../core/temp_tree.h"
 #include "fake_clock.h"
+#include "link_files.h"
 #include "link_pair.h"
 #include "zvxfer.h"
 
 namespace zvxfer {
 namespace {
 
-using Bytes = std::vector<char>;
+using Bytes = test::FileBytes;
+using test::DefinedFailure;
+using test::RandomBytes;
 
 struct Variant {
     const char *name;
@@ -36,18 +39,6 @@ bool Batch(const Variant &v) {
     return v.protocol == Ymodem;
 }
 
-Bytes RandomBytes(std::size_t n, uint64_t seed) {
-    std::mt19937_64 random(seed);
-    Bytes data(n);
-    for (char &c : data) c = static_cast<char>(random());
-    return data;
-}
-
-Bytes ReadFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), {});
-}
-
 // What the receiver wrote must be the original; XMODEM carries no size, so
 // it may add zero padding up to its block size.
 bool SameFile(const Bytes &original, Bytes copy, bool padded) {
@@ -57,10 +48,6 @@ bool SameFile(const Bytes &original, Bytes copy, bool padded) {
         copy.resize(original.size());
     }
     return copy == original;
-}
-
-bool DefinedFailure(int32_t code) {
-    return (code <= -601 && code >= -623) || code == -1 || code == -8 || code == -9;
 }
 
 struct Outcome {
@@ -101,7 +88,7 @@ Outcome Transfer(const Variant &v, const host::LinkConfig &base, const Bytes &da
             return CLFileReceive(port, v.protocol, name.data(), 0,
                                  CLSetFileTransferOptions(words.data()), nullptr, nullptr);
         });
-    run.fileOk = SameFile(data, ReadFile(target), !Batch(v));
+    run.fileOk = SameFile(data, test::ReadFileBytes(target), !Batch(v));
     if (Batch(v)) {
         struct stat st {};
         run.timeOk = stat(target.c_str(), &st) == 0 && st.st_mtime == 1500000000;

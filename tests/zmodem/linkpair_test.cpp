@@ -13,30 +13,17 @@
 
 #include "../core/temp_tree.h"
 #include "fake_clock.h"
+#include "link_files.h"
 #include "link_pair.h"
 #include "zvxfer.h"
 
 namespace zvxfer {
 namespace {
 
-using Bytes = std::vector<char>;
+using Bytes = test::FileBytes;
+using test::DefinedFailure;
+using test::RandomBytes;
 constexpr long kTime = 1500000000;
-
-Bytes RandomBytes(std::size_t n, uint64_t seed) {
-    std::mt19937_64 random(seed);
-    Bytes data(n);
-    for (char &c : data) c = static_cast<char>(random());
-    return data;
-}
-
-Bytes ReadFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), {});
-}
-
-bool DefinedFailure(int32_t code) {
-    return (code <= -601 && code >= -623) || code == -1 || code == -8 || code == -9;
-}
 
 struct Batch {
     std::vector<Bytes> files;
@@ -81,7 +68,7 @@ Outcome Transfer(const Batch &batch, const host::LinkConfig &base, std::vector<i
         [&](XferPort *port) { return ZmodemReceiveWithOptions(port, nullptr, nullptr, 0); });
     for (std::size_t i = 0; i < batch.files.size(); ++i) {
         const std::string copy = tree.Path("in/file " + std::to_string(i) + ".bin");
-        if (!std::filesystem::exists(copy) || ReadFile(copy) != batch.files[i]) continue;
+        if (!std::filesystem::exists(copy) || test::ReadFileBytes(copy) != batch.files[i]) continue;
         ++run.exact;
         struct stat st {};
         run.timesKept += stat(copy.c_str(), &st) == 0 && st.st_mtime == kTime;
