@@ -121,10 +121,19 @@ int32_t ReadHexHeader(XferRecord *record) {
     // to five of the characters that arrive within 55 ms; the look ends at
     // the LF, so a line that is already complete costs no waiting.
     XferPort *port = record->Port;
-    const uint32_t deadline = plat::GetTickCount() + kHexTailMs;
+    // The clock is read only when a character has to be waited for.
+    uint32_t deadline = 0;
+    bool timed = false;
     for (int round = 0; round < 5; ++round) {
-        const auto left = static_cast<int32_t>(deadline - plat::GetTickCount());
-        const int32_t c = ReadCharTimed(port, left > 1 ? left : 1);
+        int32_t wait = 1;
+        if (RxEmpty(port) != 0) {
+            const uint32_t now = plat::GetTickCount();
+            if (!timed) deadline = now + kHexTailMs;
+            timed = true;
+            const auto left = static_cast<int32_t>(deadline - now);
+            wait = left > 1 ? left : 1;
+        }
+        const int32_t c = ReadCharTimed(port, wait);
         if (c < 0) break;
         const int32_t ch = c & 0x7F;
         if (ch == '\n') {
