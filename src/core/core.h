@@ -70,6 +70,14 @@ int32_t XferWriteBuffer(XferRecord *record, const uint8_t *bytes, uint32_t count
 const char *BareName(const char *name);
 char *BareName(char *name);
 
+// The local name for a name received from the other side, into `out` (at
+// least 256 bytes): with StripPath its bare name inside the port's receive
+// folder (or the folder text itself when that is no folder; an empty folder
+// is the current one), otherwise the name as it came; cut to 255
+// characters.  Traces the bare name after `strippedLabel`, then
+// "Complete Path %s".
+void XferReceivedName(XferRecord *r, const char *received, char *out, const char *strippedLabel);
+
 // True when a file (not a directory) of this name exists, found by a
 // directory search.  Null and empty names do not exist.
 bool XferFileExists(const char *name);

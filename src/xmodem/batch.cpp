@@ -39,25 +39,6 @@ bool DeliverBlock0(XferRecord *copy, bool last) {
     return false;
 }
 
-// The receiver's file name: the received name placed in the receive folder
-// (or, when that is no folder, the folder text itself), cut to 255 bytes.
-void ComposeName(XferRecord *r, const char *received, char *out, std::size_t size) {
-    const std::size_t limit = size < 256 ? size : 256;
-    if (!r->StripPath) {
-        std::snprintf(out, limit, "%s", received);
-    } else {
-        const char *folder = r->Port->ReceiveFolder ? r->Port->ReceiveFolder : "";
-        if (folder[0] == 0 || plat::FileStat(folder).isDirectory) {
-            const char *bare = BareName(received);
-            XferStatus(r, 0, "Stripped name: %s", bare);
-            std::snprintf(out, limit, "%s%s", folder, bare);
-        } else {
-            std::snprintf(out, limit, "%s", folder);
-        }
-    }
-    XferStatus(r, 0, "Complete Path %s", out);
-}
-
 } // namespace
 
 void YmSendBatch(XferRecord *r) {
@@ -121,7 +102,7 @@ void YmReceiveBatch(XferRecord *r) {
         const std::size_t kept = nameLength < sizeof received ? nameLength : sizeof received - 1;
         std::memcpy(received, copy.Buffer, kept);
         received[kept] = 0;
-        ComposeName(r, received, name, sizeof name);
+        XferReceivedName(r, received, name, "Stripped name: ");
         r->FileName = name;
 
         const Block0Facts facts = YmParseBlock0({copy.Buffer, length});

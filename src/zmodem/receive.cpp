@@ -26,9 +26,7 @@ void CountError(XferRecord *r) {
     if (++r->ErrorRun >= ZmMaxErrors(r)) r->Result = XferErrTooManyErrors;
 }
 
-// The file name for the ZFILE text in Buffer: the received name placed in
-// the receive folder, or (when the folder is not a folder) the folder text
-// itself; with full paths allowed, the name as it arrived.
+// The local file name for the name that opens the ZFILE text in Buffer.
 void ComposeName(XferRecord *r, char *out) {
     char received[kNameLimit + 1];
     const auto length = static_cast<std::size_t>(r->BlockSize);
@@ -38,20 +36,7 @@ void ComposeName(XferRecord *r, char *out) {
     std::memcpy(received, r->Buffer, kept);
     received[kept] = 0;
 
-    if (!r->StripPath) {
-        std::snprintf(out, kNameLimit + 1, "%s", received);
-    } else {
-        const char *folder = r->Port->ReceiveFolder ? r->Port->ReceiveFolder : "";
-        // An empty folder is the current one, as for the other receivers.
-        if (folder[0] == 0 || plat::FileStat(folder).isDirectory) {
-            const char *bare = BareName(received);
-            XferStatus(r, 0, "Stripped filename %s", bare);
-            std::snprintf(out, kNameLimit + 1, "%s%s", folder, bare);
-        } else {
-            std::snprintf(out, kNameLimit + 1, "%s", folder);
-        }
-    }
-    XferStatus(r, 0, "Complete Path %s", out);
+    XferReceivedName(r, received, out, "Stripped filename ");
 }
 
 } // namespace
