@@ -1,12 +1,10 @@
 // YMODEM batches: block 0 before each file, the file as an XMODEM data
 // phase, and an all-zero block 0 at the end.  The block-0 exchanges run on a
 // copy of the caller's record; the caller's record carries each data phase.
-#include <cstdio>
 #include <cstring>
 
 #include "core/core.h"
 #include "locale/locale.h"
-#include "platform/file.h"
 #include "port/port.h"
 #include "xmodem/xmodem.h"
 

@@ -1,11 +1,9 @@
 // The ZMODEM receiver's batch: announce ourselves with ZRINIT, take ZSINIT
 // and ZFILE frames, name and open each file in the receive folder (or
 // answer ZSKIP), run its data phase, and end on the sender's ZFIN.
-#include <cstdio>
 #include <cstring>
 
 #include "core/core.h"
-#include "platform/file.h"
 #include "platform/heap.h"
 #include "port/port.h"
 #include "xmodem/xmodem.h"
