@@ -5,19 +5,13 @@
 #include <cstdio>
 
 #include "xmodem/xmodem.h"
+#include "zmodem/plain_runs.h"
 #include "zmodem/zmodem.h"
 
 namespace zvxfer {
 namespace {
 
-// Exactly these values travel as ZDLE, value ^ 0x40: the link's flow-control
-// characters, CR (and their high-bit twins), DLE and ZDLE itself.
-constexpr std::array<bool, 256> MakeEscapeTable() {
-    std::array<bool, 256> table{};
-    for (uint8_t b : {0x0D, 0x10, 0x11, 0x13, 0x18, 0x8D, 0x90, 0x91, 0x93}) table[b] = true;
-    return table;
-}
-constexpr auto kEscaped = MakeEscapeTable();
+constexpr auto &kEscaped = zm::kRunEnd<zm::RunEnd::Escaped>;
 
 inline uint8_t *Put(uint8_t *out, uint8_t byte) {
     if (kEscaped[byte]) {
@@ -81,7 +75,13 @@ std::size_t ZmFormatBinHeader(uint8_t *out, int type, const uint8_t data[4], boo
 std::size_t ZmFormatSubpacket(uint8_t *out, std::span<const uint8_t> data, uint8_t end,
                               bool crc32) {
     uint8_t *p = out;
-    for (uint8_t b : data) p = Put(p, b);
+    for (std::size_t i = 0; i < data.size();) {
+        const std::size_t plain =
+            zm::CopyPlainRun<zm::RunEnd::Escaped>(p, data.data() + i, data.size() - i);
+        p += plain;
+        i += plain;
+        if (i < data.size()) p = Put(p, data[i++]);
+    }
     *p++ = zm::ZDLE;
     *p++ = end;
     uint8_t check[4];

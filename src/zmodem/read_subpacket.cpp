@@ -1,46 +1,64 @@
 // Reading one data subpacket into the record's Buffer and checking it with
 // the CRC of the header that introduced it.
+#include <algorithm>
 #include <array>
-#include <cstring>
 
 #include "core/core.h"
 #include "port/port.h"
 #include "xmodem/xmodem.h"
+#include "zmodem/plain_runs.h"
 #include "zmodem/zmodem.h"
 
 namespace zvxfer {
 namespace {
 
-// Bytes that need ReadEscaped: ZDLE and the raw flow-control characters it
-// passes over.  Everything else in a subpacket is data as it stands.
-constexpr std::array<bool, 256> MakeSpecial() {
-    std::array<bool, 256> special{};
-    for (uint8_t b :
-         {zm::ZDLE, zm::XON, zm::XOFF, uint8_t{zm::XON | 0x80}, uint8_t{zm::XOFF | 0x80}})
-        special[b] = true;
-    return special;
+// What the character after a ZDLE decodes to when it simply stands for one
+// data byte; -1 for the ones ReadEscaped must see (CAN runs, subpacket
+// ends, flow control passed over inside the escape).
+constexpr std::array<int16_t, 256> MakeUnescape() {
+    std::array<int16_t, 256> value{};
+    for (int c = 0; c < 256; ++c) value[c] = static_cast<int16_t>(c ^ 0x40);
+    for (uint8_t c : {zm::CAN, zm::XON, zm::XOFF, uint8_t{zm::XON | 0x80}, uint8_t{zm::XOFF | 0x80},
+                      zm::ZCRCE, zm::ZCRCG, zm::ZCRCQ, zm::ZCRCW})
+        value[c] = -1;
+    value[zm::ZRUB0] = 0x7F;
+    value[zm::ZRUB1] = 0xFF;
+    return value;
 }
-constexpr auto kSpecial = MakeSpecial();
+constexpr auto kUnescape = MakeUnescape();
 
 enum class Run { Taken, Overflow, None };
 
-// Copy the plain bytes at the head of what the host has handed over
-// straight into Buffer; the byte-wise reader takes over at the first byte
-// that needs decoding or when nothing is buffered.
+// Decode the head of what the host has handed over straight into Buffer:
+// plain bytes and ZDLE pairs that stand for one data byte.  The byte-wise
+// reader takes over at anything else (a subpacket end, CAN, raw flow
+// control, a ZDLE whose partner has not arrived) or when nothing is
+// buffered.
 Run TakePlainRun(XferRecord *record) {
     const std::span<const uint8_t> run = PeekRun(record->Port);
-    std::size_t n = 0;
-    while (n < run.size() && !kSpecial[run[n]]) ++n;
-    if (n == 0) return Run::None;
-    const auto room = zm::kMaxSubpacket - static_cast<uint32_t>(record->BlockSize);
-    if (room == 0) {
+    if (run.empty()) return Run::None;
+    uint8_t *out = record->Buffer + record->BlockSize;
+    const std::size_t room = zm::kMaxSubpacket - static_cast<uint32_t>(record->BlockSize);
+    std::size_t in = 0, made = 0;
+    for (;;) {
+        const std::size_t plain = zm::CopyPlainRun<zm::RunEnd::ReaderSpecial>(
+            out + made, run.data() + in, std::min(run.size() - in, room - made));
+        in += plain;
+        made += plain;
+        if (in == run.size() || made == room) break;
+        if (run[in] != zm::ZDLE || in + 1 == run.size()) break;
+        const int16_t value = kUnescape[run[in + 1]];
+        if (value < 0) break;
+        out[made++] = static_cast<uint8_t>(value);
+        in += 2;
+    }
+    if (in == 0) {
+        if (room != 0 || zm::kRunEnd<zm::RunEnd::ReaderSpecial>[run[0]]) return Run::None;
         TakeRun(record->Port, 1); // the 1025th data byte
         return Run::Overflow;
     }
-    if (n > room) n = room;
-    std::memcpy(record->Buffer + record->BlockSize, run.data(), n);
-    record->BlockSize += static_cast<int32_t>(n);
-    TakeRun(record->Port, static_cast<uint32_t>(n));
+    record->BlockSize += static_cast<int32_t>(made);
+    TakeRun(record->Port, static_cast<uint32_t>(in));
     ZmCanCount(record) = 0;
     return Run::Taken;
 }

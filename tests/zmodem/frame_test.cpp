@@ -13,6 +13,7 @@
 #include "test_host.h"
 #include "xmodem/xmodem.h"
 #include "zm_wire.h"
+#include "zmodem/plain_runs.h"
 #include "zmodem/zmodem.h"
 #include "zvxfer.h"
 
@@ -286,6 +287,59 @@ TEST_F(ZmodemReader, SubpacketsSurviveAnySplitOfTheLine) {
         EXPECT_EQ(ReadDataSubpacket(&record_), zm::ZCRCW) << chunk;
         EXPECT_EQ(Data(), (Bytes{0x18, 0x11})) << chunk;
     }
+}
+
+// Escapes our sender never makes but a peer may: ZRUB0/ZRUB1, any other
+// character after ZDLE, raw flow control inside an escape and between data
+// bytes.  Read as one run and byte by byte alike.
+TEST_F(ZmodemReader, EveryEscapeFormDecodesWhateverTheSplit) {
+    const Bytes data{0x7F, 0xFF, 'A', 0x01, 0xC1, 0xC1, 'z'};
+    const Bytes body{zm::ZDLE, zm::ZRUB0, zm::ZDLE, zm::ZRUB1, zm::ZDLE, 0x01, zm::ZDLE,
+                     zm::XON,  0x41,      zm::ZDLE, 0x81,      zm::XOFF, 0xC1, 'z'};
+    uint32_t crc = Crc32Update(Crc32Block(7, 0xFFFFFFFFu, data.data()), zm::ZCRCW);
+    crc = ~crc;
+    Bytes line = Cat(test::ZHeader(zm::ZDATA, {0, 0, 0, 0}, 'C'), body);
+    line.push_back(zm::ZDLE);
+    line.push_back(zm::ZCRCW);
+    for (int i = 0; i < 4; ++i) {
+        uint8_t out[2];
+        line.insert(line.end(), out, out + ZmEscape(out, static_cast<uint8_t>(crc >> (8 * i))));
+    }
+    for (std::size_t chunk : {1u, 3u, 5000u}) {
+        host_.SetChunkSize(chunk);
+        Line(line);
+        ASSERT_EQ(ReadFrameHeader(&record_, 1), zm::ZDATA);
+        EXPECT_EQ(ReadDataSubpacket(&record_), zm::ZCRCW) << chunk;
+        EXPECT_EQ(Data(), data) << chunk;
+    }
+}
+
+// The run copier stops exactly at the first byte of its set, wherever it
+// lies in a sixteen-byte step, and copies everything before it.
+TEST(ZmodemCodec, PlainRunsEndAtTheFirstSpecialByte) {
+    constexpr std::size_t kLength = 40;
+    for (int v = 0; v < 256; ++v) {
+        const auto value = static_cast<uint8_t>(v);
+        for (std::size_t at = 0; at < kLength; at += 3) {
+            Bytes in(kLength, 'a'), out(kLength, 0);
+            in[at] = value;
+            const std::size_t escaped =
+                zm::CopyPlainRun<zm::RunEnd::Escaped>(out.data(), in.data(), kLength);
+            EXPECT_EQ(escaped, zm::EndsRun(value, zm::RunEnd::Escaped) ? at : kLength) << v;
+            EXPECT_TRUE(std::equal(in.begin(), in.begin() + escaped, out.begin())) << v;
+            const std::size_t special =
+                zm::CopyPlainRun<zm::RunEnd::ReaderSpecial>(out.data(), in.data(), kLength);
+            EXPECT_EQ(special, zm::EndsRun(value, zm::RunEnd::ReaderSpecial) ? at : kLength) << v;
+        }
+    }
+    // The sets themselves: the nine escaped values, and what a reader must look at.
+    int escapedCount = 0, specialCount = 0;
+    for (int v = 0; v < 256; ++v) {
+        escapedCount += zm::EndsRun(static_cast<uint8_t>(v), zm::RunEnd::Escaped);
+        specialCount += zm::EndsRun(static_cast<uint8_t>(v), zm::RunEnd::ReaderSpecial);
+    }
+    EXPECT_EQ(escapedCount, 9);
+    EXPECT_EQ(specialCount, 5);
 }
 
 TEST_F(ZmodemReader, OverlongSubpacketIsRefused) {
