@@ -155,6 +155,21 @@ ZVXFER_EXTERN int ZvWatchFd(int fd, int events);
 /** Stop watching fd on the calling thread. */
 ZVXFER_EXTERN void ZvUnwatchFd(int fd);
 
+/** A wait-prepare callback (see ZvAddWaitPrepare). */
+typedef void (*ZvPrepareFn)(void *context);
+
+/**
+ * Call fn(context) on the calling thread each time one of its waits (the
+ * library's, ZvGetMessage's, ZvWaitMessage's) is about to sleep: the place
+ * for a host to put out bytes it gathered while the thread was busy, so
+ * that nothing is held back while the thread waits for an answer.
+ * @return 0, or -1 when the pair is already registered or 8 are.
+ */
+ZVXFER_EXTERN int ZvAddWaitPrepare(ZvPrepareFn fn, void *context);
+
+/** Remove a registration made by ZvAddWaitPrepare on the calling thread. */
+ZVXFER_EXTERN void ZvRemoveWaitPrepare(ZvPrepareFn fn, void *context);
+
 /**
  * Install the sink of the library's debugger output (trace lines of the
  * Kermit engine and the debug log).  NULL restores the default: the file

@@ -34,6 +34,30 @@ struct WatchedFd {
 
 constexpr std::size_t kMaxWatchedFds = 64;
 
+struct WaitPrepare {
+    ZvPrepareFn fn;
+    void *context;
+};
+
+constexpr std::size_t kMaxPrepares = 8;
+
+// Whether a wait should poll without sleeping for a moment before it
+// sleeps: yes while the thread's recent waits ended within that moment.
+// A fast local peer (another process on a socket pair) answers within
+// microseconds, where falling asleep and being woken costs tens of them;
+// on a slow line (a serial port) waits are long and the spinning stops.
+class SpinAdvisor {
+  public:
+    static constexpr int64_t kSpinNs = 50'000;
+
+    bool ShouldSpin() const { return averageNs_ < kSpinNs; }
+    // How long a wait took until input came (or until it gave up).
+    void Record(int64_t waitedNs) { averageNs_ += (waitedNs - averageNs_) / 4; }
+
+  private:
+    int64_t averageNs_ = 1'000'000; // a new thread starts as if on a slow line
+};
+
 struct ThreadQueue {
     ThreadQueue();
     ~ThreadQueue();
@@ -63,7 +87,10 @@ struct ThreadQueue {
     // Posted messages plus send requests: read without a lock by the
     // per-byte idle check.
     std::atomic<uint32_t> pending{0};
-    std::vector<WatchedFd> watched; // owner only
+    std::vector<WatchedFd> watched;    // owner only
+    std::vector<WaitPrepare> prepares; // owner only
+    bool preparing = false;            // owner only: a prepare callback runs
+    SpinAdvisor spin;                  // owner only
 
   private:
     std::mutex mutex_;

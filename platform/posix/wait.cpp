@@ -1,11 +1,13 @@
 // Taking messages and waiting for input on the calling thread: peek, get,
-// the wait on the thread's eventfd plus its watched descriptors, and the
-// registration of those descriptors.
+// the wait on the thread's eventfd plus its watched descriptors (with the
+// hosts' prepare callbacks before it sleeps, and a short spin when waits
+// have been short), and the registration of descriptors and callbacks.
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <ctime>
 #include <poll.h>
+#include <sched.h>
 
 #include "platform/message.h"
 #include "thread_queue.h"
@@ -14,15 +16,50 @@ using zvxfer::plat::detail::CurrentQueue;
 using zvxfer::plat::detail::CurrentQueueIfAny;
 using zvxfer::plat::detail::kMaxWatchedFds;
 using zvxfer::plat::detail::ThreadQueue;
+using zvxfer::plat::detail::WaitPrepare;
 
 namespace {
 
 constexpr uint32_t kInfinite = UINT32_MAX;
 
-int64_t NowMs() {
+int64_t NowNs() {
     timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+    return static_cast<int64_t>(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
+}
+
+int64_t NowMs() {
+    return NowNs() / 1'000'000;
+}
+
+// Let the hosts put out what they gathered before the thread sleeps.  A
+// callback that waits itself does not run the callbacks again.
+void RunPrepares(ThreadQueue &q) {
+    if (q.prepares.empty() || q.preparing) return;
+    q.preparing = true;
+    // A callback may add or remove registrations: call the ones there were.
+    std::array<WaitPrepare, zvxfer::plat::detail::kMaxPrepares> now{};
+    const std::size_t count = std::min(q.prepares.size(), now.size());
+    std::copy_n(q.prepares.begin(), count, now.begin());
+    for (std::size_t i = 0; i < count; ++i) now[i].fn(now[i].context);
+    q.preparing = false;
+}
+
+// poll(2) that first polls without sleeping for up to SpinAdvisor::kSpinNs
+// (handing the CPU to whatever else is runnable between looks) when the
+// thread's recent waits were that short.
+int PollAdvised(ThreadQueue &q, pollfd *fds, nfds_t count, int waitMs) {
+    if (waitMs == 0) return poll(fds, count, 0);
+    const int64_t start = NowNs();
+    int n = 0;
+    if (q.spin.ShouldSpin()) {
+        while ((n = poll(fds, count, 0)) == 0 &&
+               NowNs() - start < zvxfer::plat::detail::SpinAdvisor::kSpinNs)
+            sched_yield();
+    }
+    if (n == 0) n = poll(fds, count, waitMs);
+    q.spin.Record(NowNs() - start);
+    return n;
 }
 
 enum class Until { AnyInput, NewInput };
@@ -39,6 +76,7 @@ bool Wait(ThreadQueue &q, uint32_t timeoutMs, bool withWatched, Until until = Un
         if (until == Until::AnyInput && q.pending.load(std::memory_order_acquire) != 0) {
             return true;
         }
+        RunPrepares(q);
         int waitMs = -1;
         if (timeoutMs != kInfinite)
             waitMs = static_cast<int>(std::max<int64_t>(0, deadline - NowMs()));
@@ -47,7 +85,7 @@ bool Wait(ThreadQueue &q, uint32_t timeoutMs, bool withWatched, Until until = Un
         if (withWatched) {
             for (const auto &w : q.watched) fds[count++] = pollfd{w.fd, w.events, 0};
         }
-        const int n = poll(fds.data(), count, waitMs);
+        const int n = PollAdvised(q, fds.data(), count, waitMs);
         if (n < 0 && errno != EINTR) return false;
         if (n == 0) return false;
         if (n < 0) continue;
@@ -124,6 +162,21 @@ ZVXFER_EXTERN void ZvUnwatchFd(int fd) {
     ThreadQueue *q = CurrentQueueIfAny();
     if (q == nullptr) return;
     std::erase_if(q->watched, [fd](auto &w) { return w.fd == fd; });
+}
+
+ZVXFER_EXTERN int ZvAddWaitPrepare(ZvPrepareFn fn, void *context) {
+    auto &prepares = CurrentQueue().prepares;
+    const bool known = std::any_of(prepares.begin(), prepares.end(),
+                                   [&](auto &p) { return p.fn == fn && p.context == context; });
+    if (fn == nullptr || known || prepares.size() >= zvxfer::plat::detail::kMaxPrepares) return -1;
+    prepares.push_back({fn, context});
+    return 0;
+}
+
+ZVXFER_EXTERN void ZvRemoveWaitPrepare(ZvPrepareFn fn, void *context) {
+    ThreadQueue *q = CurrentQueueIfAny();
+    if (q == nullptr) return;
+    std::erase_if(q->prepares, [&](auto &p) { return p.fn == fn && p.context == context; });
 }
 
 } // extern "C"

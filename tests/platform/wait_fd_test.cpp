@@ -1,5 +1,6 @@
 // Watched descriptors: a pipe written by another thread wakes the wait at
-// once; events can be replaced; the table holds 64 per thread.
+// once; events can be replaced; the table holds 64 per thread.  Wait-prepare
+// callbacks run before a wait sleeps; the spin advice follows wait lengths.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include "platform/message.h"
+#include "platform/posix/thread_queue.h"
 
 namespace {
 
@@ -91,6 +93,70 @@ TEST(WaitForNewInput, QueuedMessagesDoNotCutThePauseShort) {
     EXPECT_TRUE(zvxfer::plat::WaitForNewInput(10000));
     poster.join();
     ZvDestroyWindow(w);
+}
+
+struct Prepared {
+    int calls = 0;
+    bool waitInside = false;
+    static void Count(void *context) {
+        auto *self = static_cast<Prepared *>(context);
+        ++self->calls;
+        if (self->waitInside) zvxfer::plat::WaitForInput(0); // must not run us again
+    }
+};
+
+TEST(WaitPrepare, RunsBeforeEverySleepAndNotWhenInputIsWaiting) {
+    Prepared a, b;
+    ASSERT_EQ(ZvAddWaitPrepare(Prepared::Count, &a), 0);
+    EXPECT_EQ(ZvAddWaitPrepare(Prepared::Count, &a), -1); // already there
+    ASSERT_EQ(ZvAddWaitPrepare(Prepared::Count, &b), 0);
+    EXPECT_EQ(ZvAddWaitPrepare(nullptr, &b), -1);
+
+    EXPECT_EQ(ZvWaitMessage(1), 0);
+    EXPECT_EQ(a.calls, 1);
+    EXPECT_EQ(b.calls, 1);
+
+    // A queued message ends the wait before anything is put out.
+    ZvHwnd w = ZvCreateWindow(Ignore, nullptr);
+    ZvPostMessage(w, ZV_WM_PAINT, 0, 0);
+    EXPECT_EQ(ZvWaitMessage(1000), 1);
+    EXPECT_EQ(a.calls, 1);
+    ZvMsg m{};
+    EXPECT_EQ(ZvPeekMessage(&m, 1), 1);
+    ZvDestroyWindow(w);
+
+    // A callback that waits itself is not called again from inside.
+    a.waitInside = true;
+    ZvRemoveWaitPrepare(Prepared::Count, &b);
+    EXPECT_EQ(ZvWaitMessage(1), 0);
+    EXPECT_EQ(a.calls, 2);
+    EXPECT_EQ(b.calls, 1); // removed
+    ZvRemoveWaitPrepare(Prepared::Count, &a);
+
+    // At most eight per thread.
+    Prepared many[9];
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(ZvAddWaitPrepare(Prepared::Count, &many[i]), 0) << i;
+    EXPECT_EQ(ZvAddWaitPrepare(Prepared::Count, &many[8]), -1);
+    for (auto &p : many) ZvRemoveWaitPrepare(Prepared::Count, &p);
+}
+
+// A thread spins before sleeping only while its waits have been short; one
+// long wait among short ones does not stop it, a run of them does.
+TEST(SpinAdvisor, SpinsWhileWaitsAreShort) {
+    using zvxfer::plat::detail::SpinAdvisor;
+    SpinAdvisor advice;
+    EXPECT_FALSE(advice.ShouldSpin()); // a new thread: as on a slow line
+    int shortWaits = 0;
+    while (!advice.ShouldSpin() && shortWaits < 100) {
+        advice.Record(5'000);
+        ++shortWaits;
+    }
+    EXPECT_LT(shortWaits, 20);
+    advice.Record(100'000);
+    for (int i = 0; i < 3; ++i) advice.Record(5'000);
+    EXPECT_TRUE(advice.ShouldSpin());
+    for (int i = 0; i < 3; ++i) advice.Record(5'000'000); // 5 ms rounds: an idle line
+    EXPECT_FALSE(advice.ShouldSpin());
 }
 
 } // namespace
