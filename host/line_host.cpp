@@ -95,7 +95,9 @@ LineHost::LineHost(int readFd, int writeFd, LineHostOptions options)
     writeIsSocket_ = IsSocket(writeFd_);
     readIsTty_ = isatty(readFd_) == 1;
     window_ = ZvCreateWindow(&LineHost::Procedure, this);
-    if (window_ != nullptr && ZvWatchFd(readFd_, ZV_FD_READ) != 0) {
+    if (window_ != nullptr && (ZvWatchFd(readFd_, ZV_FD_READ) != 0 ||
+                               ZvAddWaitPrepare(&LineHost::BeforeWait, this) != 0)) {
+        ZvUnwatchFd(readFd_);
         ZvDestroyWindow(window_);
         window_ = nullptr;
     }
@@ -103,6 +105,7 @@ LineHost::LineHost(int readFd, int writeFd, LineHostOptions options)
 
 LineHost::~LineHost() {
     Flush(kFinalFlushMs);
+    ZvRemoveWaitPrepare(&LineHost::BeforeWait, this);
     ZvUnwatchFd(readFd_);
     if (writeFd_ != readFd_) ZvUnwatchFd(writeFd_);
     if (window_ != nullptr) ZvDestroyWindow(window_);
@@ -133,12 +136,16 @@ intptr_t LineHost::Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, 
     return 0;
 }
 
-// An engine reads when it waits for an answer, so what it has said goes out
-// first.  The library asks again only when it has taken every byte it was
-// given, so each PORT_READ may reuse the whole buffer.
+// The library asks again only when it has taken every byte it was given,
+// so each PORT_READ may reuse the whole buffer.  An engine that asks twice
+// in a row and found nothing the first time, without saying anything in
+// between, is waiting for an answer: what it said goes out first (its
+// waits do that too, before they sleep).
 void LineHost::AnswerRead(PortBlock &block) {
-    WriteQueue();
+    if (askedInVain_ && !wroteSinceRead_) WriteQueue();
     FillBuffer();
+    askedInVain_ = filled_ == 0;
+    wroteSinceRead_ = false;
     block.Data = buffer_.data();
     block.Length = static_cast<uint32_t>(filled_);
     block.Error = (lost_ && filled_ == 0) ? 1 : 0;
@@ -217,13 +224,16 @@ void LineHost::AnswerWrite(PortBlock &block) {
     } else if (!lost_) {
         taken = std::min<std::size_t>(block.Length, capacity - queue_.size());
         queue_.insert(queue_.end(), block.Data, block.Data + taken);
-        if (queue_.size() >= options_.flushAt)
-            WriteQueue();
-        else if (taken > 0)
-            PostFlush();
+        if (queue_.size() >= options_.flushAt) WriteQueue();
     }
+    wroteSinceRead_ = true;
     block.Error = lost_ ? 1 : 0;
     block.Length = static_cast<uint32_t>(taken);
+}
+
+// The thread is about to sleep in a wait: the queue goes out.
+void LineHost::BeforeWait(void *context) {
+    static_cast<LineHost *>(context)->WriteQueue();
 }
 
 void LineHost::PostFlush() {

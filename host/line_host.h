@@ -15,12 +15,10 @@ namespace zvxfer::host {
 struct LineHostOptions {
     std::size_t receiveBuffer = 64 * 1024; // bytes read from the fd at most per PORT_READ
     std::size_t sendQueue = 16 * 1024;     // bytes PORT_WRITE may queue before they go out
-    // Once this many bytes are queued they go out at once: a unit that
-    // large is worth a write of its own, and an engine that streams
-    // (ZMODEM's subpackets) keeps the line busy instead of filling the
-    // queue before its next read.  Small pieces (a block's header and
-    // check, an acknowledgement) still travel together.
-    std::size_t flushAt = 1024;
+    // Once this many bytes are queued they go out without waiting for the
+    // thread to wait: a streaming engine (ZMODEM without a window) keeps
+    // the line busy with writes this large instead of one per subpacket.
+    std::size_t flushAt = 8 * 1024;
     bool closeOnDestroy = false; // close the fds when the host goes
 };
 
@@ -31,12 +29,13 @@ struct LineHostOptions {
 // the destructor.  readFd and writeFd may be the same descriptor.
 //
 // Writes are queued so that the pieces an engine hands over one by one (a
-// block's header, number, data and check) reach the line in one write and
-// the far end wakes once per block.  The queue goes out before every
-// PORT_READ (an engine reads when it waits for an answer), when it is full,
-// when the thread next handles its messages (the first queued byte posts a
-// flush message to the host's own window, which the library's default idle
-// hook dispatches in every wait), on Flush() and in the destructor.
+// block's header, number, data and check; a run of streamed subpackets)
+// reach the line in few writes and the far end wakes once per block.  The
+// queue goes out when it reaches flushAt or is full, whenever the thread is
+// about to sleep in a wait (a wait-prepare callback: an engine that waits
+// for an answer has said everything first), on a second PORT_READ in a row
+// that finds nothing with no PORT_WRITE in between (an engine polling for
+// an answer without sleeping), on Flush() and in the destructor.
 class LineHost {
   public:
     LineHost(int readFd, int writeFd, LineHostOptions options = {});
@@ -70,6 +69,7 @@ class LineHost {
     void FillBuffer();
     std::size_t WriteSome(const uint8_t *data, std::size_t length);
     void WriteQueue();
+    static void BeforeWait(void *context);
     void PostFlush();
     void OnFlushMessage();
     void WatchWrite(bool on);
@@ -88,6 +88,8 @@ class LineHost {
     std::size_t filled_ = 0;     // bytes of buffer_ read from the fd and handed over
     std::vector<uint8_t> queue_; // accepted by PORT_WRITE, not yet written
     bool flushPosted_ = false;   // a flush message waits in the thread's queue
+    bool askedInVain_ = false;   // the last PORT_READ found nothing
+    bool wroteSinceRead_ = false;
     uint64_t bytesIn_ = 0;
     uint64_t bytesOut_ = 0;
 };

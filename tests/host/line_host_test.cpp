@@ -196,27 +196,35 @@ int Pending(int fd) {
     return ioctl(fd, FIONREAD, &avail) == 0 ? avail : -1;
 }
 
-// The pieces an engine writes one by one stay queued until it reads, until
-// the thread handles its messages (the library's idle hook), or until the
-// host goes; each time they reach the far end in one write.
+// The pieces an engine writes one by one stay queued while it streams (a
+// look at the line between writes), and go out in one write when it polls
+// for an answer, when its thread is about to sleep in a wait, when the
+// queue reaches flushAt, or when the host goes.
 TEST(LineHost, QueuedWritesGoOutWhenTheEngineWaitsOrTheHostEnds) {
     Line line(Kind::SocketPair);
-    auto host = std::make_unique<LineHost>(line.hostRead, line.hostWrite);
+    LineHostOptions options;
+    options.flushAt = 64;
+    auto host = std::make_unique<LineHost>(line.hostRead, line.hostWrite, options);
     XferPort *port = host->OpenPort();
     ASSERT_NE(port, nullptr);
 
     for (char c : std::string("abc")) EXPECT_EQ(port->Ops.WriteChar(port, c), 0);
+    EXPECT_EQ(port->Ops.RxCount(port), 0); // a look between streamed pieces
     EXPECT_EQ(Pending(line.farRead), 0);
     EXPECT_EQ(host->Queued(), 3u);
-    EXPECT_EQ(port->Ops.ReadChar(port), PortBufferEmpty); // the engine waits for an answer
+    EXPECT_EQ(port->Ops.RxCount(port), 0); // a second look in vain: it polls
     EXPECT_EQ(Pending(line.farRead), 3);
-    char buf[8];
+    char buf[80];
     EXPECT_EQ(read(line.farRead, buf, sizeof buf), 3) << "one write carried all three";
 
     EXPECT_EQ(port->Ops.WriteChar(port, 'd'), 0);
     EXPECT_EQ(Pending(line.farRead), 0);
-    EXPECT_EQ(CallIdle(port), 0); // an idle-only wait: the default hook pumps
+    EXPECT_EQ(ZvWaitMessage(1), 0); // the thread sleeps: the queue goes first
     EXPECT_EQ(ReadFar(line.farRead, 1), "d");
+
+    const std::string block(64, 'x');
+    EXPECT_EQ(port->Ops.WriteBuffer(port, reinterpret_cast<const uint8_t *>(block.data()), 64), 0);
+    EXPECT_EQ(read(line.farRead, buf, sizeof buf), 64) << "a full unit goes at once";
 
     EXPECT_EQ(port->Ops.WriteChar(port, 'e'), 0);
     port->Ops.PortClose(port);
