@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fmt/format.h>
+#include <string_view>
 
 namespace zvxfer::cli {
 namespace {
@@ -14,7 +15,7 @@ constexpr auto kRedraw = std::chrono::milliseconds(100);
 constexpr int kBarWidth = 20;
 
 // The name without its folder, for display.
-std::string Shown(const char *name) {
+std::string_view Shown(const char *name) {
     if (!name) return {};
     const char *slash = std::strrchr(name, '/');
     return slash ? slash + 1 : name;
@@ -81,7 +82,7 @@ void Reporter::StartFile(const XferRecord &record) {
 void Reporter::Progress(const XferRecord &record) {
     // A file is in progress once the record has an open file.
     if (record.File == XFER_INVALID_FILE || !record.FileName) return;
-    const std::string shown = Shown(record.FileName);
+    const std::string_view shown = Shown(record.FileName);
     const uint64_t pos = record.FilePos > 0 ? static_cast<uint64_t>(record.FilePos) : 0;
     // A position that moves back is a restart within the file (ZMODEM
     // after a damaged subpacket), not a new file.

@@ -18,6 +18,9 @@ class Reporter {
     Reporter(Verbosity verbosity, bool live, std::string label = {});
     ~Reporter();
 
+    // False when no status line would be shown (the library then need not
+    // format any).
+    bool WantsStatus() const { return verbosity_ != Verbosity::Quiet; }
     void Status(const XferRecord &record, int32_t level, const char *text);
     void Progress(const XferRecord &record);
     // End the current file's line; called once the transfer has returned.

@@ -14,7 +14,7 @@ namespace {
 thread_local Reporter *t_reporter = nullptr;
 thread_local const std::function<bool()> *t_lineLost = nullptr;
 
-int32_t OnStatus(XferRecord *record, int32_t level, const char *text) {
+int32_t StatusLine(XferRecord *record, int32_t level, const char *text) {
     if (t_reporter) t_reporter->Status(*record, level, text);
     return 0;
 }
@@ -107,6 +107,7 @@ int32_t RunEntry(XferPort *port, const TransferSettings &s, std::vector<int32_t>
     if (words.size() > kMaxWords) return PortInvalidParameter;
     words.resize(kMaxWords, XferOptEnd);
     const int32_t *w = words.data();
+    const XferStatusFn status = t_reporter && t_reporter->WantsStatus() ? &StatusLine : nullptr;
 #define ZVXFER_CLI_WORDS                                                                           \
     w[0], w[1], w[2], w[3], w[4], w[5], w[6], w[7], w[8], w[9], w[10], w[11], w[12], w[13], w[14], \
         w[15]
@@ -116,23 +117,23 @@ int32_t RunEntry(XferPort *port, const TransferSettings &s, std::vector<int32_t>
         file = s.files[0].starts_with('/') ? s.files[0] : FolderText(s.folder) + s.files[0];
     switch (s.protocol.number) {
     case Xmodem:
-        return s.sending ? XmodemSendWithOptions(port, names.data(), OnStatus, OnProgress,
-                                                 ZVXFER_CLI_WORDS)
-                         : XmodemReceiveWithOptions(port, file.data(), OnStatus, OnProgress,
-                                                    ZVXFER_CLI_WORDS);
+        return s.sending
+                   ? XmodemSendWithOptions(port, names.data(), status, OnProgress, ZVXFER_CLI_WORDS)
+                   : XmodemReceiveWithOptions(port, file.data(), status, OnProgress,
+                                              ZVXFER_CLI_WORDS);
     case Xmodem1K:
-        return s.sending ? Xmodem1KSendWithOptions(port, names.data(), OnStatus, OnProgress,
+        return s.sending ? Xmodem1KSendWithOptions(port, names.data(), status, OnProgress,
                                                    ZVXFER_CLI_WORDS)
-                         : Xmodem1KReceiveWithOptions(port, file.data(), OnStatus, OnProgress,
+                         : Xmodem1KReceiveWithOptions(port, file.data(), status, OnProgress,
                                                       ZVXFER_CLI_WORDS);
     case Ymodem:
-        return s.sending ? YmodemSendWithOptions(port, names.data(), OnStatus, OnProgress,
-                                                 ZVXFER_CLI_WORDS)
-                         : YmodemReceiveWithOptions(port, OnStatus, OnProgress, ZVXFER_CLI_WORDS);
+        return s.sending
+                   ? YmodemSendWithOptions(port, names.data(), status, OnProgress, ZVXFER_CLI_WORDS)
+                   : YmodemReceiveWithOptions(port, status, OnProgress, ZVXFER_CLI_WORDS);
     case Zmodem:
-        return s.sending ? ZmodemSendWithOptions(port, names.data(), OnStatus, OnProgress,
-                                                 ZVXFER_CLI_WORDS)
-                         : ZmodemReceiveWithOptions(port, OnStatus, OnProgress, ZVXFER_CLI_WORDS);
+        return s.sending
+                   ? ZmodemSendWithOptions(port, names.data(), status, OnProgress, ZVXFER_CLI_WORDS)
+                   : ZmodemReceiveWithOptions(port, status, OnProgress, ZVXFER_CLI_WORDS);
     default:
         return PortInvalidParameter;
     }
