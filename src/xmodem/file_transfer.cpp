@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "core/core.h"
+#include "core/file_writer.h"
 #include "platform/file.h"
 #include "port/port.h"
 #include "xmodem/xmodem.h"
@@ -193,17 +194,17 @@ void XmReceiveFile(XferRecord *r) {
         return;
     }
     const bool acknowledge = !XmStreaming(r);
+    FileWriter out(r);
     while (XmReceiveBlock(r)) {
         const intptr_t header = r->ProtocolHook;
         if (header == xm::SOH || header == xm::STX) {
-            // The answer goes out before the data is written, so the sender
-            // reads its next block while this side writes: the write leaves
-            // the round trip.  A write that fails still ends the transfer
-            // before the next block is taken.
+            // The answer goes out before the data is taken, so the sender
+            // reads its next block while this side works; the data joins
+            // a 64 KiB piece, written when full, before the end of file is
+            // acknowledged, and before the file closes.
             const bool answered = !acknowledge || XmSendAck(r);
             if (!r->SkipFile && r->BlockSize > 0 &&
-                plat::FileWrite(r->File, r->Buffer, static_cast<std::size_t>(r->BlockSize)) !=
-                    r->BlockSize) {
+                !out.Append(r->Buffer, static_cast<std::size_t>(r->BlockSize))) {
                 r->Result = XferErrFileIo;
                 break;
             }
@@ -211,6 +212,12 @@ void XmReceiveFile(XferRecord *r) {
             if (!answered) break;
             r->ErrorRun = 0;
         } else if (header == xm::EOT) {
+            // The end is acknowledged only once the file holds every block,
+            // so a sender never counts a file this side could not write.
+            if (!out.Flush()) {
+                r->Result = XferErrFileIo;
+                break;
+            }
             XmSendAck(r);
             if (!r->SkipFile) {
                 XferStatus(r, 0, "End of file, cleaning up");
@@ -222,6 +229,8 @@ void XmReceiveFile(XferRecord *r) {
             break;
         }
     }
+    // Whatever ended the file, the blocks taken so far reach it.
+    if (!out.Flush() && r->Result == 0) r->Result = XferErrFileIo;
     XferCleanup(r);
 }
 

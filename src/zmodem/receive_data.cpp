@@ -2,11 +2,8 @@
 // of subpackets written to the file (with optional newline conversion and
 // pacing), ZACKs where the sender asks for them, ZRPOS after damage, and
 // the ZEOF that completes the file.
-#include <algorithm>
-#include <array>
-#include <cstring>
-
 #include "core/core.h"
+#include "core/file_writer.h"
 #include "platform/file.h"
 #include "port/port.h"
 #include "zmodem/zmodem.h"
@@ -38,44 +35,6 @@ class Pacing {
   private:
     XferRecord *r_;
     int32_t noted_ = 0;
-};
-
-// Received data on its way to the file, gathered into pieces of 64 KiB so
-// the file sees one write per piece instead of one per subpacket.  The
-// piece is written before every repositioning and when the data phase ends
-// (also after a failure); only a transfer the user aborts in the middle of
-// a frame, which closes the file at once, leaves the last piece unwritten.
-class FileWriter {
-  public:
-    explicit FileWriter(XferRecord *r) : r_(r) {}
-    ~FileWriter() { Flush(); }
-    FileWriter(const FileWriter &) = delete;
-    FileWriter &operator=(const FileWriter &) = delete;
-
-    // False when the file took less than it was given.
-    bool Append(const uint8_t *data, std::size_t count) {
-        while (count != 0) {
-            if (used_ == piece_.size() && !Flush()) return false;
-            const std::size_t n = std::min(count, piece_.size() - used_);
-            std::memcpy(piece_.data() + used_, data, n);
-            used_ += n;
-            data += n;
-            count -= n;
-        }
-        return true;
-    }
-
-    bool Flush() {
-        const std::size_t pending = used_;
-        used_ = 0;
-        if (pending == 0 || r_->File == XFER_INVALID_FILE) return true;
-        return plat::FileWrite(r_->File, piece_.data(), pending) == static_cast<long>(pending);
-    }
-
-  private:
-    XferRecord *r_;
-    std::array<uint8_t, 64 * 1024> piece_;
-    std::size_t used_ = 0;
 };
 
 // The subpacket in Buffer to the file, each LF preceded by an inserted CR

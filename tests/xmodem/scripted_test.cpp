@@ -100,15 +100,15 @@ XferFile OpenUnwritable(XferRecord *, const char *, const char *) {
     return open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
 
-TEST_F(XmodemScripted, BlockThatCannotBeWrittenEndsTheTransferBeforeTheNext) {
+TEST_F(XmodemScripted, DataTheFileCannotTakeEndsTheTransferBeforeItsEndIsAcknowledged) {
     SetXferFileOpenFunctionPtr(OpenUnwritable);
     Peer(Cat({Block(1, Pattern(128)), Block(2, Pattern(128)), {EOT}}));
     std::string name = Target();
     EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), XferErrFileIo);
-    // The answer to block 1 leaves before its data is written; the failed
-    // write then ends the transfer with the cancel string, and block 2 is
-    // never acknowledged.
-    EXPECT_EQ(host_.Written(), Cat({{'C', ACK}, CancelString()}));
+    // Blocks are answered and gathered; the failed write comes to light
+    // before the EOT is answered, so the sender is told with the cancel
+    // string instead of seeing its file acknowledged.
+    EXPECT_EQ(host_.Written(), Cat({{'C', ACK, ACK}, CancelString()}));
 }
 
 TEST_F(XmodemScripted, ReceiverStartCharacterFollowsOptions) {
@@ -156,6 +156,14 @@ TEST_F(XmodemScripted, TwoCansEndTheTransferWithTheCancelString) {
     EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), XferErrRemoteAbort);
     // The first CAN is counted and answered; the second ends the transfer.
     EXPECT_EQ(host_.Written(), Cat({{'C', 'C'}, CancelString()}));
+}
+
+TEST_F(XmodemScripted, AFileEndedByTheSenderKeepsTheBlocksReceived) {
+    const Bytes one = Pattern(128), two = Pattern(128);
+    Peer(Cat({Block(1, one), Block(2, two), {CAN, CAN}}));
+    std::string name = Target();
+    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), XferErrRemoteAbort);
+    EXPECT_EQ(ReadFile(Target()), Cat({one, two}));
 }
 
 TEST_F(XmodemScripted, ReceiverWithSkipPolicyAcknowledgesButWritesNothing) {
