@@ -17,7 +17,8 @@ OpenedLine::~OpenedLine() {
     }
 }
 
-std::unique_ptr<OpenedLine> OpenLine(const LineChoice &choice, std::string &error) {
+std::unique_ptr<OpenedLine> OpenLine(const LineChoice &choice, const host::LineHostOptions &options,
+                                     std::string &error) {
     auto line = std::make_unique<OpenedLine>();
     int readFd = STDIN_FILENO, writeFd = STDOUT_FILENO;
     if (!choice.device.empty()) {
@@ -32,7 +33,7 @@ std::unique_ptr<OpenedLine> OpenLine(const LineChoice &choice, std::string &erro
         // Run from a terminal by hand: the protocol needs the raw bytes.
         if (!host::TtyMakeRaw(STDIN_FILENO, {}, &error)) return nullptr;
     }
-    line->host = std::make_unique<host::LineHost>(readFd, writeFd);
+    line->host = std::make_unique<host::LineHost>(readFd, writeFd, options);
     if (!line->host->Ok()) {
         error = "cannot watch the line";
         return nullptr;

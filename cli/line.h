@@ -25,6 +25,7 @@ struct OpenedLine {
 
 // Open the chosen line and its host on the calling thread; nullptr with a
 // reason in `error` when it cannot be opened.
-std::unique_ptr<OpenedLine> OpenLine(const LineChoice &choice, std::string &error);
+std::unique_ptr<OpenedLine> OpenLine(const LineChoice &choice, const host::LineHostOptions &options,
+                                     std::string &error);
 
 } // namespace zvxfer::cli

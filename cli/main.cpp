@@ -107,9 +107,20 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
     return kExitOk;
 }
 
+// How the line gathers what the library writes.  A ZMODEM sender with an
+// acknowledgement window has at most a window's worth unconfirmed: each
+// subpacket goes out at once, so the receiver works on the first while the
+// next is made and its answers keep the window moving.  Everything else
+// gathers writes up to the line host's default.
+host::LineHostOptions LineOptionsFor(const TransferSettings &s) {
+    host::LineHostOptions options;
+    if (s.sending && s.protocol.number == Zmodem && !s.noWindow) options.flushAt = 1024;
+    return options;
+}
+
 int RunOnLine(TransferSettings &s, const LineChoice &choice, Verbosity verbosity) {
     std::string error;
-    auto line = OpenLine(choice, error);
+    auto line = OpenLine(choice, LineOptionsFor(s), error);
     if (!line) {
         fmt::print(stderr, "zvxfer: cannot open the line: {}\n", error);
         return kExitFailed;

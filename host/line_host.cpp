@@ -137,12 +137,14 @@ intptr_t LineHost::Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, 
 }
 
 // The library asks again only when it has taken every byte it was given,
-// so each PORT_READ may reuse the whole buffer.  An engine that asks twice
-// in a row and found nothing the first time, without saying anything in
-// between, is waiting for an answer: what it said goes out first (its
-// waits do that too, before they sleep).
+// so each PORT_READ may reuse the whole buffer.  A short queue is an answer
+// and goes out before the read; so does any queue of an engine that asks
+// twice in a row and found nothing the first time, without saying anything
+// in between: it is waiting for an answer (its waits put the queue out
+// too, before they sleep).  A longer queue between the looks of a
+// streaming engine stays, to go out in larger writes.
 void LineHost::AnswerRead(PortBlock &block) {
-    if (askedInVain_ && !wroteSinceRead_) WriteQueue();
+    if (queue_.size() < options_.answerBytes || (askedInVain_ && !wroteSinceRead_)) WriteQueue();
     FillBuffer();
     askedInVain_ = filled_ == 0;
     wroteSinceRead_ = false;

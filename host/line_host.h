@@ -19,6 +19,10 @@ struct LineHostOptions {
     // thread to wait: a streaming engine (ZMODEM without a window) keeps
     // the line busy with writes this large instead of one per subpacket.
     std::size_t flushAt = 8 * 1024;
+    // A queue smaller than this when the engine reads is an answer (an
+    // acknowledgement, a position request) that the far end may be waiting
+    // for: it goes out before the read.
+    std::size_t answerBytes = 1024;
     bool closeOnDestroy = false; // close the fds when the host goes
 };
 
@@ -31,11 +35,12 @@ struct LineHostOptions {
 // Writes are queued so that the pieces an engine hands over one by one (a
 // block's header, number, data and check; a run of streamed subpackets)
 // reach the line in few writes and the far end wakes once per block.  The
-// queue goes out when it reaches flushAt or is full, whenever the thread is
-// about to sleep in a wait (a wait-prepare callback: an engine that waits
-// for an answer has said everything first), on a second PORT_READ in a row
-// that finds nothing with no PORT_WRITE in between (an engine polling for
-// an answer without sleeping), on Flush() and in the destructor.
+// queue goes out when it reaches flushAt or is full, before a PORT_READ
+// when it holds less than answerBytes, whenever the thread is about to
+// sleep in a wait (a wait-prepare callback: an engine that waits for an
+// answer has said everything first), on a second PORT_READ in a row that
+// finds nothing with no PORT_WRITE in between (an engine polling for an
+// answer without sleeping), on Flush() and in the destructor.
 class LineHost {
   public:
     LineHost(int readFd, int writeFd, LineHostOptions options = {});
