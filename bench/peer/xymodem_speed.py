@@ -22,57 +22,13 @@ import os
 import random
 import re
 import shutil
-import socket
 import subprocess
 import sys
 import tempfile
-import time
 
-LINE_BYTES_PER_S = 115200 // 10
-
-
-def which(name):
-    path = shutil.which(name) or shutil.which("l" + name)
-    if not path:
-        sys.exit("the peer program %s (Debian package lrzsz) is not installed" % name)
-    return path
-
-
-# CPUs for the sender and the receiver (None: the scheduler places them).
-# Two processes that answer each other block by block run much faster on one
-# CPU than on two (every wake-up on the other CPU has to bring it out of
-# idle), and where the scheduler puts them changes from run to run.
-CPU_CHOICES = {"free": (None, None), "same": (0, 0), "split": (0, 1)}
-CPUS = CPU_CHOICES["free"]
-
-
-def pinned(cpu):
-    if cpu is None:
-        return None
-    return lambda: os.sched_setaffinity(0, {cpu})
-
-
-def run_pair(send_argv, recv_argv, recv_cwd, timeout=600):
-    a, b = socket.socketpair()
-    with open(os.devnull, "wb") as null:
-        start = time.monotonic()
-        ps = subprocess.Popen(send_argv, stdin=a.fileno(), stdout=a.fileno(), stderr=null,
-                              preexec_fn=pinned(CPUS[0]))
-        pr = subprocess.Popen(recv_argv, stdin=b.fileno(), stdout=b.fileno(), stderr=null,
-                              cwd=recv_cwd, preexec_fn=pinned(CPUS[1]))
-        a.close()
-        b.close()
-        try:
-            rs = ps.wait(timeout=timeout)
-            rr = pr.wait(timeout=timeout)
-        except subprocess.TimeoutExpired:
-            ps.kill()
-            pr.kill()
-            ps.wait()
-            pr.wait()
-            return None, "hung"
-        elapsed = time.monotonic() - start
-    return elapsed, "exit %d/%d" % (rs, rr)
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import pairs  # noqa: E402
+from pairs import LINE_BYTES_PER_S, which  # noqa: E402
 
 
 def pairings(z, protocol, src, out):
@@ -102,48 +58,15 @@ def received_ok(src, out):
 
 
 def measure(z, protocol, big, tiny, work, repeat):
-    rows = []
-    for (label, s_big, r_big), (_, s_tiny, r_tiny) in zip(
-            pairings(z, protocol, big, os.path.join(work, "out")),
-            pairings(z, protocol, tiny, os.path.join(work, "out"))):
-        out = os.path.join(work, "out")
-        best, state = None, ""
-        for _ in range(repeat):
-            shutil.rmtree(out, ignore_errors=True)
-            os.mkdir(out)
-            t, state = run_pair(s_big, r_big, out)
-            if t is None or not received_ok(big, out):
-                state += ", file wrong" if t is not None else ""
-                best = None
-                break
-            best = t if best is None else min(best, t)
-        shutil.rmtree(out, ignore_errors=True)
-        os.mkdir(out)
-        fixed, _ = run_pair(s_tiny, r_tiny, out)
-        rows.append((label, best, fixed, state))
-    return rows
+    out = os.path.join(work, "out")
+    return pairs.measure(pairings(z, protocol, big, out), pairings(z, protocol, tiny, out), out,
+                         repeat, lambda folder: received_ok(big, folder))
 
 
 def print_table(title, rows, size):
-    mb = size / 1e6
-    ref = rows[-1]
     where = {"free": "", "same": ", both ends on CPU 0", "split": ", ends on CPUs 0 and 1"}
-    cpus = [k for k, v in CPU_CHOICES.items() if v == CPUS][0]
-    print("\n%s, %.1f MB file over a socket pair%s" % (title, mb, where[cpus]))
-    print("%-18s %9s %9s %9s %9s %9s %9s  %s" % ("pairing", "time s", "MB/s", "vs peer",
-                                                 "fixed s", "net MB/s", "vs peer", "status"))
-    for label, t, fixed, state in rows:
-        if t is None:
-            print("%-18s %9s %9s %9s %9s %9s %9s  %s" % (label, "-", "-", "-", "-", "-", "-",
-                                                         state))
-            continue
-        rate = mb / t
-        net = mb / max(t - fixed, 1e-6) if fixed is not None else float("nan")
-        ref_rate = mb / ref[1] if ref[1] else float("nan")
-        ref_net = mb / max(ref[1] - ref[2], 1e-6) if ref[1] and ref[2] is not None else float("nan")
-        print("%-18s %9.2f %9.1f %9.2f %9.2f %9.1f %9.2f  %s" % (
-            label, t, rate, rate / ref_rate, fixed if fixed is not None else float("nan"), net,
-            net / ref_net, state))
+    pairs.print_table("\n%s, %.1f MB file over a socket pair%s"
+                      % (title, size / 1e6, where[pairs.cpus_name()]), rows, size)
 
 
 def efficiency(z, work, kib):
@@ -175,12 +98,10 @@ def main():
     ap.add_argument("--loop-kib", type=int, default=128,
                     help="file size for the simulated-line table (0: skip it)")
     ap.add_argument("--repeat", type=int, default=2, help="runs per pairing; the best counts")
-    ap.add_argument("--cpus", choices=sorted(CPU_CHOICES), default="free",
-                    help="free: the scheduler places sender and receiver; same: both on CPU 0; "
-                         "split: sender on CPU 0, receiver on CPU 1")
+    ap.add_argument("--cpus", choices=sorted(pairs.CPU_CHOICES), default="free",
+                    help=pairs.CPU_HELP)
     args = ap.parse_args()
-    global CPUS
-    CPUS = CPU_CHOICES[args.cpus]
+    pairs.set_cpus(args.cpus)
     z = os.path.abspath(args.zvxfer)
     work = tempfile.mkdtemp(prefix="zvxfer-bench-")
     try:

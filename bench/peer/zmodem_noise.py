@@ -24,7 +24,8 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from zmodem_speed import commit, pairings  # noqa: E402
+from pairs import commit  # noqa: E402
+from zmodem_speed import pairings  # noqa: E402
 
 LINES = [("ber 1e-5", ["--ber", "1e-5"]), ("ber 1e-4", ["--ber", "1e-4"]),
          ("drop 2e-5", ["--drop", "2e-5"])]

@@ -4,8 +4,12 @@
 Every pairing moves the same random file over one socket pair wired to both
 programs' stdin and stdout: our sender to our receiver (windowed, the
 default, and window-less), ours to the peer's receiver, the peer's sender
-to ours, and the peer pair.  The table gives time, MB/s and the ratio
-against the peer pair, with the commit that was measured.
+to ours, and the peer pair, with sz's default (no window) and with the
+window our sender uses by default (sz -w 4096).  The table gives time, MB/s
+and the ratio of every row against the peer pair that runs like it: rows
+with our window against the peer pair with the same window, the others
+against the peer pair as sz runs by default.  The commit that was measured
+heads the table.
 
 Then the wire efficiency of our ZMODEM on a simulated line (zvxfer loopback
 --baud 115200 --latency 20), windowed and window-less: file bytes divided by
@@ -25,8 +29,11 @@ import sys
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import xymodem_speed  # noqa: E402
-from xymodem_speed import CPU_CHOICES, LINE_BYTES_PER_S, run_pair, which  # noqa: E402
+import pairs  # noqa: E402
+from pairs import LINE_BYTES_PER_S, which  # noqa: E402
+
+WINDOWED_PEERS = "peer -> peer (window 4096)"
+PEERS = "peer -> peer"
 
 
 def pairings(z, src, out):
@@ -39,7 +46,14 @@ def pairings(z, src, out):
             ("zvxfer -> peer", ours_s, peer_r),
             ("zvxfer -> peer (no window)", ours_s[:-1] + ["--no-window", src], peer_r),
             ("peer -> zvxfer", peer_s, ours_r),
-            ("peer -> peer", peer_s, peer_r)]
+            (WINDOWED_PEERS, peer_s[:-1] + ["-w", "4096", src], peer_r),
+            (PEERS, peer_s, peer_r)]
+
+
+# Rows that run with our default window compare with the peer pair that
+# runs with the same window.
+COMPARED_WITH = {"zvxfer -> zvxfer": WINDOWED_PEERS, "zvxfer -> peer": WINDOWED_PEERS,
+                 WINDOWED_PEERS: WINDOWED_PEERS}
 
 
 def same(src, out):
@@ -52,57 +66,14 @@ def same(src, out):
 
 def measure(z, big, tiny, work, repeat):
     out = os.path.join(work, "out")
-    rows = []
-    for (label, send, receive), (_, send_tiny, receive_tiny) in zip(
-            pairings(z, big, out), pairings(z, tiny, out)):
-        best, state = None, ""
-        for _ in range(repeat):
-            shutil.rmtree(out, ignore_errors=True)
-            os.mkdir(out)
-            t, state = run_pair(send, receive, out)
-            if t is None or not same(big, out):
-                state += ", file wrong" if t is not None else ""
-                best = None
-                break
-            best = t if best is None else min(best, t)
-        shutil.rmtree(out, ignore_errors=True)
-        os.mkdir(out)
-        fixed, _ = run_pair(send_tiny, receive_tiny, out)
-        rows.append((label, best, fixed, state))
-    return rows
-
-
-def commit():
-    try:
-        here = os.path.dirname(os.path.abspath(__file__))
-        r = subprocess.run(["git", "-C", here, "describe", "--always", "--dirty"],
-                           capture_output=True, text=True, timeout=10)
-        return r.stdout.strip() or "unknown"
-    except OSError:
-        return "unknown"
+    return pairs.measure(pairings(z, big, out), pairings(z, tiny, out), out, repeat,
+                         lambda folder: same(big, folder))
 
 
 def print_table(rows, size):
-    mb = size / 1e6
-    _, ref, ref_fixed, _ = rows[-1]
-    cpus = [k for k, v in CPU_CHOICES.items() if v == xymodem_speed.CPUS][0]
-    print("ZMODEM, %.1f MB random file over a socket pair (CPUs: %s); engine of commit %s"
-          % (mb, cpus, commit()))
-    print("(fixed s: the same pairing with a 1000-byte file: start-up, handshakes, end of batch;")
-    print(" net = the big file's time less the fixed time)")
-    print("%-30s %8s %8s %8s %8s %8s %8s  %s" % ("pairing", "time s", "MB/s", "vs peer",
-                                                 "fixed s", "net MB/s", "vs peer", "status"))
-    ref_net = mb / max(ref - ref_fixed, 1e-6) if ref and ref_fixed is not None else float("nan")
-    for label, t, fixed, state in rows:
-        if t is None:
-            print("%-30s %8s %8s %8s %8s %8s %8s  %s" % (label, "-", "-", "-", "-", "-", "-",
-                                                         state))
-            continue
-        ratio = (ref / t) if ref else float("nan")
-        net = mb / max(t - fixed, 1e-6) if fixed is not None else float("nan")
-        print("%-30s %8.2f %8.1f %8.2f %8.2f %8.1f %8.2f  %s" % (
-            label, t, mb / t, ratio, fixed if fixed is not None else float("nan"), net,
-            net / ref_net, state))
+    pairs.print_table("ZMODEM, %.1f MB random file over a socket pair (CPUs: %s); engine of "
+                      "commit %s" % (size / 1e6, pairs.cpus_name(), pairs.commit()),
+                      rows, size, COMPARED_WITH)
 
 
 def efficiency(z, work, kib):
@@ -135,11 +106,10 @@ def main():
     ap.add_argument("--size-mib", type=int, default=64)
     ap.add_argument("--loop-kib", type=int, default=256)
     ap.add_argument("--repeat", type=int, default=2, help="runs per pairing; the best counts")
-    ap.add_argument("--cpus", choices=sorted(CPU_CHOICES), default="free",
-                    help="free: the scheduler places sender and receiver; same: both on CPU 0; "
-                         "split: sender on CPU 0, receiver on CPU 1")
+    ap.add_argument("--cpus", choices=sorted(pairs.CPU_CHOICES), default="free",
+                    help=pairs.CPU_HELP)
     args = ap.parse_args()
-    xymodem_speed.CPUS = CPU_CHOICES[args.cpus]
+    pairs.set_cpus(args.cpus)
     z = os.path.abspath(args.zvxfer)
     work = tempfile.mkdtemp(prefix="zvxfer-zbench-")
     try:
