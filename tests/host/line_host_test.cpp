@@ -197,33 +197,41 @@ int Pending(int fd) {
 }
 
 // The pieces an engine writes one by one stay queued while it streams (a
-// look at the line between writes), and go out in one write when it polls
-// for an answer, when its thread is about to sleep in a wait, when the
-// queue reaches flushAt, or when the host goes.
+// look at the line between writes), and go out in one write when it reads
+// with only a short answer queued, when it polls for an answer, when its
+// thread is about to sleep in a wait, when the queue reaches flushAt, or
+// when the host goes.
 TEST(LineHost, QueuedWritesGoOutWhenTheEngineWaitsOrTheHostEnds) {
     Line line(Kind::SocketPair);
     LineHostOptions options;
     options.flushAt = 64;
+    options.answerBytes = 8;
     auto host = std::make_unique<LineHost>(line.hostRead, line.hostWrite, options);
     XferPort *port = host->OpenPort();
     ASSERT_NE(port, nullptr);
+    char buf[80];
+    auto write = [&](const std::string &text) {
+        return port->Ops.WriteBuffer(port, reinterpret_cast<const uint8_t *>(text.data()),
+                                     static_cast<uint32_t>(text.size()));
+    };
 
     for (char c : std::string("abc")) EXPECT_EQ(port->Ops.WriteChar(port, c), 0);
-    EXPECT_EQ(port->Ops.RxCount(port), 0); // a look between streamed pieces
     EXPECT_EQ(Pending(line.farRead), 0);
     EXPECT_EQ(host->Queued(), 3u);
-    EXPECT_EQ(port->Ops.RxCount(port), 0); // a second look in vain: it polls
-    EXPECT_EQ(Pending(line.farRead), 3);
-    char buf[80];
+    EXPECT_EQ(port->Ops.RxCount(port), 0); // an answer goes out before the read
     EXPECT_EQ(read(line.farRead, buf, sizeof buf), 3) << "one write carried all three";
 
-    EXPECT_EQ(port->Ops.WriteChar(port, 'd'), 0);
+    EXPECT_EQ(write("0123456789"), 0);
+    EXPECT_EQ(port->Ops.RxCount(port), 0); // a look between streamed pieces
     EXPECT_EQ(Pending(line.farRead), 0);
-    EXPECT_EQ(ZvWaitMessage(1), 0); // the thread sleeps: the queue goes first
-    EXPECT_EQ(ReadFar(line.farRead, 1), "d");
+    EXPECT_EQ(port->Ops.RxCount(port), 0); // a second look in vain: it polls
+    EXPECT_EQ(read(line.farRead, buf, sizeof buf), 10);
 
-    const std::string block(64, 'x');
-    EXPECT_EQ(port->Ops.WriteBuffer(port, reinterpret_cast<const uint8_t *>(block.data()), 64), 0);
+    EXPECT_EQ(write("0123456789"), 0);
+    EXPECT_EQ(ZvWaitMessage(1), 0); // the thread sleeps: the queue goes first
+    EXPECT_EQ(read(line.farRead, buf, sizeof buf), 10);
+
+    EXPECT_EQ(write(std::string(64, 'x')), 0);
     EXPECT_EQ(read(line.farRead, buf, sizeof buf), 64) << "a full unit goes at once";
 
     EXPECT_EQ(port->Ops.WriteChar(port, 'e'), 0);
