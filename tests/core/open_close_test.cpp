@@ -10,7 +10,7 @@
 #include <string>
 
 #include "core/core.h"
-#include "fake_port.h"
+#include "host_record.h"
 #include "platform/heap.h"
 #include "port/port.h"
 #include "temp_tree.h"
@@ -18,37 +18,22 @@
 namespace zvxfer {
 namespace {
 
-using test::FakePort;
-using test::StatusLog;
+using test::CountStatus;
 
 std::string Content(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-class OpenFile : public ::testing::Test {
+class OpenFile : public ::testing::Test, public test::HostRecord {
   protected:
-    void SetUp() override {
-        StatusLog::lines.clear();
-        fake.hooks.FileOpenFunction = &DefaultFileOpen;
-        Fresh(Xmodem, false);
-    }
-    void TearDown() override { XferCleanup(&record); }
+    OpenFile() : HostRecord(100) {} // clean-ups settle in a few rounds
+    void SetUp() override { ASSERT_TRUE(Fresh(Xmodem)); }
+    void TearDown() override { XferCleanupName(); }
 
-    void Fresh(int8_t protocol, bool sending) {
-        XferCleanup(&record);
-        record = XferRecord{};
-        record.Port = &fake.port;
-        record.StatusCallback = &StatusLog::Callback;
-        record.File = XFER_INVALID_FILE;
-        record.FileTime = -1;
-        record.Protocol = protocol;
-        record.Sending = sending ? 1 : 0;
-        ASSERT_EQ(XferInit(&record), 1);
-    }
     // Point FileName at a buffer with room for the free-name counter.
     void Receive(const std::string &name, int32_t policy) {
-        fake.port.ExistingFilePolicy = policy;
+        port->ExistingFilePolicy = policy;
         XferCleanupName();
         name_ = name;
         name_.resize(name.size() + kFreeNameRoom + 1, '\0');
@@ -71,10 +56,7 @@ class OpenFile : public ::testing::Test {
         XferCloseFile(&record);
     }
 
-    test::SteppingClock clock{100}; // clean-ups settle in a few rounds
     test::TempTree tree;
-    FakePort fake;
-    XferRecord record = test::BlankRecord();
     std::string name_;
 };
 
@@ -84,7 +66,7 @@ TEST_F(OpenFile, OverwritePolicyTruncatesTheExistingFile) {
     EXPECT_EQ(XferOpenFile(&record), 1);
     EXPECT_EQ(record.FilePos, 0);
     EXPECT_EQ(record.FileCount, 1);
-    EXPECT_TRUE(StatusLog::Has("report.txt : Opening file " + path));
+    EXPECT_EQ(CountStatus("report.txt : Opening file " + path), 1);
     WriteAndClose("new");
     EXPECT_EQ(Content(path), "new");
 }
@@ -110,9 +92,9 @@ TEST_F(OpenFile, SkipPolicyCountsOrAsksZmodemToSkip) {
     EXPECT_EQ(record.File, XFER_INVALID_FILE);
     EXPECT_EQ(record.FileCount, 1) << "a skipped file counts as handled";
     EXPECT_EQ(record.Result, 0);
-    EXPECT_EQ(StatusLog::Count(1), 1);
+    EXPECT_EQ(CountStatus("", 1), 1);
 
-    Fresh(Zmodem, false);
+    ASSERT_TRUE(Fresh(Zmodem));
     Receive(path, XFER_EXISTING_SKIP);
     EXPECT_EQ(XferOpenFile(&record), 1);
     EXPECT_EQ(record.Result, -620);
@@ -131,9 +113,9 @@ TEST_F(OpenFile, FailureEndsTheTransferWithMinus602) {
     Receive(tree.Path("no/such/folder/x.txt"), XFER_EXISTING_OVERWRITE);
     EXPECT_EQ(XferOpenFile(&record), 0);
     EXPECT_EQ(record.Result, -602);
-    EXPECT_EQ(StatusLog::Count(1), 1);
+    EXPECT_EQ(CountStatus("", 1), 1);
     EXPECT_EQ(record.Buffer, nullptr) << "cleaned up";
-    EXPECT_FALSE(fake.written.empty()) << "XMODEM failure sends the cancel string";
+    EXPECT_EQ(host.WrittenString(), test::kCancelString) << "XMODEM failure cancels";
 }
 
 TEST_F(OpenFile, RenamePastNineFailsLikeAnyOpen) {
@@ -163,7 +145,7 @@ TEST_F(OpenFile, SenderTakesNameAndSizeFromItsList) {
     DestroyCount = 0;
 
     for (int8_t protocol : {Ymodem, Zmodem}) {
-        Fresh(protocol, true);
+        ASSERT_TRUE(Fresh(protocol, true));
         record.SendList = &list;
         EXPECT_EQ(XferOpenFile(&record), 1);
         EXPECT_EQ(record.FileName, list.Path);

@@ -5,15 +5,15 @@
 #include <string>
 
 #include "core/core.h"
-#include "fake_port.h"
+#include "host_record.h"
 #include "locale/locale.h"
 #include "platform/heap.h"
 
 namespace zvxfer {
 namespace {
 
-using test::FakePort;
-using test::StatusLog;
+using test::CountStatus;
+using test::StatusLines;
 
 void StatusV(XferRecord *record, const char *format, ...) {
     va_list args;
@@ -22,16 +22,9 @@ void StatusV(XferRecord *record, const char *format, ...) {
     va_end(args);
 }
 
-class CoreRecord : public ::testing::Test {
+class CoreRecord : public ::testing::Test, public test::HostRecord {
   protected:
-    void SetUp() override {
-        StatusLog::lines.clear();
-        record.Port = &fake.port;
-        record.StatusCallback = &StatusLog::Callback;
-        record.FileTime = -1;
-        record.File = XFER_INVALID_FILE;
-    }
-    void TearDown() override { XferCleanup(&record); }
+    CoreRecord() : HostRecord(100) {} // clean-ups settle in a few rounds
 
     static std::string Substitute() {
         char first[256], second[256];
@@ -39,23 +32,19 @@ class CoreRecord : public ::testing::Test {
         MessageTextCopy(28263, second, sizeof second);
         return std::string(first) + ". " + second;
     }
-
-    test::SteppingClock clock{100}; // clean-ups settle in a few rounds
-    FakePort fake;
-    XferRecord record{};
 };
 
 TEST_F(CoreRecord, StatusLineShowsTheBareNameOrPlaceholder) {
     XferStatus(&record, 0, "Sending block %ld", 7L);
     record.FileName = const_cast<char *>("/tmp/dl/report.txt");
     XferStatus(&record, 1, "%s", "done");
-    ASSERT_EQ(StatusLog::lines.size(), 2u);
-    EXPECT_EQ(StatusLog::lines[0], std::make_pair(0, std::string("<\?\?\?> : Sending block 7")));
-    EXPECT_EQ(StatusLog::lines[1], std::make_pair(1, std::string("report.txt : done")));
+    ASSERT_EQ(StatusLines().size(), 2u);
+    EXPECT_EQ(StatusLines()[0], "0 <\?\?\?> : Sending block 7");
+    EXPECT_EQ(StatusLines()[1], "1 report.txt : done");
 
     record.StatusCallback = nullptr; // no callback: nothing happens
     XferStatus(&record, 0, "x");
-    EXPECT_EQ(StatusLog::lines.size(), 2u);
+    EXPECT_EQ(StatusLines().size(), 2u);
 }
 
 TEST_F(CoreRecord, LongNamesGetTheSubstituteMessage) {
@@ -65,38 +54,38 @@ TEST_F(CoreRecord, LongNamesGetTheSubstituteMessage) {
     name.push_back('n');                 // 250 characters
     record.FileName = name.data();
     XferStatus(&record, 0, "abc %d", 5);
-    ASSERT_EQ(StatusLog::lines.size(), 2u);
-    EXPECT_EQ(StatusLog::lines[0].second, std::string(249, 'n') + " : abc 5");
+    ASSERT_EQ(StatusLines().size(), 2u);
+    EXPECT_EQ(StatusLines()[0].substr(2), std::string(249, 'n') + " : abc 5");
     const std::string expected = std::string(250, 'n') + " : " + Substitute();
-    EXPECT_EQ(StatusLog::lines[1].second, expected.substr(0, 341));
+    EXPECT_EQ(StatusLines()[1].substr(2), expected.substr(0, 341));
 }
 
 TEST_F(CoreRecord, OverlongTextsAreCutNeverOverflowed) {
     const std::string huge(1000, 'x');
     XferStatus(&record, 0, "%s", huge.c_str());
-    ASSERT_EQ(StatusLog::lines.size(), 1u);
-    EXPECT_EQ(StatusLog::lines[0].second, "<\?\?\?> : " + std::string(255, 'x'));
+    ASSERT_EQ(StatusLines().size(), 1u);
+    EXPECT_EQ(StatusLines()[0].substr(2), "<\?\?\?> : " + std::string(255, 'x'));
 
     // A bare name longer than the line block: the line is cut at 341.
     std::string name(400, 'y');
     record.FileName = name.data();
     XferStatus(&record, 0, "x");
-    EXPECT_EQ(StatusLog::lines[1].second.size(), 341u);
+    EXPECT_EQ(StatusLines()[1].size() - 2, 341u);
     // A format longer than the message buffer itself leaves no room for
     // any name: the substitute message is shown.
     record.FileName = nullptr;
     const std::string longFormat(300, 'f');
     StatusV(&record, longFormat.c_str());
-    ASSERT_EQ(StatusLog::lines.size(), 3u);
-    EXPECT_EQ(StatusLog::lines[2].second, "<\?\?\?> : " + Substitute());
+    ASSERT_EQ(StatusLines().size(), 3u);
+    EXPECT_EQ(StatusLines()[2].substr(2), "<\?\?\?> : " + Substitute());
 }
 
 TEST_F(CoreRecord, StatusLineStillArrivesWhenTheHeapFails) {
     plat::SetAllocFailAfter(0);
     XferStatus(&record, 1, "no heap %d", 1);
     plat::SetAllocFailAfter(-1);
-    ASSERT_EQ(StatusLog::lines.size(), 1u);
-    EXPECT_EQ(StatusLog::lines[0].second, "<\?\?\?> : no heap 1");
+    ASSERT_EQ(StatusLines().size(), 1u);
+    EXPECT_EQ(StatusLines()[0].substr(2), "<\?\?\?> : no heap 1");
 }
 
 int progressCalls = 0;
@@ -114,7 +103,7 @@ TEST_F(CoreRecord, AbortCheckSkipsTheHookOnceFailed) {
     progressCalls = abortCalls = 0;
     abortAnswer = -605;
     record.ProgressCallback = &CountProgress;
-    fake.hooks.AbortFunction = &AbortWith;
+    port->Hooks->AbortFunction = &AbortWith;
 
     record.Result = -602;
     EXPECT_EQ(XferCheckAbort(&record), 0);
@@ -127,11 +116,11 @@ TEST_F(CoreRecord, AbortCheckSkipsTheHookOnceFailed) {
     abortAnswer = 0;
     EXPECT_EQ(XferCheckAbort(&record), 0);
     EXPECT_EQ(abortCalls, 1);
-    EXPECT_TRUE(StatusLog::lines.empty());
+    EXPECT_TRUE(StatusLines().empty());
 }
 
 TEST_F(CoreRecord, AbortByProtocol) {
-    fake.hooks.AbortFunction = &AbortWith;
+    port->Hooks->AbortFunction = &AbortWith;
     struct Case {
         int8_t protocol;
         int32_t answer;
@@ -143,19 +132,13 @@ TEST_F(CoreRecord, AbortByProtocol) {
         {CompuServeBPlus, -605, false, false},
     };
     for (const Case &c : cases) {
-        record = XferRecord{};
-        record.Port = &fake.port;
-        record.StatusCallback = &StatusLog::Callback;
-        record.File = XFER_INVALID_FILE;
-        record.FileTime = -1;
-        record.Protocol = c.protocol;
-        StatusLog::lines.clear();
         abortAnswer = 0;
-        ASSERT_EQ(XferInit(&record), 1);
+        ASSERT_TRUE(Fresh(c.protocol));
+        StatusLines().clear();
         abortAnswer = c.answer;
         EXPECT_EQ(XferCheckAbort(&record), 1);
         EXPECT_EQ(record.Result, c.answer);
-        EXPECT_EQ(StatusLog::Count(1), c.notice ? 1 : 0) << int(c.protocol);
+        EXPECT_EQ(CountStatus("", 1), c.notice ? 1 : 0) << int(c.protocol);
         EXPECT_EQ(record.Buffer == nullptr, c.cleanedUp) << int(c.protocol);
         abortAnswer = 0;
         XferCleanup(&record);
@@ -163,10 +146,10 @@ TEST_F(CoreRecord, AbortByProtocol) {
 }
 
 TEST_F(CoreRecord, InitSetsDefaultsPerProtocol) {
-    fake.port.Status = -9;
+    port->Status = -9;
     record.Protocol = CompuServeBPlus;
     ASSERT_EQ(XferInit(&record), 1);
-    EXPECT_EQ(fake.port.Status, 0);
+    EXPECT_EQ(port->Status, 0);
     EXPECT_EQ(record.BlockSize, 1031);
     EXPECT_EQ(record.RxSeq, 0);
     EXPECT_EQ(record.FilePos, 0);
@@ -183,12 +166,12 @@ TEST_F(CoreRecord, InitWithoutBufferFailsWithMinus601) {
     plat::SetAllocFailAfter(-1);
     EXPECT_EQ(ok, 0);
     EXPECT_EQ(record.Result, -601);
-    EXPECT_TRUE(StatusLog::Has("Failed to allocate XFER buffer(s)"));
+    EXPECT_EQ(CountStatus("Failed to allocate XFER buffer(s)"), 1);
 }
 
 TEST_F(CoreRecord, InitStopsWhenTheHostAbortsAtOnce) {
     abortAnswer = -605;
-    fake.hooks.AbortFunction = &AbortWith;
+    port->Hooks->AbortFunction = &AbortWith;
     record.Protocol = Ascii;
     EXPECT_EQ(XferInit(&record), 0);
     EXPECT_EQ(record.Result, -605);
