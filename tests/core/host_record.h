@@ -48,6 +48,6 @@ class HostRecord {
     XferRecord record{};
 };
 
-inline const std::string kCancelString = std::string(10, '\x18') + std::string(10, '\x08');
+inline const std::string kCancelString(kCancelBytes.begin(), kCancelBytes.end());
 
 } // namespace zvxfer::test

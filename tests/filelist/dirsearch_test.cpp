@@ -4,7 +4,7 @@
 #include <set>
 #include <string>
 
-#include "../core/temp_tree.h"
+#include "temp_tree.h"
 #include "platform/dirsearch.h"
 
 namespace zvxfer::plat {

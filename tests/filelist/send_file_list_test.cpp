@@ -11,25 +11,22 @@
 #include <string>
 #include <vector>
 
-#include "../core/temp_tree.h"
 #include "filelist/filelist.h"
 #include "platform/heap.h"
+#include "status_log.h"
+#include "temp_tree.h"
 
 namespace zvxfer {
 namespace {
 
-std::vector<std::pair<int32_t, std::string>> lines;
-int32_t Collect(XferRecord *, int32_t level, const char *text) {
-    lines.emplace_back(level, text);
-    return 0;
-}
+using test::StatusLines;
 
 class SendList : public ::testing::Test {
   protected:
     void SetUp() override {
-        lines.clear();
+        StatusLines().clear();
         record.Sending = 1;
-        record.StatusCallback = &Collect;
+        record.StatusCallback = &test::CollectStatus;
     }
     void TearDown() override {
         if (list != nullptr) list->Destroy(list);
@@ -68,7 +65,7 @@ TEST_F(SendList, QuotedNamesHoldBlanksAndCommas) {
     EXPECT_EQ(std::set<std::string>(files.begin() + 1, files.end()),
               (std::set<std::string>{"d/y1.txt", "d/y2.txt"}));
     EXPECT_EQ(list->SearchError, 0);
-    EXPECT_TRUE(lines.empty());
+    EXPECT_TRUE(StatusLines().empty());
 }
 
 TEST_F(SendList, FileFactsComeFromTheFileSystem) {
@@ -90,8 +87,8 @@ TEST_F(SendList, UnquotedCommaListIsOneName) {
     tree.File("b.txt");
     EXPECT_TRUE(Run(tree.Path("a.txt,b.txt")).empty());
     EXPECT_NE(list->SearchError, 0);
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].first, 1);
+    ASSERT_EQ(StatusLines().size(), 1u);
+    EXPECT_EQ(StatusLines()[0][0], '1');
     EXPECT_EQ(record.FileName, list->Path) << "the unmatched name is the current name";
     EXPECT_STREQ(list->Path, tree.Path("a.txt,b.txt").c_str());
 }
@@ -116,7 +113,7 @@ TEST_F(SendList, SubfoldersComeAfterTheFoldersOwnMatches) {
     EXPECT_EQ(Run(Quoted("d/*.txt")).size(), 2u) << "no subfolders without the flag";
     list->Destroy(list);
     list = nullptr;
-    lines.clear();
+    StatusLines().clear();
 
     const auto files = Run(Quoted("d/*.txt"), true);
     ASSERT_EQ(files.size(), 4u);
@@ -124,7 +121,7 @@ TEST_F(SendList, SubfoldersComeAfterTheFoldersOwnMatches) {
               (std::set<std::string>{"d/1.txt", "d/2.txt"}));
     EXPECT_EQ(files[2], "d/sub/n.txt");
     EXPECT_EQ(files[3], "d/sub/deeper/m.txt");
-    EXPECT_TRUE(lines.empty()) << "a subfolder without matches is no unmatched name";
+    EXPECT_TRUE(StatusLines().empty()) << "a subfolder without matches is no unmatched name";
     EXPECT_EQ(list->SearchError, 0);
 }
 
@@ -145,7 +142,7 @@ TEST_F(SendList, EachUnmatchedNameIsReportedOnce) {
     const auto files =
         Run(Quoted("d/none*.txt") + "," + Quoted("real.txt") + "," + Quoted("gone.txt"), true);
     EXPECT_EQ(files, std::vector<std::string>{"real.txt"});
-    EXPECT_EQ(lines.size(), 2u);
+    EXPECT_EQ(StatusLines().size(), 2u);
     EXPECT_NE(list->SearchError, 0) << "the last name matched nothing";
 }
 
@@ -157,7 +154,7 @@ TEST_F(SendList, ReceivingRecordReadsOnlyTheFirstNameQuietly) {
     list->Destroy(list);
     list = nullptr;
     EXPECT_TRUE(Run(Quoted("missing") + Quoted("a.txt")).empty());
-    EXPECT_TRUE(lines.empty()) << "only a sending record reports unmatched names";
+    EXPECT_TRUE(StatusLines().empty()) << "only a sending record reports unmatched names";
 }
 
 TEST_F(SendList, OverlongNamesMatchNothing) {
@@ -167,7 +164,7 @@ TEST_F(SendList, OverlongNamesMatchNothing) {
     EXPECT_EQ(Run("\"" + longFolder + "a.txt\",\"" + tree.Folder() + longPattern + "\"," +
                   Quoted("ok.txt")),
               std::vector<std::string>{"ok.txt"});
-    EXPECT_EQ(lines.size(), 2u);
+    EXPECT_EQ(StatusLines().size(), 2u);
 }
 
 TEST_F(SendList, NameWithoutFolderSearchesTheCurrentFolder) {

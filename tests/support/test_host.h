@@ -32,6 +32,10 @@
 
 namespace zvxfer::test {
 
+// What a clean-up puts on the line to cancel: ten CAN, then ten backspaces.
+inline const std::vector<uint8_t> kCancelBytes = {
+    0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8};
+
 class TestHost {
   public:
     // Called on the owner thread for every PORT_READ / PORT_WRITE before the

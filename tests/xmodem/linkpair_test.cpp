@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <vector>
 
-#include "../core/temp_tree.h"
+#include "temp_tree.h"
 #include "fake_clock.h"
 #include "link_files.h"
 #include "link_pair.h"

@@ -10,8 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "../core/temp_tree.h"
 #include "fake_clock.h"
+#include "status_log.h"
+#include "temp_tree.h"
 #include "test_host.h"
 #include "wire_blocks.h"
 #include "xmodem/xmodem.h"
@@ -27,18 +28,9 @@ using test::TestHost;
 
 constexpr uint8_t ACK = 0x06, NAK = 0x15, EOT = 0x04, CAN = 0x18;
 
-std::vector<std::string> g_lines;
-
-int32_t Status(XferRecord *, int32_t level, const char *text) {
-    g_lines.push_back(std::to_string(level) + " " + text);
-    return 0;
-}
-
-int CountLines(const std::string &fragment) {
-    int n = 0;
-    for (const auto &line : g_lines) n += line.find(fragment) != std::string::npos;
-    return n;
-}
+using test::CountStatus;
+using test::StatusLines;
+constexpr auto Status = &test::CollectStatus;
 
 Bytes Pattern(std::size_t n, uint8_t seed = 1) {
     Bytes data(n);
@@ -51,12 +43,6 @@ Bytes Block(uint8_t number, Bytes data, bool crc = true, std::size_t size = 128)
 }
 using test::Cat;
 
-Bytes CancelString() {
-    Bytes out(10, CAN);
-    out.insert(out.end(), 10, 0x08);
-    return out;
-}
-
 Bytes ReadFile(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     return Bytes(std::istreambuf_iterator<char>(in), {});
@@ -65,7 +51,7 @@ Bytes ReadFile(const std::string &path) {
 class XmodemScripted : public ::testing::Test {
   protected:
     void SetUp() override {
-        g_lines.clear();
+        StatusLines().clear();
         port_ = PortOpen(0, host_.Window(), folder_.c_str(), XFER_EXISTING_OVERWRITE);
         ASSERT_NE(port_, nullptr);
     }
@@ -92,7 +78,7 @@ TEST_F(XmodemScripted, ReceiverAsksWithCAcknowledgesEachBlockAndKeepsPadding) {
     Bytes expected = data;
     expected.resize(256, 0); // XMODEM carries no size: the padding stays
     EXPECT_EQ(ReadFile(Target()), expected);
-    EXPECT_EQ(CountLines("End of file, cleaning up"), 1);
+    EXPECT_EQ(CountStatus("End of file, cleaning up"), 1);
 }
 
 // A file the host opened so that every write fails.
@@ -108,7 +94,7 @@ TEST_F(XmodemScripted, DataTheFileCannotTakeEndsTheTransferBeforeItsEndIsAcknowl
     // Blocks are answered and gathered; the failed write comes to light
     // before the EOT is answered, so the sender is told with the cancel
     // string instead of seeing its file acknowledged.
-    EXPECT_EQ(host_.Written(), Cat({{'C', ACK, ACK}, CancelString()}));
+    EXPECT_EQ(host_.Written(), Cat({{'C', ACK, ACK}, test::kCancelBytes}));
 }
 
 TEST_F(XmodemScripted, ReceiverStartCharacterFollowsOptions) {
@@ -136,7 +122,7 @@ TEST_F(XmodemScripted, ReceiverRejectsDamageAndDropsRepeats) {
     // good block: ACK; repeat: ACK and dropped; block 2; EOT.
     EXPECT_EQ(host_.Written(), (Bytes{'C', 'C', ACK, ACK, ACK, ACK}));
     EXPECT_EQ(ReadFile(Target()).size(), 256u);
-    EXPECT_EQ(CountLines("Duplicate block 2"), 1);
+    EXPECT_EQ(CountStatus("Duplicate block 2"), 1);
 }
 
 TEST_F(XmodemScripted, ReceiverFallsBackToChecksumThenGivesUp) {
@@ -145,8 +131,7 @@ TEST_F(XmodemScripted, ReceiverFallsBackToChecksumThenGivesUp) {
               XferErrPacketTimeout);
     Bytes expected{'C', 'C', 'C'};
     expected.insert(expected.end(), 8, NAK); // from the third miss on: checksum mode
-    const Bytes cancel = CancelString();
-    expected.insert(expected.end(), cancel.begin(), cancel.end());
+    expected.insert(expected.end(), test::kCancelBytes.begin(), test::kCancelBytes.end());
     EXPECT_EQ(host_.Written(), expected);
 }
 
@@ -155,7 +140,7 @@ TEST_F(XmodemScripted, TwoCansEndTheTransferWithTheCancelString) {
     std::string name = Target();
     EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), XferErrRemoteAbort);
     // The first CAN is counted and answered; the second ends the transfer.
-    EXPECT_EQ(host_.Written(), Cat({{'C', 'C'}, CancelString()}));
+    EXPECT_EQ(host_.Written(), Cat({{'C', 'C'}, test::kCancelBytes}));
 }
 
 TEST_F(XmodemScripted, AFileEndedByTheSenderKeepsTheBlocksReceived) {
@@ -186,9 +171,9 @@ TEST_F(XmodemScripted, SenderSendsBlocksAndEot) {
     EXPECT_EQ(host_.Written(), Cat({Block(1, Bytes(data.begin(), data.begin() + 128)),
                                     Block(2, Bytes(data.begin() + 128, data.end())),
                                     {EOT}}));
-    EXPECT_EQ(CountLines("Sending block 1"), 1);
-    EXPECT_EQ(CountLines("Sending block 2"), 1);
-    EXPECT_EQ(CountLines("File transmission complete"), 1);
+    EXPECT_EQ(CountStatus("Sending block 1"), 1);
+    EXPECT_EQ(CountStatus("Sending block 2"), 1);
+    EXPECT_EQ(CountStatus("File transmission complete"), 1);
 }
 
 TEST_F(XmodemScripted, Sender1KUsesLongBlocksAndFallsBackOnNak) {
@@ -202,7 +187,7 @@ TEST_F(XmodemScripted, Sender1KUsesLongBlocksAndFallsBackOnNak) {
 
     // A receiver that asks with NAK gets checksum blocks.
     host_.ClearWritten();
-    g_lines.clear();
+    StatusLines().clear();
     names = "\"" + tree_.Path("out.bin") + "\"";
     Peer({NAK, ACK, ACK});
     EXPECT_EQ(Xmodem1KSendWithOptions(port_, names.data(), Status, nullptr, 0), 1);
@@ -214,15 +199,15 @@ TEST_F(XmodemScripted, SenderRefusesEmptyFilesAndUnknownOptions) {
     std::string names = "\"" + tree_.Path("empty.bin") + "\"";
     Peer({'C'});
     EXPECT_EQ(XmodemSendWithOptions(port_, names.data(), Status, nullptr, 0), XferErrFileIo);
-    EXPECT_EQ(host_.Written(), CancelString());
+    EXPECT_EQ(host_.Written(), test::kCancelBytes);
 
     host_.ClearWritten();
-    g_lines.clear();
+    StatusLines().clear();
     names = "\"" + tree_.Path("empty.bin") + "\"";
     EXPECT_EQ(XmodemSendWithOptions(port_, names.data(), Status, nullptr, 1009, 0),
               PortInvalidParameter);
     EXPECT_TRUE(host_.Written().empty());
-    EXPECT_TRUE(g_lines.empty());
+    EXPECT_TRUE(StatusLines().empty());
 }
 
 TEST_F(XmodemScripted, UnansweredEotIsRepeatedTenTimes) {
@@ -231,10 +216,10 @@ TEST_F(XmodemScripted, UnansweredEotIsRepeatedTenTimes) {
     Peer({'C', ACK});
     EXPECT_EQ(XmodemSendWithOptions(port_, names.data(), Status, nullptr, 1016, 2000, 0),
               XferErrTooManyErrors);
-    EXPECT_EQ(CountLines("File transmission complete"), 10);
+    EXPECT_EQ(CountStatus("File transmission complete"), 10);
     const Bytes written = host_.Written();
     const Bytes tail(written.end() - 30, written.end());
-    EXPECT_EQ(tail, Cat({Bytes(10, EOT), CancelString()}));
+    EXPECT_EQ(tail, Cat({Bytes(10, EOT), test::kCancelBytes}));
 }
 
 } // namespace

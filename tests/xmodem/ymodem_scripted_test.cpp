@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "../core/temp_tree.h"
+#include "temp_tree.h"
 #include "fake_clock.h"
 #include "test_host.h"
 #include "wire_blocks.h"

@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <vector>
 
-#include "../core/temp_tree.h"
+#include "temp_tree.h"
 #include "fake_clock.h"
 #include "status_log.h"
 #include "test_host.h"

@@ -10,9 +10,10 @@
 #include <sys/stat.h>
 #include <vector>
 
-#include "../core/temp_tree.h"
 #include "fake_clock.h"
 #include "sim_receiver.h"
+#include "status_log.h"
+#include "temp_tree.h"
 #include "test_host.h"
 #include "zmodem/entries.h"
 #include "zmodem/zmodem.h"
@@ -29,24 +30,13 @@ using test::TempTree;
 using test::TestHost;
 using test::WireItem;
 
-std::vector<std::string> g_lines;
+using test::StatusLines;
+constexpr auto Status = &test::CollectStatus;
 int g_progressCalls = 0;
-
-int32_t Status(XferRecord *, int32_t level, const char *text) {
-    g_lines.push_back(std::to_string(level) + " " + text);
-    return 0;
-}
 
 int32_t Progress(XferRecord *) {
     ++g_progressCalls;
     return 0;
-}
-
-int CountLines(int level, const std::string &fragment) {
-    int n = 0;
-    for (const auto &line : g_lines)
-        n += line[0] == '0' + level && line.find(fragment) != std::string::npos;
-    return n;
 }
 
 // Every byte value, and all the ones that must be escaped, many times.
@@ -54,12 +44,6 @@ Bytes Pattern(std::size_t n) {
     Bytes data(n);
     for (std::size_t i = 0; i < n; ++i) data[i] = static_cast<uint8_t>(i * 7 + i / 256);
     return data;
-}
-
-Bytes CancelString() {
-    Bytes out(20, 0x08);
-    for (int i = 0; i < 10; ++i) out[i] = 0x18;
-    return out;
 }
 
 std::string TypeName(int type) {
@@ -120,7 +104,7 @@ std::string DataFrame(char format, int32_t pos, char end, int count, char lastEn
 class ZmodemSender : public ::testing::Test {
   protected:
     void SetUp() override {
-        g_lines.clear();
+        StatusLines().clear();
         g_progressCalls = 0;
         port_ = PortOpen(0, host_.Window(), folder_.c_str(), XFER_EXISTING_OVERWRITE);
         ASSERT_NE(port_, nullptr);
@@ -173,10 +157,10 @@ TEST_F(ZmodemSender, DefaultWindowStreamsCrc32ZcrcqAndStopsAt4096Unconfirmed) {
     EXPECT_EQ(peer.files[0], data);
     // ZACKs held back: the sender stops after 4096 bytes each time.
     EXPECT_EQ(peer.bursts, (std::vector<int32_t>{4096, 4096, 1808}));
-    EXPECT_EQ(CountLines(1, "File sent"), 1);
-    EXPECT_EQ(CountLines(0, "Sending with CRC-32"), 1);
-    EXPECT_EQ(CountLines(0, "SendDataFrame: Received a ZACK at EOF"), 1);
-    EXPECT_EQ(CountLines(0, "data.bin : SendDataFrame: sending @9216"), 1);
+    EXPECT_EQ(test::CountStatus("File sent", 1), 1);
+    EXPECT_EQ(test::CountStatus("Sending with CRC-32", 0), 1);
+    EXPECT_EQ(test::CountStatus("SendDataFrame: Received a ZACK at EOF", 0), 1);
+    EXPECT_EQ(test::CountStatus("data.bin : SendDataFrame: sending @9216", 0), 1);
 }
 
 // The ZDATA frames and how far the sender goes before it waits for ZACKs,
@@ -277,7 +261,7 @@ TEST_F(ZmodemSender, ZrposMidFileRestartsWithAnEmptyZcrcwFrame) {
     EXPECT_EQ(frames[4], DataFrame('C', 1024, 'j', 8, 'k', 784));
     EXPECT_EQ(frames[5], "C ZEOF 10000");
     EXPECT_EQ(peer.files.at(0), data);
-    EXPECT_EQ(CountLines(0, "SendFileData: ZRPOS location 1024"), 1);
+    EXPECT_EQ(test::CountStatus("SendFileData: ZRPOS location 1024", 0), 1);
 }
 
 TEST_F(ZmodemSender, TheFiftySecondStrayCharacterEndsTheFrame) {
@@ -285,7 +269,7 @@ TEST_F(ZmodemSender, TheFiftySecondStrayCharacterEndsTheFrame) {
     const std::string path = Make("data.bin", data);
     for (int garbage : {51, 52}) {
         SCOPED_TRACE(garbage);
-        g_lines.clear();
+        StatusLines().clear();
         host_.ClearWritten();
         ReceiverScript script;
         script.garbage = garbage;
@@ -293,12 +277,12 @@ TEST_F(ZmodemSender, TheFiftySecondStrayCharacterEndsTheFrame) {
         EXPECT_EQ(Send(peer, {path}, {1017}), 1);
         const std::vector<std::string> frames = Frames(peer);
         // Traced at the 1st, 9th, 17th ... 49th stray character.
-        EXPECT_EQ(CountLines(0, "BackChannel: garbage detected"), 7);
+        EXPECT_EQ(test::CountStatus("BackChannel: garbage detected", 0), 7);
         if (garbage == 51) {
-            EXPECT_EQ(CountLines(1, "Too much noise on the line"), 0);
+            EXPECT_EQ(test::CountStatus("Too much noise on the line", 1), 0);
             EXPECT_EQ(frames.at(2), DataFrame('C', 0, 'i', 2, 'k', 952));
         } else {
-            EXPECT_EQ(CountLines(1, "Too much noise on the line"), 1);
+            EXPECT_EQ(test::CountStatus("Too much noise on the line", 1), 1);
             // The frame ends at once with an empty ZCRCE; the receiver's ZRPOS
             // restarts it.
             ASSERT_EQ(frames.size(), 7u);
@@ -322,9 +306,9 @@ TEST_F(ZmodemSender, SkippedFilesAreNotCountedAndAllSkippedIsAFailure) {
         ASSERT_EQ(peer.texts.size(), 2u);
         EXPECT_TRUE(peer.files[0].empty());
         EXPECT_EQ(peer.files[1], data);
-        EXPECT_EQ(CountLines(1, "File skipped"), 1);
+        EXPECT_EQ(test::CountStatus("File skipped", 1), 1);
     }
-    g_lines.clear();
+    StatusLines().clear();
     host_.ClearWritten();
     ReceiverScript script;
     script.skip = {0, 1};
@@ -334,7 +318,7 @@ TEST_F(ZmodemSender, SkippedFilesAreNotCountedAndAllSkippedIsAFailure) {
     const std::string zfile = "C ZFILE 0: k" + std::to_string(text.size());
     EXPECT_EQ(Frames(peer), (std::vector<std::string>{"B ZRQINIT 0", zfile, zfile, "B ZFIN 0"}));
     EXPECT_EQ(Noise(peer), (Bytes{'O', 'O'})); // a clean close, no cancel string
-    EXPECT_EQ(CountLines(1, "File skipped"), 2);
+    EXPECT_EQ(test::CountStatus("File skipped", 1), 2);
 }
 
 TEST_F(ZmodemSender, ZfileCarriesNameSizeOctalTimeAndTheHeaderOptions) {
@@ -404,7 +388,7 @@ TEST_F(ZmodemSender, FailuresEndWithTheRightCodeAndCancelUnlessTheReceiverGaveUp
             EXPECT_EQ(f.find("ZFIN"), std::string::npos);
         }
         const Bytes written = host_.Written();
-        const Bytes cancel = CancelString();
+        const Bytes &cancel = test::kCancelBytes;
         const bool cancelled = written.size() >= cancel.size() &&
                                std::equal(cancel.begin(), cancel.end(), written.end() - 20);
         EXPECT_EQ(cancelled, c.cancel);
@@ -435,11 +419,11 @@ TEST_F(ZmodemSender, UserAbortWhileThePortIsFullStopsBeforeTheNextWrite) {
     EXPECT_EQ(Send(peer, {path}), XferErrUserAbort);
     port_->Hooks->AbortFunction = saved;
     g_abortHost = nullptr;
-    EXPECT_EQ(CountLines(1, "Transfer cancelled"), 1);
+    EXPECT_EQ(test::CountStatus("Transfer cancelled", 1), 1);
     // The clean-up's cancel string went out; no ZFILE text, no ZFIN.
     EXPECT_TRUE(peer.texts.empty());
     const Bytes written = host_.Written();
-    const Bytes cancel = CancelString();
+    const Bytes &cancel = test::kCancelBytes;
     ASSERT_GE(written.size(), cancel.size());
     EXPECT_TRUE(std::equal(cancel.begin(), cancel.end(), written.end() - 20));
 }
@@ -448,7 +432,7 @@ TEST_F(ZmodemSender, NamesThatMatchNothingEndTheBatchAsAFileEngineFailure) {
     SimReceiver peer(host_, {});
     EXPECT_EQ(Send(peer, {tree_.Path("missing*.bin")}), XferErrFileEngine);
     EXPECT_EQ(Frames(peer), (std::vector<std::string>{"B ZRQINIT 0"}));
-    EXPECT_EQ(Noise(peer), CancelString());
+    EXPECT_EQ(Noise(peer), test::kCancelBytes);
 }
 
 TEST_F(ZmodemSender, RefusedOptionsEndTheCallBeforeAnythingHappens) {
@@ -470,7 +454,7 @@ TEST_F(ZmodemSender, RefusedOptionsEndTheCallBeforeAnythingHappens) {
               PortInvalidParameter);
     EXPECT_TRUE(host_.Written().empty());
     EXPECT_EQ(host_.ReadRequests(), 0);
-    EXPECT_TRUE(g_lines.empty());
+    EXPECT_TRUE(StatusLines().empty());
     EXPECT_EQ(g_progressCalls, 0);
 }
 
