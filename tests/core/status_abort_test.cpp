@@ -42,12 +42,22 @@ TEST_F(CoreRecord, StatusLineShowsTheBareNameOrPlaceholder) {
     EXPECT_EQ(StatusLines()[0], "0 <\?\?\?> : Sending block 7");
     EXPECT_EQ(StatusLines()[1], "1 report.txt : done");
 
+    // Without the heap the line still arrives.
+    record.FileName = nullptr;
+    plat::SetAllocFailAfter(0);
+    XferStatus(&record, 1, "no heap %d", 1);
+    plat::SetAllocFailAfter(-1);
+    ASSERT_EQ(StatusLines().size(), 3u);
+    EXPECT_EQ(StatusLines()[2], "1 <\?\?\?> : no heap 1");
+
     record.StatusCallback = nullptr; // no callback: nothing happens
     XferStatus(&record, 0, "x");
-    EXPECT_EQ(StatusLines().size(), 2u);
+    EXPECT_EQ(StatusLines().size(), 3u);
 }
 
-TEST_F(CoreRecord, LongNamesGetTheSubstituteMessage) {
+// Names and texts too long for the line are cut, or the substitute message
+// stands in for the text; nothing overflows.
+TEST_F(CoreRecord, LongNamesAndTextsAreCutOrSubstituted) {
     std::string name(249, 'n');
     record.FileName = name.data();
     XferStatus(&record, 0, "abc %d", 5); // a format of six characters
@@ -58,17 +68,17 @@ TEST_F(CoreRecord, LongNamesGetTheSubstituteMessage) {
     EXPECT_EQ(StatusLines()[0].substr(2), std::string(249, 'n') + " : abc 5");
     const std::string expected = std::string(250, 'n') + " : " + Substitute();
     EXPECT_EQ(StatusLines()[1].substr(2), expected.substr(0, 341));
-}
 
-TEST_F(CoreRecord, OverlongTextsAreCutNeverOverflowed) {
+    StatusLines().clear();
+    record.FileName = nullptr;
     const std::string huge(1000, 'x');
     XferStatus(&record, 0, "%s", huge.c_str());
     ASSERT_EQ(StatusLines().size(), 1u);
     EXPECT_EQ(StatusLines()[0].substr(2), "<\?\?\?> : " + std::string(255, 'x'));
 
     // A bare name longer than the line block: the line is cut at 341.
-    std::string name(400, 'y');
-    record.FileName = name.data();
+    std::string longName(400, 'y');
+    record.FileName = longName.data();
     XferStatus(&record, 0, "x");
     EXPECT_EQ(StatusLines()[1].size() - 2, 341u);
     // A format longer than the message buffer itself leaves no room for
@@ -78,14 +88,6 @@ TEST_F(CoreRecord, OverlongTextsAreCutNeverOverflowed) {
     StatusV(&record, longFormat.c_str());
     ASSERT_EQ(StatusLines().size(), 3u);
     EXPECT_EQ(StatusLines()[2].substr(2), "<\?\?\?> : " + Substitute());
-}
-
-TEST_F(CoreRecord, StatusLineStillArrivesWhenTheHeapFails) {
-    plat::SetAllocFailAfter(0);
-    XferStatus(&record, 1, "no heap %d", 1);
-    plat::SetAllocFailAfter(-1);
-    ASSERT_EQ(StatusLines().size(), 1u);
-    EXPECT_EQ(StatusLines()[0].substr(2), "<\?\?\?> : no heap 1");
 }
 
 int progressCalls = 0;
@@ -145,7 +147,7 @@ TEST_F(CoreRecord, AbortByProtocol) {
     }
 }
 
-TEST_F(CoreRecord, InitSetsDefaultsPerProtocol) {
+TEST_F(CoreRecord, InitSetsDefaultsOrFailsWithoutBufferOrOnAnAbort) {
     port->Status = -9;
     record.Protocol = CompuServeBPlus;
     ASSERT_EQ(XferInit(&record), 1);
@@ -157,22 +159,18 @@ TEST_F(CoreRecord, InitSetsDefaultsPerProtocol) {
     EXPECT_EQ(record.ProtocolBytes.Bytes[3], 1);
     EXPECT_EQ(record.ProtocolBytes.Bytes[4], 1);
     EXPECT_EQ(record.BlockNumber, 1);
-}
 
-TEST_F(CoreRecord, InitWithoutBufferFailsWithMinus601) {
-    record.Protocol = Ascii;
+    ASSERT_TRUE(Fresh(Ascii, false, false));
     plat::SetAllocFailAfter(0);
     const int ok = XferInit(&record);
     plat::SetAllocFailAfter(-1);
     EXPECT_EQ(ok, 0);
     EXPECT_EQ(record.Result, -601);
     EXPECT_EQ(CountStatus("Failed to allocate XFER buffer(s)"), 1);
-}
 
-TEST_F(CoreRecord, InitStopsWhenTheHostAbortsAtOnce) {
+    ASSERT_TRUE(Fresh(Ascii, false, false));
     abortAnswer = -605;
     port->Hooks->AbortFunction = &AbortWith;
-    record.Protocol = Ascii;
     EXPECT_EQ(XferInit(&record), 0);
     EXPECT_EQ(record.Result, -605);
     EXPECT_EQ(record.Buffer, nullptr) << "the abort ran the clean-up";
