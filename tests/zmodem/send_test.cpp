@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
@@ -47,20 +48,13 @@ Bytes Pattern(std::size_t n) {
 }
 
 std::string TypeName(int type) {
-    switch (type) {
-    case zm::ZRQINIT:
-        return "ZRQINIT";
-    case zm::ZFILE:
-        return "ZFILE";
-    case zm::ZFIN:
-        return "ZFIN";
-    case zm::ZDATA:
-        return "ZDATA";
-    case zm::ZEOF:
-        return "ZEOF";
-    default:
-        return std::to_string(type);
-    }
+    static const std::map<int, std::string> names = {{zm::ZRQINIT, "ZRQINIT"},
+                                                     {zm::ZFILE, "ZFILE"},
+                                                     {zm::ZFIN, "ZFIN"},
+                                                     {zm::ZDATA, "ZDATA"},
+                                                     {zm::ZEOF, "ZEOF"}};
+    const auto it = names.find(type);
+    return it != names.end() ? it->second : std::to_string(type);
 }
 
 // Each header with the subpackets that follow it, e.g. "C ZDATA 0: j1024 k784".
