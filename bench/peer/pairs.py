@@ -8,6 +8,7 @@ import shutil
 import socket
 import subprocess
 import sys
+import threading
 import time
 
 LINE_BYTES_PER_S = 115200 // 10
@@ -45,7 +46,9 @@ def pinned(cpu):
 
 
 def run_pair(send_argv, recv_argv, recv_cwd, timeout=600):
-    """Seconds from start to both exits, and the exit statuses as text."""
+    """Seconds from start to both exits, and the exit statuses as text.
+    The waits block (a wait with a time-out polls, which would round the
+    times up by tens of milliseconds); a timer kills a pair that hangs."""
     a, b = socket.socketpair()
     with open(os.devnull, "wb") as null:
         start = time.monotonic()
@@ -55,16 +58,21 @@ def run_pair(send_argv, recv_argv, recv_cwd, timeout=600):
                               cwd=recv_cwd, preexec_fn=pinned(CPUS[1]))
         a.close()
         b.close()
-        try:
-            rs = ps.wait(timeout=timeout)
-            rr = pr.wait(timeout=timeout)
-        except subprocess.TimeoutExpired:
+        hung = threading.Event()
+
+        def kill():
+            hung.set()
             ps.kill()
             pr.kill()
-            ps.wait()
-            pr.wait()
-            return None, "hung"
+
+        watchdog = threading.Timer(timeout, kill)
+        watchdog.start()
+        rs = ps.wait()
+        rr = pr.wait()
         elapsed = time.monotonic() - start
+        watchdog.cancel()
+    if hung.is_set():
+        return None, "hung"
     return elapsed, "exit %d/%d" % (rs, rr)
 
 
