@@ -108,13 +108,14 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
 }
 
 // How the line gathers what the library writes.  A ZMODEM sender with an
-// acknowledgement window has at most a window's worth unconfirmed: each
-// subpacket goes out at once, so the receiver works on the first while the
-// next is made and its answers keep the window moving.  Everything else
-// gathers writes up to the line host's default.
+// acknowledgement window has at most a window's worth unconfirmed: its
+// subpackets go out two at a time, so the receiver works on them while the
+// next are made and its answers keep the window moving (one at a time
+// costs the two programs a switch per subpacket when they share a CPU).
+// Everything else gathers writes up to the line host's default.
 host::LineHostOptions LineOptionsFor(const TransferSettings &s) {
     host::LineHostOptions options;
-    if (s.sending && s.protocol.number == Zmodem && !s.noWindow) options.flushAt = 1024;
+    if (s.sending && s.protocol.number == Zmodem && !s.noWindow) options.flushAt = 2048;
     return options;
 }
 
