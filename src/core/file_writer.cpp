@@ -8,6 +8,24 @@
 
 namespace zvxfer {
 
+namespace {
+thread_local FileWriter *t_innermost = nullptr;
+} // namespace
+
+FileWriter::FileWriter(XferRecord *record) : record_(record), outer_(t_innermost) {
+    t_innermost = this;
+}
+
+FileWriter::~FileWriter() {
+    Flush();
+    t_innermost = outer_;
+}
+
+void FlushGatheredData(XferRecord *record) {
+    for (FileWriter *w = t_innermost; w != nullptr; w = w->outer_)
+        if (w->record_ == record) w->Flush();
+}
+
 bool FileWriter::Append(const uint8_t *data, std::size_t count) {
     while (count != 0) {
         if (used_ == piece_.size() && !Flush()) return false;

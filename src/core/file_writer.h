@@ -1,7 +1,9 @@
 // Received data on its way to the record's open file, gathered into pieces
 // of 64 KiB so the file sees one write per piece instead of one per block
-// or subpacket.  The owner writes the piece before it repositions the file
-// and before the file is closed.
+// or subpacket.  The owner writes the piece before it repositions the file;
+// XferCloseFile writes it before the file closes, so a transfer that ends
+// anywhere (an abort inside a read included) keeps every byte it took.
+// Writers live on the stack of the transfer's thread, one per open file.
 #pragma once
 #include <array>
 #include <cstddef>
@@ -13,8 +15,8 @@ namespace zvxfer {
 
 class FileWriter {
   public:
-    explicit FileWriter(XferRecord *record) : record_(record) {}
-    ~FileWriter() { Flush(); }
+    explicit FileWriter(XferRecord *record);
+    ~FileWriter();
     FileWriter(const FileWriter &) = delete;
     FileWriter &operator=(const FileWriter &) = delete;
 
@@ -25,9 +27,15 @@ class FileWriter {
     bool Flush();
 
   private:
+    friend void FlushGatheredData(XferRecord *record);
     XferRecord *record_;
+    FileWriter *outer_; // the writer of an enclosing transfer on this thread
     std::array<uint8_t, 64 * 1024> piece_;
     std::size_t used_ = 0;
 };
+
+// Write what the thread's writers hold for this record's file (called
+// before the file closes).
+void FlushGatheredData(XferRecord *record);
 
 } // namespace zvxfer
