@@ -11,8 +11,9 @@ constexpr int32_t kMsgCancelled = 28263;
 int XferCheckAbort(XferRecord *record) {
     if (record->ProgressCallback != nullptr) record->ProgressCallback(record);
     if (record->Result == XferErrUserAbort) return 1;
-    // A transfer that already failed is ending anyway: no second abort.
-    if (record->Result < 0) return 0;
+    // A transfer that already failed or was stopped is ending anyway: no
+    // second abort.
+    if (XferStopped(record)) return 0;
 
     ThreadHooks *hooks = record->Port != nullptr ? record->Port->Hooks : nullptr;
     // A setter on another thread may replace the hook at any moment.

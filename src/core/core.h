@@ -32,6 +32,19 @@ void XferStatusV(XferRecord *record, int32_t level, const char *format, va_list 
 // anything else is looked up); the arguments are those the message takes.
 void XferStatusMessage(XferRecord *record, int32_t level, int32_t number, ...);
 
+// A transfer has stopped once its result is not 0: a failure code, or any
+// value a host's abort hook answered with, positive ones included (the
+// entry then returns that value).
+inline bool XferStopped(const XferRecord *record) {
+    return record->Result != 0;
+}
+// The negative code a routine hands its caller once the transfer has
+// stopped: the result itself, or -605 when a host's abort hook stopped it
+// with a positive value.
+inline int32_t XferStopCode(const XferRecord *record) {
+    return record->Result < 0 ? record->Result : XferErrUserAbort;
+}
+
 // Progress callback, then the host's abort hook.  1 = stop now.  A non-zero
 // hook value becomes Result; then (not for B+) notice 28263 and (not for
 // Kermit, not for B+) XferCleanup.

@@ -53,7 +53,8 @@ class RetryClock {
     // Between tries: abort check, idle hook, a short wait, the countdown.
     // 0 to try again, else the value the writer returns.
     int32_t Pause(XferRecord *record) {
-        if (record->Result != XferErrUserAbort && XferCheckAbort(record)) return record->Result;
+        if (record->Result != XferErrUserAbort && XferCheckAbort(record))
+            return XferStopCode(record);
         const int32_t idle = CallIdle(record->Port);
         if (idle < 0) {
             record->Result = XferErrSendChar;

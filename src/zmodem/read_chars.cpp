@@ -28,7 +28,7 @@ bool IsFlowControl(int32_t c) {
 // One 8-bit character for the data readers, flow control passed over.
 int32_t ReadDataChar(XferRecord *record) {
     for (;;) {
-        if (AbortWhileIdle(record)) return record->Result;
+        if (AbortWhileIdle(record)) return XferStopCode(record);
         const int32_t c = ReadCharTimed(record->Port, kCharTimeoutMs);
         if (c < 0 || !IsFlowControl(c)) return c;
     }

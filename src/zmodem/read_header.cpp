@@ -187,7 +187,7 @@ int32_t ReadFrameHeader(XferRecord *record, int returnOnError) {
             format = GetHeaderType(record);
         } else {
             format = PortBufferEmpty;
-            if (record->Result < 0) return record->Result;
+            if (XferStopped(record)) return XferStopCode(record);
         }
         int32_t outcome;
         switch (format) {
@@ -216,7 +216,7 @@ int32_t ReadFrameHeader(XferRecord *record, int returnOnError) {
         }
         if (outcome >= 0) return outcome;
         XferStatus(record, 0, "ReadFrameHeader: Frame type %d", static_cast<int>(outcome));
-        if (record->Result < 0) return record->Result;
+        if (XferStopped(record)) return XferStopCode(record);
         record->ErrorTotal++;
         if (++record->ErrorRun >= ZmMaxErrors(record)) {
             record->Result = XferErrTooManyErrors;

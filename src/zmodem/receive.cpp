@@ -52,7 +52,7 @@ int GetFileName(XferRecord *r) {
         if (announce) {
             XferStatus(r, 0, "GetFileName: sending RINIT");
             SendHexHeader(r, zm::ZRINIT, kRinitData);
-            if (r->Result < 0) {
+            if (XferStopped(r)) {
                 XferStatus(r, 0, "GetFileName: Error sending RINIT");
                 return 0;
             }
@@ -100,7 +100,7 @@ int GetFileName(XferRecord *r) {
             }
             break;
         }
-        if (r->Result < 0) return 0;
+        if (XferStopped(r)) return 0;
     }
 }
 
@@ -133,7 +133,7 @@ void ZmodemReceive(XferRecord *r) {
             continue;
         }
         ReadFileData(r);
-        if (r->Result < 0) break;
+        if (XferStopped(r)) break;
         XferCloseFile(r);
         XferStatusMessage(r, 1, 28258);
         name[0] = 0;

@@ -67,7 +67,7 @@ enum class FrameEnd { Good, Damaged, Stop };
 FrameEnd TakeSubpackets(XferRecord *r, Pacing &pacing, FileWriter &out) {
     for (;;) {
         const int32_t end = ReadDataSubpacket(r);
-        if (r->Result < 0) return FrameEnd::Stop;
+        if (XferStopped(r)) return FrameEnd::Stop;
         if (end < 0) return FrameEnd::Damaged;
         r->ErrorRun = 0;
         pacing.Pause();
@@ -93,7 +93,7 @@ FrameEnd TakeSubpackets(XferRecord *r, Pacing &pacing, FileWriter &out) {
 void ReadFileData(XferRecord *r) {
     XferStatus(r, 0, "ReadFileData: reading name");
     SendPosHeader(r, zm::ZRPOS);
-    if (r->Result < 0) {
+    if (XferStopped(r)) {
         XferStatus(r, 0, "ReadFileData: Error sending ZRPOS");
         return;
     }
@@ -108,7 +108,7 @@ void ReadFileData(XferRecord *r) {
     for (;;) {
         if (XferCheckAbort(r)) return;
         const int32_t type = ReadFrameHeader(r, 1);
-        if (r->Result < 0) {
+        if (XferStopped(r)) {
             if (!ZmForgiveSilence(r, forgiven)) break;
             SendPosHeader(r, zm::ZRPOS); // our last ZRPOS or ZACK may have been lost
             XferStatus(r, 0, "Sending a new file offset!!!");

@@ -21,7 +21,7 @@ constexpr uint8_t kNoData[4] = {0, 0, 0, 0};
 // The transfer has failed, or an abort during a wait has already run the
 // clean-up (Buffer released): nothing more may be sent from Buffer.
 bool Ended(const XferRecord *record) {
-    return record->Result < 0 || record->Buffer == nullptr;
+    return XferStopped(record) || record->Buffer == nullptr;
 }
 
 // One more error in a row; true when that reaches the limit (Result -610).
@@ -43,7 +43,7 @@ int OpenLink(XferRecord *record) {
     }
     // ZRQINIT goes out once; a receiver that missed it announces itself
     // anyway when it starts.
-    while (record->Result >= 0) {
+    while (!XferStopped(record)) {
         const int32_t type = ReadFrameHeader(record, 0);
         if (type == zm::ZRINIT) {
             XferStatus(record, 0, "OpenLink: Got ZRINIT");
@@ -97,7 +97,7 @@ int SendFileFrame(XferRecord *record) {
     SendBinHeader(record, zm::ZFILE, data);
     if (Ended(record)) return 0;
     SendDataSubpacket(record, static_cast<uint32_t>(record->BlockSize), zm::ZCRCW);
-    if (record->Result < 0) return 0;
+    if (XferStopped(record)) return 0;
 
     for (;;) {
         const int32_t type = ReadFrameHeader(record, 0);
@@ -113,7 +113,7 @@ int SendFileFrame(XferRecord *record) {
             continue;
         default:
             XferStatus(record, 0, "SendFile: read frame type %d", static_cast<int>(type));
-            if (record->Result < 0 || CountError(record)) return 0;
+            if (XferStopped(record) || CountError(record)) return 0;
             continue;
         }
     }
@@ -122,7 +122,7 @@ int SendFileFrame(XferRecord *record) {
 int32_t CloseLink(XferRecord *record) {
     for (;;) {
         SendHexHeader(record, zm::ZFIN, kNoData);
-        if (record->Result < 0) {
+        if (XferStopped(record)) {
             XferStatusMessage(record, 1, kMsgNoClose);
             break;
         }
@@ -130,7 +130,7 @@ int32_t CloseLink(XferRecord *record) {
         if (type == zm::ZRINIT || type == zm::ZFERR) type = ReadFrameHeader(record, 0);
         if (type == zm::ZFIN) break;
         XferStatus(record, 0, "CloseLink: got %d instead of ZFIN", static_cast<int>(type));
-        if (record->Result < 0) break;
+        if (XferStopped(record)) break;
         // At the limit the next round sends ZFIN once more, posts the
         // notice and stops.
         CountError(record);
@@ -161,7 +161,7 @@ void ZmodemSend(XferRecord *record) {
             XferCloseFile(record);
         }
     }
-    if (record->Result >= 0 && record->Buffer != nullptr) CloseLink(record);
+    if (!XferStopped(record) && record->Buffer != nullptr) CloseLink(record);
     XferCleanup(record);
     if (record->FileName == shown) record->FileName = nullptr;
     if (record->Result == 0 && record->FileCount == 0) record->Result = XferErrNoFilesSent;

@@ -33,7 +33,7 @@ bool SendNextSubpacket(XferRecord *record, uint8_t streamEnd) {
     XferStatus(record, 0, "SendDataFrame: sending @%ld", static_cast<long>(record->FilePos));
     const bool frameEnd = FillDataBuffer(record) != 0 || ZmRestartPending(record) != 0;
     // A failed read has already ended the transfer and released Buffer.
-    if (record->Result < 0) return frameEnd;
+    if (XferStopped(record)) return frameEnd;
     SendDataSubpacket(record, static_cast<uint32_t>(record->BlockSize),
                       frameEnd ? zm::ZCRCW : streamEnd);
     return frameEnd;
@@ -140,7 +140,7 @@ int32_t SendDataFrame(XferRecord *record) {
 
     ZmFrameBytes(record) = 0;
     SendPosition(record, zm::ZDATA, record->FilePos);
-    if (record->Result < 0) return 0;
+    if (XferStopped(record)) return 0;
 
     // Set when a wait ended because the receiver spoke: the next round reads
     // it even when the window rule alone would not look (a frame that starts
@@ -157,7 +157,7 @@ int32_t SendDataFrame(XferRecord *record) {
         if (look) {
             int seen;
             while ((seen = BackChannel(record)) == 1) {
-                if (record->Result < 0 || XferCheckAbort(record)) return 0;
+                if (XferStopped(record) || XferCheckAbort(record)) return 0;
                 if (!window) {
                     if (!AtEnd(record)) {
                         XferStatus(record, 0, "BackChannel: backtalk ZCAN/ZPAD");
@@ -176,7 +176,7 @@ int32_t SendDataFrame(XferRecord *record) {
                 }
                 confirmed += lastOnly ? record->BlockSize : ZmChunkSize(record);
                 record->ErrorRun = 0;
-                if (record->Result < 0) return 0;
+                if (XferStopped(record)) return 0;
             }
             if (seen == 2) return 0;
             if (window && AtEnd(record)) {
@@ -208,7 +208,7 @@ int32_t SendDataFrame(XferRecord *record) {
             answerWaiting = true;
         }
 
-        if (record->Result < 0) return 0;
+        if (XferStopped(record)) return 0;
         if (frameEnd && !AtEnd(record)) return 0; // the caller reads the ZACK or ZRPOS
     }
 }
@@ -221,7 +221,7 @@ void SendFileData(XferRecord *record) {
         if (AtEnd(record) && done) break;
         int32_t type = SendDataFrame(record);
         if (record->Buffer == nullptr) return; // an abort whose clean-up has already run
-        if (record->Result < 0) {
+        if (XferStopped(record)) {
             // Ten silent seconds while watching for the receiver's answers
             // are forgiven once like those below; any other failure ends it.
             if (!ZmForgiveSilence(record, forgiven)) return;
@@ -237,7 +237,7 @@ void SendFileData(XferRecord *record) {
                 ZmRestartPending(record) = 1;
                 break;
             }
-            if (type < 0 && record->Result >= 0) {
+            if (type < 0 && !XferStopped(record)) {
                 // The receiver's answer arrived damaged (a ZRPOS or the
                 // last ZACK, most likely) and it now waits on us: offer the
                 // data again from here.  A receiver that is elsewhere
@@ -280,16 +280,16 @@ void SendFileData(XferRecord *record) {
                 break;
             }
             XferStatus(record, 0, "SendFile: frame type %d", static_cast<int>(type));
-            if (record->Result < 0) return;
+            if (XferStopped(record)) return;
             type = ReadFrameHeader(record, 1);
         }
-        if (record->Result < 0) return; // a ZACK at the end with the wrong position
+        if (XferStopped(record)) return; // a ZACK at the end with the wrong position
         if (AtEnd(record) && done) break;
     }
     SendPosition(record, zm::ZEOF, record->FilePos);
     // The answer is normally the receiver's next ZRINIT, which the next
     // file's ZFILE exchange tolerates; its type is not examined.
-    if (record->Result >= 0) ReadFrameHeader(record, 0);
+    if (!XferStopped(record)) ReadFrameHeader(record, 0);
 }
 
 } // namespace zvxfer

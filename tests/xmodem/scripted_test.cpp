@@ -176,6 +176,26 @@ TEST_F(XmodemScripted, SenderSendsBlocksAndEot) {
     EXPECT_EQ(CountStatus("File transmission complete"), 1);
 }
 
+// A host's abort hook that answers with a positive value while a write
+// waits for room stops the sender there: the value is the result, and no
+// later write of the block is tried.
+int32_t AbortWithNine(XferRecord *) {
+    return 9;
+}
+
+TEST_F(XmodemScripted, APositiveAbortAnswerWhileAWriteWaitsEndsTheSend) {
+    std::ofstream(tree_.Path("out.bin"), std::ios::binary).write("0123456789", 10);
+    std::string names = "\"" + tree_.Path("out.bin") + "\"";
+    Peer({'C'});
+    host_.RefuseWrites(1000); // the first block meets a full port
+    const XferAbortFn saved = port_->Hooks->AbortFunction;
+    port_->Hooks->AbortFunction = AbortWithNine;
+    const int32_t result = XmodemSendWithOptions(port_, names.data(), Status, nullptr, 0);
+    port_->Hooks->AbortFunction = saved;
+    EXPECT_EQ(result, 9);
+    EXPECT_EQ(CountStatus("Transfer cancelled", 1), 1);
+}
+
 TEST_F(XmodemScripted, Sender1KUsesLongBlocksAndFallsBackOnNak) {
     const Bytes data = Pattern(1000);
     std::ofstream(tree_.Path("out.bin"), std::ios::binary)

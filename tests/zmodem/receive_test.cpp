@@ -8,9 +8,9 @@
 #include <sys/stat.h>
 #include <vector>
 
-#include "temp_tree.h"
 #include "fake_clock.h"
 #include "status_log.h"
+#include "temp_tree.h"
 #include "test_host.h"
 #include "zm_wire.h"
 #include "zmodem/zmodem.h"
@@ -203,6 +203,24 @@ TEST_F(ZmodemReceiver, SenderCancelLeavesWhatArrivedAndSendsNoCancel) {
     EXPECT_EQ(ReadFile(Path("c.bin")), Pattern(1024));
     const Bytes written = host_.Written();
     EXPECT_NE(written.back(), 0x08); // no cancel string back to a sender that cancelled
+}
+
+// A host whose abort hook answers with a positive value still ends the
+// transfer at once: the value becomes the result, what arrived stays.
+int32_t AbortWithSevenOnceAFileIsOpen(XferRecord *record) {
+    return record->File != XFER_INVALID_FILE && record->FilePos > 0 ? 7 : 0;
+}
+
+TEST_F(ZmodemReceiver, APositiveAbortAnswerEndsTheTransferToo) {
+    const XferAbortFn saved = port_->Hooks->AbortFunction;
+    port_->Hooks->AbortFunction = AbortWithSevenOnceAFileIsOpen;
+    peer_.On(kRinit, ZFile(Info("p.bin", 4000)));
+    peer_.On(Rpos(0), ZData(0, {{Pattern(1024), zm::ZCRCG}})); // then the sender falls silent
+    const int32_t result = Receive();
+    port_->Hooks->AbortFunction = saved;
+    EXPECT_EQ(result, 7);
+    EXPECT_EQ(ReadFile(Path("p.bin")), Pattern(1024));
+    EXPECT_EQ(CountStatus("Transfer cancelled", 1), 1);
 }
 
 TEST_F(ZmodemReceiver, StartupFramesZsinitAndRepeatedZrqinit) {
