@@ -45,10 +45,20 @@ int GetPad(XferRecord *record) {
     intptr_t &garbage = ZmGarbageCount(record);
     cans = 0;
     int32_t silentSeconds = 0;
+    bool noise = false; // stray characters (not flow control) came in this hunt
     for (;;) {
         if (RxEmpty(port) != 0 && XferCheckAbort(record)) return 0;
         const int32_t c = ReadCharTimed(port, 1000);
         if (c < 0) {
+            // Noise and then a silent second: most likely a header that the
+            // line damaged beyond recognition (a flipped ZPAD or ZDLE), and
+            // the other side now waits for our answer.  The hunt ends as
+            // for a damaged header, so the caller answers within a second
+            // instead of both sides waiting out the silence limit.
+            if (noise) {
+                XferStatus(record, 0, "GetPad: silence after noise");
+                return 0;
+            }
             if (++silentSeconds >= kSilentSecondsLimit) {
                 XferStatusMessage(record, 1, 28296);
                 record->Result = XferErrNoFilesSent;
@@ -76,6 +86,7 @@ int GetPad(XferRecord *record) {
         } else {
             silentSeconds = 0;
             cans = 0;
+            if ((c & 0x7F) != zm::XON && (c & 0x7F) != zm::XOFF) noise = true;
             CountGarbage(record);
             if (garbage % 256 == 0 && XferCheckAbort(record)) return 0;
         }

@@ -165,7 +165,12 @@ int32_t SendDataFrame(XferRecord *record) {
                     }
                     return 0;
                 }
-                const int32_t type = ReadFrameHeader(record, 0);
+                // A damaged header comes back to the caller as well: it is
+                // most likely the receiver's ZRPOS (it then waits on us),
+                // and the caller offers the data again at once instead of
+                // both ends waiting out the silence limit.  A damaged ZACK
+                // costs no more than that offer.
+                const int32_t type = ReadFrameHeader(record, 1);
                 if (type != zm::ZACK) return type;
                 // ZACKs are counted, not read for their position: each one
                 // confirms a subpacket, the last one's own length or a chunk.
@@ -192,15 +197,22 @@ int32_t SendDataFrame(XferRecord *record) {
         }
 
         const int32_t outstanding = record->FilePos - confirmed;
+        // A restart's empty ZCRCW subpacket goes out at the end of the file
+        // too: a receiver that asked for the end position (it has every
+        // byte, but our ZEOF was lost) waits for it, and its ZACK lets the
+        // ZEOF follow.  Without it both ends repeat ZRPOS and a bare ZDATA
+        // until the error limit.
+        const bool restart = ZmRestartPending(record) != 0;
+        const bool more = !AtEnd(record) || restart;
         if (!window) {
-            if (!endWait && !AtEnd(record)) {
+            if (!endWait && more) {
                 frameEnd = SendNextSubpacket(record, zm::ZCRCG);
             } else {
                 // Everything is out: the receiver's ZACK is all that can
                 // come.  Sleep until input arrives instead of spinning.
                 plat::WaitForNewInput(kPauseMs);
             }
-        } else if ((outstanding < windowSize || outstanding == 0) && !AtEnd(record) && !endWait) {
+        } else if ((outstanding < windowSize || outstanding == 0) && more && !endWait) {
             frameEnd = SendNextSubpacket(record, zm::ZCRCQ);
         } else {
             bool failed = false;
@@ -209,13 +221,16 @@ int32_t SendDataFrame(XferRecord *record) {
         }
 
         if (XferStopped(record)) return 0;
-        if (frameEnd && !AtEnd(record)) return 0; // the caller reads the ZACK or ZRPOS
+        // The caller reads the ZACK or ZRPOS.
+        if (frameEnd && (!AtEnd(record) || restart)) return 0;
     }
 }
 
 void SendFileData(XferRecord *record) {
     record->FileCount++;
-    bool done = false;
+    // A receiver that asks for the end position already holds the whole
+    // file (crash recovery of a finished file): ZEOF follows at once.
+    bool done = record->FileSize != 0 && AtEnd(record);
     bool forgiven = false;
     while (record->FileSize != 0) { // an empty file sends no ZDATA at all
         if (AtEnd(record) && done) break;

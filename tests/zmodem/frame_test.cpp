@@ -241,10 +241,26 @@ TEST_F(ZmodemReader, FiveCansCancelInsideDataAndWhileHunting) {
     EXPECT_GE(CountStatus("Transfer cancelled by the other side", 1), 1);
 }
 
-TEST_F(ZmodemReader, TenSilentSecondsEndTheHunt) {
+// Ten silent seconds end the hunt; flow control does not shorten them.
+// Noise and then one silent second (a header damaged beyond recognition,
+// the other side waiting) end it as a damaged header, with no result set.
+TEST_F(ZmodemReader, SilenceEndsTheHuntAfterTenSecondsOrOneAfterNoise) {
+    Line({zm::XON, zm::XOFF | 0x80});
+    uint32_t start = clock_.Now();
     EXPECT_EQ(ReadFrameHeader(&record_, 0), XferErrNoFilesSent);
     EXPECT_EQ(record_.Result, XferErrNoFilesSent);
+    EXPECT_GE(clock_.Now() - start, 10000u);
     EXPECT_GE(CountStatus("No response for 10 seconds", 1), 1);
+
+    record_.Result = 0;
+    Bytes damaged = test::ZHeader(zm::ZACK, {0, 0, 0, 0}, 'B');
+    damaged[2] ^= 0x04; // the ZDLE: the rest is noise
+    Line(damaged);
+    StatusLines().clear();
+    EXPECT_EQ(ReadFrameHeader(&record_, 1), -1);
+    EXPECT_EQ(record_.Result, 0);
+    EXPECT_EQ(CountStatus("GetPad: silence after noise", 0), 1);
+    EXPECT_EQ(CountStatus("No response for 10 seconds", 1), 0);
 }
 
 TEST_F(ZmodemReader, ErrorRunReachingTheLimitGives610) {
