@@ -165,12 +165,7 @@ int32_t SendDataFrame(XferRecord *record) {
                     }
                     return 0;
                 }
-                // A damaged header comes back to the caller as well: it is
-                // most likely the receiver's ZRPOS (it then waits on us),
-                // and the caller offers the data again at once instead of
-                // both ends waiting out the silence limit.  A damaged ZACK
-                // costs no more than that offer.
-                const int32_t type = ReadFrameHeader(record, 1);
+                const int32_t type = ReadFrameHeader(record, 0);
                 if (type != zm::ZACK) return type;
                 // ZACKs are counted, not read for their position: each one
                 // confirms a subpacket, the last one's own length or a chunk.
