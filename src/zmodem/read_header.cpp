@@ -52,10 +52,12 @@ int GetPad(XferRecord *record) {
         if (c < 0) {
             // Noise and then a silent second: most likely a header that the
             // line damaged beyond recognition (a flipped ZPAD or ZDLE), and
-            // the other side now waits for our answer.  The hunt ends as
-            // for a damaged header, so the caller answers within a second
-            // instead of both sides waiting out the silence limit.
-            if (noise) {
+            // the other side now waits for our answer.  A receiver's hunt
+            // ends as for a damaged header, so it says its position within
+            // a second instead of both sides waiting out the silence limit.
+            // A sender waits on: offering data at a position the receiver
+            // did not ask for leaves some receivers (rz) waiting for good.
+            if (noise && !record->Sending) {
                 XferStatus(record, 0, "GetPad: silence after noise");
                 return 0;
             }
