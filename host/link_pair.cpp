@@ -72,8 +72,15 @@ class LinkEnd {
     void AnswerRead(PortBlock &block) {
         block.Length = 0;
         if (Cancelled(block)) return;
-        Drain(pair_.dataEvent_[1 - index_]);
-        const std::size_t n = in_.Take(rx_);
+        std::size_t n;
+        {
+            // Drained after taking and under the lock the writer signals
+            // under: a signal never outlives the bytes it announced, so an
+            // end that has read everything sleeps in its waits.
+            std::lock_guard lock(pair_.dataMutex_[1 - index_]);
+            n = in_.Take(rx_);
+            Drain(pair_.dataEvent_[1 - index_]);
+        }
         block.Data = rx_.data();
         block.Length = static_cast<uint32_t>(n);
         block.Error = (n == 0 && in_.ClosedAndDrained()) ? 1 : 0;
@@ -86,8 +93,12 @@ class LinkEnd {
         // The peer's side has hung up: like a pipe whose reader is gone.
         block.Error = in_.Closed() ? 1 : 0;
         if (block.Error != 0) return;
-        const std::size_t n = out_.Offer({block.Data, block.Length});
-        if (n != 0) Signal(pair_.dataEvent_[index_]);
+        std::size_t n;
+        {
+            std::lock_guard lock(pair_.dataMutex_[index_]);
+            n = out_.Offer({block.Data, block.Length});
+            if (n != 0) Signal(pair_.dataEvent_[index_]);
+        }
         const bool full = n < block.Length;
         block.Length = static_cast<uint32_t>(n);
         if (full == waiting_) return;

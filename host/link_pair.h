@@ -84,6 +84,7 @@ class LinkPair {
     // end watches it) and when the receiver takes bytes (the sending end
     // watches it while the line was full).
     std::array<int, 2> dataEvent_{-1, -1};
+    std::array<std::mutex, 2> dataMutex_; // orders a direction's offers and takes
     std::array<int, 2> spaceEvent_{-1, -1};
     std::array<std::atomic<bool>, 2> senderWaiting_{};
     std::atomic<bool> cancelled_{false};
