@@ -4,6 +4,7 @@ big and a tiny file, and printing the table with each row's ratio against
 the peer pairing it is compared with.
 """
 import os
+import random
 import shutil
 import socket
 import subprocess
@@ -74,6 +75,17 @@ def run_pair(send_argv, recv_argv, recv_cwd, timeout=600):
     if hung.is_set():
         return None, "hung"
     return elapsed, "exit %d/%d" % (rs, rr)
+
+
+def sample_files(work, size_mib):
+    """The benchmark's big random file and the tiny one whose time is the
+    pairing's fixed cost; both the same for every run of a seed."""
+    paths = []
+    for name, seed, size in (("bench.bin", 1, size_mib << 20), ("tiny.bin", 3, 1000)):
+        paths.append(os.path.join(work, name))
+        with open(paths[-1], "wb") as f:
+            f.write(random.Random(seed).randbytes(size))
+    return paths
 
 
 def fresh(folder):

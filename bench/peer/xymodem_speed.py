@@ -105,12 +105,7 @@ def main():
     z = os.path.abspath(args.zvxfer)
     work = tempfile.mkdtemp(prefix="zvxfer-bench-")
     try:
-        big = os.path.join(work, "bench.bin")
-        with open(big, "wb") as f:
-            f.write(random.Random(1).randbytes(args.size_mib << 20))
-        tiny = os.path.join(work, "tiny.bin")
-        with open(tiny, "wb") as f:
-            f.write(random.Random(3).randbytes(1000))
+        big, tiny = pairs.sample_files(work, args.size_mib)
         size = os.path.getsize(big)
         print_table("YMODEM", measure(z, "ymodem", big, tiny, work, args.repeat), size)
         print_table("XMODEM-1K", measure(z, "xmodem-1k", big, tiny, work, args.repeat), size)

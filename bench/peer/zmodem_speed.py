@@ -113,12 +113,7 @@ def main():
     z = os.path.abspath(args.zvxfer)
     work = tempfile.mkdtemp(prefix="zvxfer-zbench-")
     try:
-        big = os.path.join(work, "bench.bin")
-        with open(big, "wb") as f:
-            f.write(random.Random(1).randbytes(args.size_mib << 20))
-        tiny = os.path.join(work, "tiny.bin")
-        with open(tiny, "wb") as f:
-            f.write(random.Random(3).randbytes(1000))
+        big, tiny = pairs.sample_files(work, args.size_mib)
         print_table(measure(z, big, tiny, work, args.repeat), os.path.getsize(big))
         if args.loop_kib:
             efficiency(z, work, args.loop_kib)
