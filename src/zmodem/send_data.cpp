@@ -1,6 +1,8 @@
 // The ZMODEM sender's data phase: ZDATA frames streamed from the file, the
 // acknowledgement window, restarts after ZRPOS, the watch on the return
 // channel between subpackets, and ZEOF.
+#include <optional>
+
 #include "core/core.h"
 #include "platform/file.h"
 #include "platform/message.h"
@@ -60,6 +62,105 @@ int AwaitAnswer(XferRecord *record, bool &failed) {
         }
         plat::WaitForNewInput(kPauseMs);
     }
+}
+
+// Between subpackets: read what the receiver has said.  The windowed
+// sender counts its ZACKs into `confirmed`; anything else (and everything a
+// window-less sender hears) is handed to the caller.  Returns the value
+// SendDataFrame returns, or nothing to go on streaming; `endWait` is set
+// when everything is out and only the last ZACK is still to come.
+std::optional<int32_t> HearReceiver(XferRecord *record, bool window, int32_t &confirmed,
+                                    bool &endWait) {
+    int seen;
+    while ((seen = BackChannel(record)) == 1) {
+        if (XferStopped(record) || XferCheckAbort(record)) return 0;
+        if (!window) {
+            if (!AtEnd(record)) {
+                XferStatus(record, 0, "BackChannel: backtalk ZCAN/ZPAD");
+                SendDataSubpacket(record, 0, zm::ZCRCE);
+            }
+            return 0;
+        }
+        const int32_t type = ReadFrameHeader(record, 0);
+        if (type != zm::ZACK) return type;
+        // ZACKs are counted, not read for their position: each one
+        // confirms a subpacket, the last one's own length or a chunk.
+        const bool lastOnly = record->FilePos - record->BlockSize == confirmed;
+        if (AtEnd(record) && lastOnly) {
+            XferStatus(record, 0, "SendDataFrame: Received a ZACK at EOF");
+            return zm::ZACK;
+        }
+        confirmed += lastOnly ? record->BlockSize : ZmChunkSize(record);
+        record->ErrorRun = 0;
+        if (XferStopped(record)) return 0;
+    }
+    if (seen == 2) return 0;
+    if (window && AtEnd(record)) {
+        // All confirmed, or only the last subpacket's ZACK still to come:
+        // the caller reads what the receiver says next.
+        if (confirmed >= record->FilePos || confirmed == record->FilePos - record->BlockSize)
+            return 0;
+        endWait = true;
+    } else if (XferCheckAbort(record)) {
+        return 0;
+    }
+    return std::nullopt;
+}
+
+// What the sender does after the receiver's answer to a data frame.
+enum class Next { Stream, ReadAgain, Stop };
+
+// Act on the receiver's answer `type` to a data frame (negative: none came,
+// or it came damaged).  `done` is set when the receiver confirmed the end.
+Next OnAnswer(XferRecord *record, int32_t type, bool &forgiven, bool &done) {
+    if (type >= 0) forgiven = false;
+    if (type < 0 && ZmForgiveSilence(record, forgiven)) {
+        // Ten silent seconds: our last frame, or the receiver's answer,
+        // was lost; offer the data again from here.
+        ZmRestartPending(record) = 1;
+        return Next::Stream;
+    }
+    if (type < 0 && !XferStopped(record)) {
+        // The receiver's answer arrived damaged (a ZRPOS or the last ZACK,
+        // most likely) and it now waits on us: offer the data again from
+        // here.  A receiver that is elsewhere answers with its own position.
+        XferStatus(record, 0, "SendFile: frame type %d", static_cast<int>(type));
+        ZmRestartPending(record) = 1;
+        return Next::Stream;
+    }
+    if (type == zm::ZRINIT || type == zm::ZSKIP) {
+        record->Result = XferErrRemoteAbort; // the receiver gave up on the file
+        return Next::Stop;
+    }
+    if (type == zm::ZACK) {
+        XferStatus(record, 0, "SendFile: received an ACK frame");
+        record->ErrorRun = 0;
+        ZmRestartPending(record) = 0;
+        if (!AtEnd(record)) return Next::Stream;
+        const int32_t position = ZmGetPosition(ZmHeaderData(record));
+        if (position == record->FileSize) {
+            ClearRXBuffer(record->Port);
+            done = true;
+        } else if (position < record->FileSize && position >= 0) {
+            // An older ZACK (a repeated restart is answered twice): the
+            // one for the end is still to come.
+            return Next::ReadAgain;
+        } else {
+            record->Result = XferErrProtocol;
+        }
+        return Next::Stream;
+    }
+    if (type == zm::ZRPOS) {
+        record->FilePos = ZmGetPosition(ZmHeaderData(record));
+        plat::FileSeek(record->File, record->FilePos, 0);
+        XferStatus(record, 0, "SendFileData: ZRPOS location %ld",
+                   static_cast<long>(record->FilePos));
+        ZmRestartPending(record) = 1;
+        record->Port->Ops.PurgeTx(record->Port);
+        return Next::Stream;
+    }
+    XferStatus(record, 0, "SendFile: frame type %d", static_cast<int>(type));
+    return XferStopped(record) ? Next::Stop : Next::ReadAgain;
 }
 
 } // namespace
@@ -155,40 +256,7 @@ int32_t SendDataFrame(XferRecord *record) {
                           answerWaiting;
         answerWaiting = false;
         if (look) {
-            int seen;
-            while ((seen = BackChannel(record)) == 1) {
-                if (XferStopped(record) || XferCheckAbort(record)) return 0;
-                if (!window) {
-                    if (!AtEnd(record)) {
-                        XferStatus(record, 0, "BackChannel: backtalk ZCAN/ZPAD");
-                        SendDataSubpacket(record, 0, zm::ZCRCE);
-                    }
-                    return 0;
-                }
-                const int32_t type = ReadFrameHeader(record, 0);
-                if (type != zm::ZACK) return type;
-                // ZACKs are counted, not read for their position: each one
-                // confirms a subpacket, the last one's own length or a chunk.
-                const bool lastOnly = record->FilePos - record->BlockSize == confirmed;
-                if (AtEnd(record) && lastOnly) {
-                    XferStatus(record, 0, "SendDataFrame: Received a ZACK at EOF");
-                    return zm::ZACK;
-                }
-                confirmed += lastOnly ? record->BlockSize : ZmChunkSize(record);
-                record->ErrorRun = 0;
-                if (XferStopped(record)) return 0;
-            }
-            if (seen == 2) return 0;
-            if (window && AtEnd(record)) {
-                // All confirmed, or only the last subpacket's ZACK still to
-                // come: the caller reads what the receiver says next.
-                if (confirmed >= record->FilePos ||
-                    confirmed == record->FilePos - record->BlockSize)
-                    return 0;
-                endWait = true;
-            } else if (XferCheckAbort(record)) {
-                return 0;
-            }
+            if (const auto stop = HearReceiver(record, window, confirmed, endWait)) return *stop;
         }
 
         const int32_t outstanding = record->FilePos - confirmed;
@@ -239,60 +307,10 @@ void SendFileData(XferRecord *record) {
             continue;
         }
         if (type == 0) type = ReadFrameHeader(record, 1);
-        for (;;) {
-            if (type >= 0) forgiven = false;
-            if (type < 0 && ZmForgiveSilence(record, forgiven)) {
-                // Ten silent seconds: our last frame, or the receiver's
-                // answer, was lost; offer the data again from here.
-                ZmRestartPending(record) = 1;
-                break;
-            }
-            if (type < 0 && !XferStopped(record)) {
-                // The receiver's answer arrived damaged (a ZRPOS or the
-                // last ZACK, most likely) and it now waits on us: offer the
-                // data again from here.  A receiver that is elsewhere
-                // answers with its own position.
-                XferStatus(record, 0, "SendFile: frame type %d", static_cast<int>(type));
-                ZmRestartPending(record) = 1;
-                break;
-            }
-            if (type == zm::ZRINIT || type == zm::ZSKIP) {
-                record->Result = XferErrRemoteAbort; // the receiver gave up on the file
-                return;
-            }
-            if (type == zm::ZACK) {
-                XferStatus(record, 0, "SendFile: received an ACK frame");
-                record->ErrorRun = 0;
-                ZmRestartPending(record) = 0;
-                if (AtEnd(record)) {
-                    const int32_t position = ZmGetPosition(ZmHeaderData(record));
-                    if (position == record->FileSize) {
-                        ClearRXBuffer(record->Port);
-                        done = true;
-                    } else if (position < record->FileSize && position >= 0) {
-                        // An older ZACK (a repeated restart is answered
-                        // twice): the one for the end is still to come.
-                        type = ReadFrameHeader(record, 1);
-                        continue;
-                    } else {
-                        record->Result = XferErrProtocol;
-                    }
-                }
-                break;
-            }
-            if (type == zm::ZRPOS) {
-                record->FilePos = ZmGetPosition(ZmHeaderData(record));
-                plat::FileSeek(record->File, record->FilePos, 0);
-                XferStatus(record, 0, "SendFileData: ZRPOS location %ld",
-                           static_cast<long>(record->FilePos));
-                ZmRestartPending(record) = 1;
-                record->Port->Ops.PurgeTx(record->Port);
-                break;
-            }
-            XferStatus(record, 0, "SendFile: frame type %d", static_cast<int>(type));
-            if (XferStopped(record)) return;
+        Next next;
+        while ((next = OnAnswer(record, type, forgiven, done)) == Next::ReadAgain)
             type = ReadFrameHeader(record, 1);
-        }
+        if (next == Next::Stop) return;
         if (XferStopped(record)) return; // a ZACK at the end with the wrong position
         if (AtEnd(record) && done) break;
     }
