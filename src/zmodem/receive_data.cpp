@@ -88,6 +88,30 @@ FrameEnd TakeSubpackets(XferRecord *r, Pacing &pacing, FileWriter &out) {
     }
 }
 
+// The common end of a frame: go on with the next header, or ask for the
+// data again from the last good position.  A header that arrived damaged
+// may have been the ZDATA the sender now waits on, and a ZNAK says our own
+// header arrived damaged: either way the sender needs our position again,
+// or both ends would wait for each other until the silence limit.  False
+// when the error limit ends the transfer.
+bool AfterFrame(XferRecord *r, int32_t type, bool lastGood) {
+    const bool padFound = ZmHeaderFormat(r) != PortBufferEmpty;
+    const bool dataHeader = type == zm::ZDATA || type == zm::ZEOF;
+    const bool damagedHeader = padFound && (type < 0 || type == kZnak);
+    if ((lastGood || !dataHeader) && padFound && !damagedHeader) return true;
+    if (padFound && type >= 0) { // a damaged header was counted by its reader
+        r->ErrorTotal++;
+        if (++r->ErrorRun >= ZmMaxErrors(r)) {
+            r->Result = XferErrTooManyErrors;
+            return false;
+        }
+    }
+    if (r->FilePos != r->FileSize) ClearRXBuffer(r->Port);
+    SendPosHeader(r, zm::ZRPOS);
+    XferStatus(r, 0, "Sending a new file offset!!!");
+    return true;
+}
+
 } // namespace
 
 void ReadFileData(XferRecord *r) {
@@ -143,26 +167,7 @@ void ReadFileData(XferRecord *r) {
             lastGood = false;
         }
 
-        // The common end of a frame: go on with the next header, or ask
-        // for the data again from the last good position.
-        // A header that arrived damaged may have been the ZDATA the sender
-        // now waits on, and a ZNAK says our own header arrived damaged:
-        // either way the sender needs our position again, or both ends
-        // would wait for each other until the silence limit.
-        const bool padFound = ZmHeaderFormat(r) != PortBufferEmpty;
-        const bool dataHeader = type == zm::ZDATA || type == zm::ZEOF;
-        const bool damagedHeader = padFound && (type < 0 || type == kZnak);
-        if ((lastGood || !dataHeader) && padFound && !damagedHeader) continue;
-        if (padFound && type >= 0) { // a damaged header was counted by its reader
-            r->ErrorTotal++;
-            if (++r->ErrorRun >= ZmMaxErrors(r)) {
-                r->Result = XferErrTooManyErrors;
-                return;
-            }
-        }
-        if (r->FilePos != r->FileSize) ClearRXBuffer(r->Port);
-        SendPosHeader(r, zm::ZRPOS);
-        XferStatus(r, 0, "Sending a new file offset!!!");
+        if (!AfterFrame(r, type, lastGood)) return;
     }
     XferStatusMessage(r, 1, 28303);
 }
