@@ -37,6 +37,46 @@ int32_t ReadBody(XferRecord *record, int count, Read read, Step step) {
     return 0;
 }
 
+// A silent second in the hunt for ZPAD; true when the hunt ends.
+bool SilentSecond(XferRecord *record, bool noise, int32_t &silentSeconds) {
+    // Noise and then a silent second: most likely a header that the line
+    // damaged beyond recognition (a flipped ZPAD or ZDLE), and the other
+    // side now waits for our answer.  A receiver's hunt ends as for a
+    // damaged header, so it says its position within a second instead of
+    // both sides waiting out the silence limit.  A sender waits on:
+    // offering data at a position the receiver did not ask for leaves some
+    // receivers (rz) waiting for good.
+    if (noise && !record->Sending) {
+        XferStatus(record, 0, "GetPad: silence after noise");
+        return true;
+    }
+    if (++silentSeconds >= kSilentSecondsLimit) {
+        XferStatusMessage(record, 1, 28296);
+        record->Result = XferErrNoFilesSent;
+        return true;
+    }
+    return XferCheckAbort(record) != 0;
+}
+
+// A CAN in the hunt, counted with the one right after it when there is
+// one; true when the hunt ends (the fifth in a row cancels the transfer).
+bool CancelSeen(XferRecord *record, intptr_t &cans) {
+    if (++cans >= kCancelRun) {
+        record->Result = XferErrRemoteAbort;
+        XferStatusMessage(record, 1, 28297);
+        XferCleanup(record);
+        return true;
+    }
+    if (XferCheckAbort(record)) return true;
+    if (ReadCharTimed(record->Port, 120) == zm::CAN) {
+        ++cans;
+    } else {
+        CountGarbage(record);
+        cans = 0;
+    }
+    return false;
+}
+
 } // namespace
 
 int GetPad(XferRecord *record) {
@@ -50,43 +90,14 @@ int GetPad(XferRecord *record) {
         if (RxEmpty(port) != 0 && XferCheckAbort(record)) return 0;
         const int32_t c = ReadCharTimed(port, 1000);
         if (c < 0) {
-            // Noise and then a silent second: most likely a header that the
-            // line damaged beyond recognition (a flipped ZPAD or ZDLE), and
-            // the other side now waits for our answer.  A receiver's hunt
-            // ends as for a damaged header, so it says its position within
-            // a second instead of both sides waiting out the silence limit.
-            // A sender waits on: offering data at a position the receiver
-            // did not ask for leaves some receivers (rz) waiting for good.
-            if (noise && !record->Sending) {
-                XferStatus(record, 0, "GetPad: silence after noise");
-                return 0;
-            }
-            if (++silentSeconds >= kSilentSecondsLimit) {
-                XferStatusMessage(record, 1, 28296);
-                record->Result = XferErrNoFilesSent;
-                return 0;
-            }
-            if (XferCheckAbort(record)) return 0;
+            if (SilentSecond(record, noise, silentSeconds)) return 0;
             continue;
         }
         if (c == zm::ZPAD) return 1;
+        silentSeconds = 0;
         if (c == zm::CAN) {
-            silentSeconds = 0;
-            if (++cans >= kCancelRun) {
-                record->Result = XferErrRemoteAbort;
-                XferStatusMessage(record, 1, 28297);
-                XferCleanup(record);
-                return 0;
-            }
-            if (XferCheckAbort(record)) return 0;
-            if (ReadCharTimed(port, 120) == zm::CAN) {
-                ++cans;
-            } else {
-                CountGarbage(record);
-                cans = 0;
-            }
+            if (CancelSeen(record, cans)) return 0;
         } else {
-            silentSeconds = 0;
             cans = 0;
             if ((c & 0x7F) != zm::XON && (c & 0x7F) != zm::XOFF) noise = true;
             CountGarbage(record);
