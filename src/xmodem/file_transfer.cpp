@@ -66,6 +66,32 @@ int32_t WaitFinalAnswer(XferRecord *r) {
     return XferCheckAbort(r) ? kXmAborted : kXmTimedOut;
 }
 
+enum class StartSeen { Start, Stop, Retry };
+
+// What a character the sender sees while it waits for the receiver's start
+// means: NAK (checksum), 'C' (CRC) or 'G' (streaming) where accepted, two
+// CANs, or noise to discard and count.
+StartSeen OnStartChar(XferRecord *r, int32_t c) {
+    const intptr_t previous = NoteControl(r, c);
+    if (c == xm::NAK) {
+        if (XmCrcMode(r)) {
+            XferStatusMessage(r, 1, 28294);
+            XmSetCrcMode(r, false);
+        }
+        return StartSeen::Start;
+    }
+    if (c == xm::StartCrc && AcceptsCrcStart(r)) return StartSeen::Start;
+    if (c == xm::StartStreaming && XmStreaming(r)) return StartSeen::Start;
+    if (c == xm::CAN && previous == xm::CAN) {
+        r->Result = XferErrRemoteAbort;
+        XferStatusMessage(r, 1, 28293);
+        return StartSeen::Stop;
+    }
+    if (c != xm::CAN && c != xm::StartCrc && c != xm::StartStreaming && !XmDiscard(r))
+        return StartSeen::Stop;
+    return StartSeen::Retry;
+}
+
 } // namespace
 
 int XmWaitStart(XferRecord *r) {
@@ -75,23 +101,8 @@ int XmWaitStart(XferRecord *r) {
         if (c == kXmAborted) return 0;
         if (c == xm::ACK) continue; // a late answer to YMODEM's block 0
         if (c >= 0) {
-            const intptr_t previous = NoteControl(r, c);
-            if (c == xm::NAK) {
-                if (XmCrcMode(r)) {
-                    XferStatusMessage(r, 1, 28294);
-                    XmSetCrcMode(r, false);
-                }
-                return 1;
-            }
-            if (c == xm::StartCrc && AcceptsCrcStart(r)) return 1;
-            if (c == xm::StartStreaming && XmStreaming(r)) return 1;
-            if (c == xm::CAN && previous == xm::CAN) {
-                r->Result = XferErrRemoteAbort;
-                XferStatusMessage(r, 1, 28293);
-                return 0;
-            }
-            if (c != xm::CAN && c != xm::StartCrc && c != xm::StartStreaming && !XmDiscard(r))
-                return 0;
+            const StartSeen seen = OnStartChar(r, c);
+            if (seen != StartSeen::Retry) return seen == StartSeen::Start ? 1 : 0;
         }
         r->ErrorTotal++;
         if (++r->ErrorRun >= xm::kMaxErrors) {
