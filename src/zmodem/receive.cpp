@@ -37,6 +37,17 @@ void ComposeName(XferRecord *r, char *out) {
     XferReceivedName(r, received, out, "Stripped filename ");
 }
 
+// The sender's start-up request crossed our ZRINIT: pause up to 200 ms.
+// True when its answer to that ZRINIT arrived meanwhile; it is then read
+// without a second ZRINIT, which would reach the sender while it waits for
+// our answer to its ZFILE (a sender may take it for a skip).
+bool AnswerFollows(XferRecord *r) {
+    for (int32_t waited = 0; waited < kCrossedPauseMs; waited += kPauseStepMs) {
+        if (RxEmpty(r->Port) == 0 || IdleWait(r->Port, kPauseStepMs) < 0) break;
+    }
+    return RxEmpty(r->Port) == 0;
+}
+
 } // namespace
 
 void SendPosHeader(XferRecord *r, int type) {
@@ -85,19 +96,10 @@ int GetFileName(XferRecord *r) {
                 return 0;
             }
             XferStatus(r, 0, "GetFileName: frame_type=%d", static_cast<int>(type));
-            if (type == zm::ZRQINIT) {
-                // The sender's start-up request crossed our ZRINIT: pause up
-                // to 200 ms.  Its answer to that ZRINIT ends the pause as it
-                // arrives and is read without a second ZRINIT, which would
-                // reach the sender while it waits for our answer to its
-                // ZFILE (a sender may take it for a skip).
-                for (int32_t waited = 0; waited < kCrossedPauseMs; waited += kPauseStepMs) {
-                    if (RxEmpty(r->Port) == 0 || IdleWait(r->Port, kPauseStepMs) < 0) break;
-                }
-                announce = RxEmpty(r->Port) != 0;
-            } else {
+            if (type == zm::ZRQINIT)
+                announce = !AnswerFollows(r);
+            else
                 CountError(r);
-            }
             break;
         }
         if (XferStopped(r)) return 0;
