@@ -9,6 +9,7 @@
 // direction carried, on one line of standard error, and exits 0 when both
 // programs did.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -52,7 +53,7 @@ int main(int argc, char **argv) {
     using zvxfer::host::LineConfig;
     CLI::App app{"run two programs joined by a simulated line"};
     uint64_t baud = 0, seed = 1;
-    uint32_t latency = 0, timeoutS = 600;
+    uint32_t latency = 0, timeoutS = 600, graceS = 20;
     double ber = 0, drop = 0;
     std::vector<std::string> rest;
     app.add_option("--baud", baud, "line speed in bit/s, 8N1 (default: unlimited)");
@@ -61,6 +62,8 @@ int main(int argc, char **argv) {
     app.add_option("--drop", drop, "rate of lost bytes")->check(CLI::Range(0.0, 0.01));
     app.add_option("--seed", seed, "seed of the line's errors");
     app.add_option("--timeout", timeoutS, "kill both programs after this many seconds");
+    app.add_option("--grace", graceS,
+                   "kill a program this many seconds after the other one has ended");
     app.add_option("programs", rest, "-- A ... -- B ...")->required();
     app.allow_extras(false);
     app.prefix_command(false);
@@ -102,17 +105,22 @@ int main(int argc, char **argv) {
     close(sa[0]);
     close(sb[0]);
 
-    // Both programs are waited for (and killed at the time limit) while the
-    // relay runs; it ends when both sides have hung up.
+    // Both programs are waited for (and killed at the time limit, or when
+    // one outlives the other by the grace time: some programs never notice
+    // the hang-up) while the relay runs; it ends when both sides have hung up.
     std::atomic<bool> stop{false};
     int statusA = 0, statusB = 0;
     std::thread reaper([&] {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutS);
+        using Clock = std::chrono::steady_clock;
+        auto deadline = Clock::now() + std::chrono::seconds(timeoutS);
         bool doneA = false, doneB = false;
         while (!(doneA && doneB)) {
+            const bool before = doneA || doneB;
             if (!doneA && waitpid(pa, &statusA, WNOHANG) == pa) doneA = true;
             if (!doneB && waitpid(pb, &statusB, WNOHANG) == pb) doneB = true;
-            if (std::chrono::steady_clock::now() > deadline) {
+            if (!before && (doneA || doneB))
+                deadline = std::min(deadline, Clock::now() + std::chrono::seconds(graceS));
+            if (Clock::now() > deadline) {
                 kill(pa, SIGKILL);
                 kill(pb, SIGKILL);
             }
