@@ -52,7 +52,7 @@ def one_run(relay, line_args, seed, send, receive, src, out, timeout):
         return "completed", elapsed, offered
     # A program that ended with an error code failed the run, even when the
     # relay then had to kill the other one (some never notice the hang-up).
-    if any(code not in ("0",) and "signal" not in code for code in (a, b)):
+    if any(code != "0" and "signal" not in code for code in (a, b)):
         return "failed", elapsed, offered
     return "killed", elapsed, offered
 
