@@ -5,8 +5,7 @@
 # session, with nothing configured but what the installation registered.
 # Arguments: build folder, C++ compiler, extra compiler flags (sanitizers).
 set -eu
-build=$1
-cxx=$2
+build=$1 cxx=$2
 shift 2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -28,8 +27,7 @@ CPP
 "$cxx" -std=c++20 $* -I"$prefix/include" "$work/probe.cpp" "$lib" -pthread -ldl -o "$prefix/bin/probe"
 
 text_of() { awk -F '\t' '$1 == 28285 { print $2; exit }' "$prefix/share/zvxfer/zvui32.$1.nls"; }
-german=$(text_of deu)
-english=$(text_of eng)
+german=$(text_of deu) english=$(text_of eng)
 [ -n "$german" ] && [ "$german" != "$english" ] || { echo "no distinct German and English texts"; exit 1; }
 failed=0
 for case in "de_DE:$german" "en_US:$english"; do
