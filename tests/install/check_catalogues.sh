@@ -14,8 +14,7 @@ prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"
 grep -q "$prefix/share/zvxfer/zvui32.nls" "$prefix/etc/zvxfer/registry" ||
     { echo "the installed registry does not name $prefix/share/zvxfer/zvui32.nls"; exit 1; }
-lib=$(find "$prefix" -name libzvxfer.a | head -n 1)
-[ -n "$lib" ] || { echo "libzvxfer.a was not installed"; exit 1; }
+lib=$(find "$prefix" -name libzvxfer.a | grep -m 1 .) || { echo "libzvxfer.a was not installed"; exit 1; }
 mkdir -p "$prefix/bin" "$work/config"
 cat >"$work/probe.cpp" <<'CPP'
 #include <cstdio>
