@@ -1,21 +1,15 @@
 // The port made by PortOpen: link operations through the host's window
 // message, the timed helpers on the fake clock, the message pump, the hook
-// record and the default hooks, and a host loop on another thread.
+// record and the default hooks.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <cstdio>
-#include <fstream>
 #include <functional>
-#include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "core/results.h"
 #include "fake_clock.h"
-#include "platform/file.h"
 #include "platform/heap.h"
 #include "port/port.h"
 #include "test_host.h"
@@ -56,10 +50,7 @@ struct Port : ::testing::Test {
     XferPortOps &o = port->Ops;
 };
 
-TEST_F(Port, OpenFillsTheFieldsAndFixedSlotsNeverAskTheHost) {
-    EXPECT_TRUE(port->PortUserData == 7 && port->HostWindow == host.Window() &&
-                std::string(port->ReceiveFolder) == "/tmp/in/" &&
-                port->ExistingFilePolicy == XFER_EXISTING_SKIP && o.Reserved2 == nullptr);
+TEST_F(Port, FixedSlotsAnswerWithoutAskingTheHost) {
     for (auto slot : {o.Reserved1, o.Reserved3, o.Reserved4, o.Reserved5})
         EXPECT_EQ(V({slot(port, 5), port->Status}), V({PortNotSupported, PortNotSupported}));
     o.ClearError(port);
@@ -72,7 +63,6 @@ TEST_F(Port, ReadsServeTheHostsBlockAndAskOnlyWhenItIsEmpty) {
     EXPECT_EQ(V({o.PeekChar(port), o.PeekChar(port), o.RxCount(port), o.ReadChar(port),
                  o.ReadChar(port), o.ReadChar(port), o.PeekChar(port), o.RxCount(port)}),
               V({'A', 'A', 2, 'A', 'B', PortBufferEmpty, PortBufferEmpty, 0}));
-    EXPECT_EQ(host.ReadRequests(), 4);
 
     // A short read moves what there is and says -8; the next asks again.
     host.Receive("wxyz");
@@ -85,9 +75,9 @@ TEST_F(Port, ReadsServeTheHostsBlockAndAskOnlyWhenItIsEmpty) {
     host.SetChunkSize(3);
     EXPECT_EQ(V({o.ReadBuffer(port, nullptr, 0), int32_t(port->RxBlock.Length),
                  o.ReadBuffer(port, nullptr, 2), int32_t(port->Count), o.ReadChar(port),
-                 o.ReadChar(port), o.ReadChar(port)}),
-              V({0, 3, 0, 2, '3', '4', '5'}));
-    EXPECT_EQ(host.ReadRequests(), 8);
+                 o.ReadChar(port), o.ReadChar(port), host.ReadRequests()}),
+              V({0, 3, 0, 2, '3', '4', '5', 8}))
+        << "the host is asked only when the block is empty";
 
     // A lost connection fails every read with -1 but leaves Status alone.
     host.SetReadError(true);
@@ -113,14 +103,12 @@ TEST_F(Port, WritesStageTheBlockAndReportWhatTheHostTook) {
     // error ends it after one request.
     host.ClearWritten();
     host.RefuseWrites(3);
-    int asked = host.WriteRequests();
-    EXPECT_EQ(o.WriteChar(port, 'Q'), 0);
-    EXPECT_EQ(host.WriteRequests() - asked, 4);
+    EXPECT_EQ(V({o.WriteChar(port, 'Q'), host.WriteRequests()}), V({0, 3 + 4}));
     EXPECT_EQ(host.WrittenString(), "Q");
     host.SetWriteLimit(0);
     EXPECT_EQ(o.WriteChar(port, 'R'), PortBufferFull);
     host.SetWriteError(true);
-    asked = host.WriteRequests();
+    const int asked = host.WriteRequests();
     EXPECT_EQ(V({o.WriteChar(port, 'S'), port->Status, o.WriteBuffer(port, data, 5)}),
               V({PortGeneralError, PortGeneralError, PortGeneralError}));
     EXPECT_EQ(host.WriteRequests() - asked, 2);
@@ -195,36 +183,22 @@ TEST_F(Port, WriteCharTimedAndIdleWait) {
     EXPECT_EQ(IdleWait(port, 100000), -7);
 }
 
-TEST(Pump, OneMessageACallAndCloseRequestsEndIt) {
+TEST(Hooks, DefaultIdleDispatchesButHandsCloseRequestsBack) {
     static std::vector<uint32_t> seen;
     seen.clear();
     ZvHwnd w = ZvCreateWindow(
         [](ZvHwnd, uint32_t m, uintptr_t, intptr_t) -> intptr_t { return seen.push_back(m), 0; },
         nullptr);
     ZvMsg m{};
-    EXPECT_EQ(PumpMessages(0), 1); // nothing there
-    ZvPostMessage(w, ZV_WM_PAINT, 0, 0);
-    ZvPostMessage(w, ZV_WM_SYSCOMMAND, 0xF020, 0); // minimise: not a close
-    EXPECT_EQ(V({PumpMessages(5), int32_t(seen.size()), PumpMessages(5)}), V({1, 1, 1}));
-    for (uint32_t closing : {ZV_WM_CLOSE, ZV_WM_DESTROY, ZV_WM_NCDESTROY, ZV_WM_QUIT, 0u}) {
-        ZvPostMessage(w, closing ? closing : ZV_WM_SYSCOMMAND, closing ? 0 : ZV_SC_CLOSE, 0);
-        EXPECT_EQ(V({PumpMessages(5), ZvPeekMessage(&m, 0)}), V({0, 0})) << "removed: " << closing;
-    }
     // The default idle hook dispatches all but close requests, which it
     // queues again with their own parameters for the host's loop.
     EXPECT_EQ(DefaultIdle(nullptr), 0); // empty queue
-    for (uint32_t closing : {ZV_WM_CLOSE, ZV_WM_QUIT, 0u}) {
-        seen.clear();
-        ZvPostMessage(w, ZV_WM_PAINT, 0, 0);
-        ZvPostMessage(closing == ZV_WM_QUIT ? nullptr : w, closing ? closing : ZV_WM_SYSCOMMAND,
-                      closing ? 4 : ZV_SC_CLOSE, 77);
-        EXPECT_EQ(DefaultIdle(nullptr), -1) << closing;
-        EXPECT_EQ(seen, std::vector<uint32_t>{ZV_WM_PAINT});
-        ASSERT_EQ(ZvPeekMessage(&m, 1), 1);
-        EXPECT_TRUE(m.Window == (closing == ZV_WM_QUIT ? nullptr : w) && m.LParam == 77 &&
-                    m.Message == (closing ? closing : ZV_WM_SYSCOMMAND) &&
-                    m.WParam == (closing ? 4 : ZV_SC_CLOSE));
-    }
+    ZvPostMessage(w, ZV_WM_PAINT, 0, 0);
+    ZvPostMessage(w, ZV_WM_SYSCOMMAND, 0xF020, 0); // minimise: no close request
+    ZvPostMessage(w, ZV_WM_SYSCOMMAND, ZV_SC_CLOSE, 77);
+    EXPECT_EQ(V({DefaultIdle(nullptr), int32_t(seen.size()), ZvPeekMessage(&m, 1)}), V({-1, 2, 1}));
+    EXPECT_TRUE(m.Window == w && m.Message == ZV_WM_SYSCOMMAND && m.WParam == ZV_SC_CLOSE &&
+                m.LParam == 77);
     ZvDestroyWindow(w);
 }
 
@@ -263,69 +237,6 @@ TEST(Hooks, SettersBeforeOpenAreKeptAndTheLastCloseRestoresDefaults) {
         plat::SetAllocFailAfter(-1);
         EXPECT_TRUE(ThreadHooksFind() == record && record->PortRefs == 0);
     }
-}
-
-TEST(Hooks, DefaultFileOpenModesAndExclusiveAccess) {
-    const std::string path = "/tmp/zvxfer_hooks_" + std::to_string(getpid()) + ".bin";
-    const auto open = [&](const char *mode) {
-        return DefaultFileOpen(nullptr, path.c_str(), mode);
-    };
-    const auto size = [&] { return int32_t(plat::FileStat(path.c_str()).size); };
-    EXPECT_TRUE(open("rb") == XFER_INVALID_FILE && open("ab") == XFER_INVALID_FILE);
-    std::ofstream(path, std::ios::binary) << "old contents";
-    EXPECT_EQ(open("r+"), XFER_INVALID_FILE);
-    XferFile reader = open("rb");
-    // Exclusive: "wb" fails while the file is open, and must not truncate it on the way.
-    EXPECT_EQ(V({open("wb") == XFER_INVALID_FILE, size(), plat::FileClose(reader)}), V({1, 12, 1}));
-    XferFile writer = open("wb");
-    EXPECT_EQ(V({size(), int32_t(plat::FileWrite(writer, "new", 3)), plat::FileClose(writer)}),
-              V({0, 3, 1}));
-    XferFile appender = open("ab");
-    EXPECT_EQ(V({appender != XFER_INVALID_FILE, size(), plat::FileClose(appender)}), V({1, 3, 1}));
-    std::remove(path.c_str());
-}
-
-TEST(CrossThreadPort, HostLoopAndTransferThreadBothMakeProgress) {
-    ResetHooks();
-    std::string line;
-    for (int i = 0; i < 3000; ++i) line.push_back(char(i * 7));
-    std::promise<TestHost *> ready;
-    int painted = 0;
-    std::thread hostThread([&] {
-        TestHost host;
-        host.SetChunkSize(97);
-        host.SetWriteLimit(3); // partial writes: the port retries
-        host.Receive(line);
-        ready.set_value(&host);
-        for (ZvMsg msg{}; ZvGetMessage(&msg); ZvDispatchMessage(&msg))
-            painted += msg.Message == ZV_WM_PAINT;
-        EXPECT_EQ(host.WrittenString(), line);
-    });
-    TestHost *host = ready.get_future().get();
-    XferPort *port = PortOpen(0, host->Window(), "", 0);
-    for (int i = 0; i < 3000; ++i) {
-        const int32_t c = ReadCharTimed(port, 5000);
-        ASSERT_EQ(c, uint8_t(line[i])) << "at " << i;
-        ASSERT_EQ(WriteCharTimed(port, uint8_t(c), 5000), 0);
-        if (i % 300 == 0) ZvPostMessage(host->Window(), ZV_WM_PAINT, 0, 0); // the host's own
-    }
-    EXPECT_EQ(ReadCharTimed(port, 0), PortBufferEmpty);
-    ZvPostMessage(host->Window(), ZV_WM_QUIT, 0, 0);
-    hostThread.join();
-    EXPECT_EQ(painted, 10);
-
-    // A port whose host thread ended (its window left behind) does not hang.
-    std::promise<ZvHwnd> made;
-    std::thread([&] {
-        made.set_value(ZvCreateWindow(
-            [](ZvHwnd, uint32_t, uintptr_t, intptr_t) -> intptr_t { return 0; }, nullptr));
-    }).join();
-    ZvHwnd orphan = made.get_future().get();
-    port->HostWindow = orphan;
-    EXPECT_EQ(port->Ops.ReadChar(port), PortBufferEmpty);
-    EXPECT_EQ(port->Ops.WriteBuffer(port, reinterpret_cast<const uint8_t *>("x"), 1), 0);
-    EXPECT_EQ(port->Ops.PortClose(port), 0);
-    ZvDestroyWindow(orphan);
 }
 
 } // namespace
