@@ -30,8 +30,8 @@ inline Bytes Str(const std::string &s) {
     return Bytes(s.begin(), s.end());
 }
 
-// A header carrying a file position (or ZF3..ZF0 as 0xZF0ZF1ZF2ZF3 read
-// backwards); format 'A', 'B' (hex) or 'C'.
+// A header whose four data bytes are `position` (ZP0 lowest; ZF0 is ZP3,
+// ZF1 is ZP2); format 'A', 'B' (hex) or 'C'.
 inline Bytes ZHeader(int type, int32_t position, char format) {
     uint8_t data[4], out[64];
     ZmPutPosition(data, position);
