@@ -20,68 +20,71 @@ Bytes Cat(const Parts &...parts) {
     (out.insert(out.end(), parts.begin(), parts.end()), ...);
     return out;
 }
-
+// Bytes `from` to `n` of a pattern holding every value, the escaped ones often.
+inline Bytes Pattern(std::size_t n, std::size_t from = 0) {
+    Bytes data;
+    for (std::size_t i = from; i < n; ++i) data.push_back(static_cast<uint8_t>(i * 7 + i / 256));
+    return data;
+}
 inline Bytes Str(const std::string &s) {
     return Bytes(s.begin(), s.end());
 }
 
-// A header with four data bytes; format 'A', 'B' (hex) or 'C'.
-inline Bytes ZHeader(int type, const uint8_t data[4], char format) {
-    uint8_t out[64];
+// A header whose four data bytes are `position` (ZP0 lowest; ZF0 is ZP3,
+// ZF1 is ZP2); format 'A', 'B' (hex) or 'C'.
+inline Bytes ZHeader(int type, int32_t position, char format) {
+    uint8_t data[4], out[64];
+    ZmPutPosition(data, position);
     const std::size_t n = format == 'B' ? ZmFormatHexHeader(out, type, data)
                                         : ZmFormatBinHeader(out, type, data, format == 'C');
     return Bytes(out, out + n);
 }
-inline Bytes ZHeader(int type, std::initializer_list<uint8_t> data, char format) {
-    const uint8_t d[4] = {data.begin()[0], data.begin()[1], data.begin()[2], data.begin()[3]};
-    return ZHeader(type, d, format);
-}
-// A header carrying a file position.
-inline Bytes ZPosHeader(int type, int32_t position, char format) {
-    uint8_t d[4];
-    ZmPutPosition(d, position);
-    return ZHeader(type, d, format);
-}
-
 inline Bytes ZSubpacket(const Bytes &data, uint8_t end, bool crc32) {
     Bytes out(zm::kMaxSubpacketWire);
     out.resize(ZmFormatSubpacket(out.data(), data, end, crc32));
     return out;
 }
+// Hex headers both sides use to answer.
+inline Bytes Hex(int type, int32_t position = 0) {
+    return ZHeader(type, position, 'B');
+}
 
 // Plays the other side from a script: each step waits until our side has
-// written its trigger (after what earlier steps matched), then puts its
-// response on the line.  Runs inside the host's read requests.
+// written its trigger (after what earlier steps matched) and, for an idle
+// step, until it also waits (two reads with nothing written between), then
+// puts its response on the line.  Runs inside the host's read requests.
 class ScriptedPeer {
   public:
-    struct Step {
-        Bytes trigger;
-        Bytes response;
-    };
-
     explicit ScriptedPeer(TestHost &host) : host_(host) {
-        host_.OnRequest([this](TestHost &h, uintptr_t request) {
-            if (request == PORT_READ) Advance(h);
-        });
+        host_.OnRequest([this](TestHost &h, uintptr_t request) { Advance(h, request); });
     }
     ~ScriptedPeer() { host_.OnRequest(nullptr); }
 
-    void On(Bytes trigger, Bytes response) {
-        steps_.push_back({std::move(trigger), std::move(response)});
+    void On(Bytes trigger, Bytes response, bool idle = false) {
+        steps_.push_back({std::move(trigger), std::move(response), idle});
     }
-    // Steps whose trigger never came.
     std::size_t Pending() const { return steps_.size() - next_; }
+    std::vector<std::size_t> idleAt; // bytes written when each idle step answered
 
   private:
-    void Advance(TestHost &h) {
+    struct Step {
+        Bytes trigger, response;
+        bool idle;
+    };
+    void Advance(TestHost &h, uintptr_t request) {
+        const Bytes written = h.Written();
+        const bool fresh = written.size() != seen_;
+        seen_ = written.size();
+        if (request != PORT_READ) return;
+        idleReads_ = fresh ? 0 : idleReads_ + 1;
         while (next_ < steps_.size()) {
-            const Bytes written = h.Written();
             const Step &step = steps_[next_];
-            const auto from =
-                written.begin() + static_cast<long>(std::min(matched_, written.size()));
+            const auto from = written.begin() + static_cast<long>(std::min(matched_, seen_));
             const auto at =
                 std::search(from, written.end(), step.trigger.begin(), step.trigger.end());
-            if (at == written.end() && !step.trigger.empty()) return;
+            if ((at == written.end() && !step.trigger.empty()) || (step.idle && idleReads_ < 2))
+                return;
+            if (step.idle) idleAt.push_back(seen_);
             matched_ = static_cast<std::size_t>(at - written.begin()) + step.trigger.size();
             h.Receive(step.response);
             ++next_;
@@ -90,8 +93,8 @@ class ScriptedPeer {
 
     TestHost &host_;
     std::vector<Step> steps_;
-    std::size_t next_ = 0;
-    std::size_t matched_ = 0;
+    std::size_t next_ = 0, matched_ = 0, seen_ = 0;
+    int idleReads_ = 0;
 };
 
 } // namespace zvxfer::test
