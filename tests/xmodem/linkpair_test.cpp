@@ -2,97 +2,72 @@
 // end to end on a clean line, and under bit errors and dropped bytes, where a
 // transfer must either deliver the exact file or fail with a defined code in
 // bounded time, never report success with a wrong file.
+#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <random>
 #include <string>
 #include <sys/stat.h>
-#include <vector>
 
-#include "temp_tree.h"
 #include "fake_clock.h"
 #include "link_files.h"
 #include "link_pair.h"
-#include "zvxfer.h"
+#include "temp_tree.h"
 
 namespace zvxfer {
 namespace {
 
-using Bytes = test::FileBytes;
 using test::DefinedFailure;
+using test::FileBytes;
 using test::RandomBytes;
 
-struct Variant {
+constexpr struct Variant {
     const char *name;
     int32_t protocol;
     bool streaming;
-};
-
-constexpr Variant kVariants[] = {
+} kVariants[] = {
     {"xmodem", Xmodem, false}, {"xmodem-1k", Xmodem1K, false}, {"xmodem-1k-g", Xmodem1K, true},
     {"ymodem", Ymodem, false}, {"ymodem-g", Ymodem, true},
 };
 
-bool Batch(const Variant &v) {
-    return v.protocol == Ymodem;
-}
-
-// What the receiver wrote must be the original; XMODEM carries no size, so
-// it may add zero padding up to its block size.
-bool SameFile(const Bytes &original, Bytes copy, bool padded) {
-    if (padded && copy.size() > original.size()) {
-        for (std::size_t i = original.size(); i < copy.size(); ++i)
-            if (copy[i] != 0) return false;
-        copy.resize(original.size());
-    }
-    return copy == original;
-}
-
 struct Outcome {
     host::LinkResult result;
-    bool fileOk = false;
-    bool timeOk = true;
+    bool fileOk = false; // the exact file (XMODEM: plus zero padding only)
+    bool timeOk = true;  // YMODEM: the sender's time kept
 };
 
-// Send one file from end A to end B with the given variant.
-Outcome Transfer(const Variant &v, const host::LinkConfig &base, const Bytes &data, uint64_t seed) {
+Outcome Transfer(const Variant &v, host::LinkConfig config, const FileBytes &data) {
     test::TempTree tree;
-    const std::string source = tree.Path("out/source.bin");
-    std::filesystem::create_directories(tree.Path("out"));
-    std::filesystem::create_directories(tree.Path("in"));
-    std::ofstream(source, std::ios::binary).write(data.data(), static_cast<long>(data.size()));
-    struct timespec times[2] = {{1500000000, 0}, {1500000000, 0}};
+    const std::string source = tree.File("out/source.bin", std::string(data.begin(), data.end()));
+    const struct timespec times[2] = {{1500000000, 0}, {1500000000, 0}};
     utimensat(AT_FDCWD, source.c_str(), times, 0);
-
-    host::LinkConfig config = base;
-    config.seed = seed;
-    config.b.receiveFolder = tree.Path("in") + "/";
+    config.b.receiveFolder = tree.Dir("in") + "/";
     const std::string target = tree.Path("in/source.bin");
-
-    std::vector<int32_t> words;
-    if (v.streaming) words.push_back(XferOptStreaming);
-    words.push_back(XferOptEnd);
+    int32_t words[] = {v.streaming ? XferOptStreaming : XferOptEnd, XferOptEnd};
+    const bool batch = v.protocol == Ymodem;
 
     host::LinkPair link(config);
     Outcome run;
     run.result = link.Run(
         [&](XferPort *port) {
             std::string names = "\"" + source + "\"";
-            return CLFileSend(port, v.protocol, names.data(), 0, 0,
-                              CLSetFileTransferOptions(words.data()), nullptr, nullptr);
+            return CLFileSend(port, v.protocol, names.data(), 0, 0, CLSetFileTransferOptions(words),
+                              nullptr, nullptr);
         },
         [&](XferPort *port) {
             std::string name = target;
-            return CLFileReceive(port, v.protocol, name.data(), 0,
-                                 CLSetFileTransferOptions(words.data()), nullptr, nullptr);
+            return CLFileReceive(port, v.protocol, name.data(), 0, CLSetFileTransferOptions(words),
+                                 nullptr, nullptr);
         });
-    run.fileOk = SameFile(data, test::ReadFileBytes(target), !Batch(v));
-    if (Batch(v)) {
-        struct stat st {};
-        run.timeOk = stat(target.c_str(), &st) == 0 && st.st_mtime == 1500000000;
-    }
+    FileBytes copy = test::ReadFileBytes(target);
+    if (!batch && copy.size() > data.size() &&
+        std::all_of(copy.begin() + static_cast<long>(data.size()), copy.end(),
+                    [](char c) { return c == 0; }))
+        copy.resize(data.size());
+    run.fileOk = copy == data;
+    struct stat st {};
+    if (batch) run.timeOk = stat(target.c_str(), &st) == 0 && st.st_mtime == 1500000000;
     return run;
 }
 
@@ -101,14 +76,15 @@ TEST(XmodemLinkPair, EveryVariantDeliversTheExactFileOnACleanLine) {
     host::LinkConfig config;
     config.deadlineMs = 60000;
     for (std::size_t size : {1u, 896u, 897u, 70000u}) {
-        const Bytes data = RandomBytes(size, size);
+        const FileBytes data = RandomBytes(size, size);
         for (const Variant &v : kVariants) {
-            const Outcome run = Transfer(v, config, data, 1);
-            EXPECT_FALSE(run.result.timedOut) << v.name << " " << size;
-            EXPECT_EQ(run.result.a, 1) << v.name << " " << size;
-            EXPECT_EQ(run.result.b, 1) << v.name << " " << size;
-            EXPECT_TRUE(run.fileOk) << v.name << " " << size;
-            EXPECT_TRUE(run.timeOk) << v.name << " " << size;
+            SCOPED_TRACE(std::string(v.name) + " " + std::to_string(size));
+            const Outcome run = Transfer(v, config, data);
+            EXPECT_FALSE(run.result.timedOut);
+            EXPECT_EQ(run.result.a, 1);
+            EXPECT_EQ(run.result.b, 1);
+            EXPECT_TRUE(run.fileOk);
+            EXPECT_TRUE(run.timeOk);
         }
     }
 }
@@ -121,13 +97,12 @@ TEST(XmodemLinkPair, NoisyLineNeverYieldsAWrongFile) {
     config.aToB.bitErrorRate = config.bToA.bitErrorRate = 1e-5;
     config.aToB.dropRate = config.bToA.dropRate = 2e-6;
     config.deadlineMs = 120000;
-    const Bytes data = RandomBytes(200000, 7);
+    const FileBytes data = RandomBytes(200000, 7);
     int completed = 0, runs = 0;
     for (const Variant &v : kVariants) {
-        for (uint64_t seed = 1; seed <= 3; ++seed) {
-            const Outcome run = Transfer(v, config, data, seed);
-            ++runs;
-            SCOPED_TRACE(std::string(v.name) + " seed " + std::to_string(seed));
+        for (config.seed = 1; config.seed <= 3; ++config.seed, ++runs) {
+            SCOPED_TRACE(std::string(v.name) + " seed " + std::to_string(config.seed));
+            const Outcome run = Transfer(v, config, data);
             ASSERT_FALSE(run.result.timedOut);
             if (run.result.b >= 1) {
                 EXPECT_TRUE(run.fileOk) << "success reported with a wrong file";
@@ -140,8 +115,8 @@ TEST(XmodemLinkPair, NoisyLineNeverYieldsAWrongFile) {
             }
         }
     }
-    // The acknowledged variants recover from damaged blocks: most runs of
-    // them must complete (the streaming ones may give up at the first error).
+    // The acknowledged variants recover from damaged blocks: most runs must
+    // complete (the streaming ones may give up at the first error).
     EXPECT_GE(completed, runs / 2) << completed << " of " << runs << " completed";
 }
 

@@ -1,35 +1,28 @@
-// The XMODEM engine against a scripted peer: the peer's bytes are queued in a
-// test host up front and everything our side puts on the line is compared
-// byte for byte.  A scaled clock lets the multi-second waits pass quickly.
-#include <algorithm>
+// XMODEM and YMODEM against a scripted peer: the peer's bytes are queued in a
+// test host up front and everything our side writes is compared byte for
+// byte (a scaled clock lets the waits pass quickly); and the block codecs.
+#include <atomic>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
-#include <utility>
+#include <sys/stat.h>
 #include <vector>
 
 #include "fake_clock.h"
 #include "status_log.h"
 #include "temp_tree.h"
 #include "test_host.h"
-#include "wire_blocks.h"
 #include "xmodem/xmodem.h"
-#include "zvxfer.h"
 
 namespace zvxfer {
 namespace {
 
-using test::Bytes;
-using test::FakeClock;
-using test::TempTree;
-using test::TestHost;
-
-constexpr uint8_t ACK = 0x06, NAK = 0x15, EOT = 0x04, CAN = 0x18;
-
-using test::CountStatus;
+using Bytes = std::vector<uint8_t>;
 using test::StatusLines;
+using test::TestHost;
+constexpr uint8_t ACK = 0x06, NAK = 0x15, EOT = 0x04, CAN = 0x18;
 constexpr auto Status = &test::CollectStatus;
 
 Bytes Pattern(std::size_t n, uint8_t seed = 1) {
@@ -38,208 +31,381 @@ Bytes Pattern(std::size_t n, uint8_t seed = 1) {
     return data;
 }
 
-Bytes Block(uint8_t number, Bytes data, bool crc = true, std::size_t size = 128) {
-    return test::WireBlock(number, std::move(data), crc, size);
+Bytes Cat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const auto &p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
 }
-using test::Cat;
+
+// A block as a peer puts it on the line: data padded with zeros, then the
+// CRC-16 (high byte first) or the checksum.
+Bytes Block(uint8_t number, Bytes data, bool crc = true, std::size_t size = 128) {
+    data.resize(size, 0);
+    Bytes out = Cat(
+        {{static_cast<uint8_t>(size == 128 ? 1 : 2), number, static_cast<uint8_t>(~number)}, data});
+    const uint16_t c = Crc16Block(static_cast<uint32_t>(size), 0, data.data());
+    if (crc) return Cat({out, {static_cast<uint8_t>(c >> 8), static_cast<uint8_t>(c)}});
+    return Cat({out, {XmChecksum(data)}});
+}
+
+Bytes Block0(const std::string &text) {
+    return Block(0, Bytes(text.begin(), text.end()));
+}
+
+Bytes Part(const Bytes &data, std::size_t from, std::size_t to) {
+    return Bytes(data.begin() + static_cast<long>(from), data.begin() + static_cast<long>(to));
+}
 
 Bytes ReadFile(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
-class XmodemScripted : public ::testing::Test {
+void WriteFile(const std::string &path, const Bytes &data, time_t mtime = 0) {
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char *>(data.data()), static_cast<long>(data.size()));
+    const struct timespec times[2] = {{mtime, 0}, {mtime, 0}};
+    if (mtime != 0) utimensat(AT_FDCWD, path.c_str(), times, 0);
+}
+
+TEST(XmodemCodec, Crc16AndChecksum) {
+    const auto *digits = reinterpret_cast<const uint8_t *>("123456789");
+    EXPECT_EQ(Crc16Block(9, 0, digits), 0x31C3);
+    const uint8_t framed[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9', 0x31, 0xC3};
+    EXPECT_EQ(Crc16Block(11, 0, framed), 0); // data and its CRC check to zero
+    // The block routine takes eight bytes per step: every length, alignment
+    // and starting value must give what the byte-wise update gives.
+    const Bytes data = Pattern(1100, 3);
+    for (uint32_t offset : {0u, 1u, 7u})
+        for (uint32_t length = 0; length <= 1029; length += (length < 40 ? 1 : 97))
+            for (uint16_t start : {0, 0xFFFF, 0x1D0F}) {
+                uint16_t slow = start;
+                for (uint32_t i = 0; i < length; ++i) slow = Crc16Update(slow, data[offset + i]);
+                ASSERT_EQ(Crc16Block(length, start, data.data() + offset), slow)
+                    << "length " << length << " offset " << offset << " start " << start;
+            }
+    EXPECT_EQ(XmChecksum(Bytes{'a', 'b', 'c'}), 0x26);
+    EXPECT_EQ(XmChecksum(Bytes(128, 0xFF)), static_cast<uint8_t>(128 * 0xFF));
+}
+
+TEST(XmodemCodec, Block0FormatAndParse) {
+    uint8_t block[128];
+    const std::string expected = std::string("report.txt") + '\0' + "1000 13727410000 0";
+    ASSERT_EQ(YmFormatBlock0(block, "report.txt", 1000, 1600000000), expected.size());
+    Bytes padded(expected.begin(), expected.end());
+    padded.resize(128, 0);
+    EXPECT_EQ(Bytes(block, block + 128), padded);
+    Block0Facts f = YmParseBlock0(block);
+    EXPECT_EQ(f.size, 1000);
+    EXPECT_EQ(f.modTime, 1600000000);
+    // A name too long for the block is cut and leaves no size or time.
+    EXPECT_EQ(YmFormatBlock0(block, std::string(140, 'n').c_str(), 5, 7), 128u);
+    f = YmParseBlock0(block);
+    EXPECT_EQ(f.size, 0);
+    EXPECT_EQ(f.modTime, -1);
+    const struct {
+        std::string text;
+        int32_t size, time;
+    } table[] = {{std::string("a\0"
+                              "42",
+                              4),
+                  42, -1},
+                 {std::string("a\0", 2), 0, -1},
+                 {std::string("a\0"
+                              "7 0 0",
+                              7),
+                  7, 0}};
+    for (const auto &t : table) {
+        uint8_t b[128] = {};
+        std::copy(t.text.begin(), t.text.end(), b);
+        f = YmParseBlock0(b);
+        EXPECT_EQ(f.size, t.size) << t.text;
+        EXPECT_EQ(f.modTime, t.time) << t.text;
+    }
+}
+
+class Scripted : public ::testing::Test {
   protected:
     void SetUp() override {
         StatusLines().clear();
+        Open(tree_.Folder());
+    }
+    void TearDown() override { port_->Ops.PortClose(port_); }
+    void Open(const std::string &folder) {
+        if (port_) port_->Ops.PortClose(port_);
+        folder_ = folder;
         port_ = PortOpen(0, host_.Window(), folder_.c_str(), XFER_EXISTING_OVERWRITE);
         ASSERT_NE(port_, nullptr);
     }
-    void TearDown() override { port_->Ops.PortClose(port_); }
+    std::string Names(const std::string &file) { return "\"" + tree_.Path(file) + "\""; }
 
-    void Peer(const Bytes &bytes) { host_.Receive(bytes); }
-    std::string Target() { return tree_.Path("in.bin"); }
-
-    FakeClock clock_{FakeClock::Scaled{1000}};
-    TempTree tree_;
-    std::string folder_ = tree_.Folder();
+    test::FakeClock clock_{test::FakeClock::Scaled{1000}};
+    test::TempTree tree_;
+    std::string folder_;
     TestHost host_;
     XferPort *port_ = nullptr;
 };
 
-TEST_F(XmodemScripted, ReceiverAsksWithCAcknowledgesEachBlockAndKeepsPadding) {
-    const Bytes data = Pattern(200);
-    Peer(Cat({Block(1, Bytes(data.begin(), data.begin() + 128)),
-              Block(2, Bytes(data.begin() + 128, data.end())),
-              {EOT}}));
-    std::string name = Target();
-    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), 1);
-    EXPECT_EQ(host_.Written(), (Bytes{'C', ACK, ACK, ACK}));
-    Bytes expected = data;
-    expected.resize(256, 0); // XMODEM carries no size: the padding stays
-    EXPECT_EQ(ReadFile(Target()), expected);
-    EXPECT_EQ(CountStatus("End of file, cleaning up"), 1);
+using Entry = int32_t (*)(XferPort *, char *, XferStatusFn, XferProgressFn, ...);
+
+// Start character by option (C, NAK, G), damage and repeats, the fall-back
+// from CRC to checksum, CAN CAN; each run's wire bytes, result and file.
+TEST_F(Scripted, XmodemReceiverExchanges) {
+    const Bytes data = Pattern(200), one = Pattern(128), two = Pattern(128, 9);
+    Bytes damaged = Block(1, one);
+    damaged[50] ^= 0x01;
+    const Bytes padded = Cat({data, Bytes(56, 0)}); // XMODEM carries no size
+    const struct {
+        const char *what;
+        Entry entry;
+        int32_t option;
+        Bytes peer, written;
+        int32_t result;
+        Bytes file;
+    } table[] = {
+        {"crc",
+         XmodemReceiveWithOptions,
+         0,
+         Cat({Block(1, Part(data, 0, 128)), Block(2, Part(data, 128, 200)), {EOT}}),
+         {'C', ACK, ACK, ACK},
+         1,
+         padded},
+        {"checksum",
+         XmodemReceiveWithOptions,
+         XferOptChecksum,
+         Cat({Block(1, one, false), {EOT}}),
+         {NAK, ACK, ACK},
+         1,
+         one},
+        {"1k-g",
+         Xmodem1KReceiveWithOptions,
+         XferOptStreaming,
+         Cat({Block(1, Pattern(1024), true, 1024), Block(2, one, true, 1024), {EOT}}),
+         {'G', ACK},
+         1,
+         Cat({Pattern(1024), one, Bytes(896, 0)})},
+        // A damaged first block gets the start request again; a repeat is
+        // acknowledged and dropped.
+        {"damage",
+         XmodemReceiveWithOptions,
+         0,
+         Cat({damaged, Block(1, one), Block(1, one), Block(2, two), {EOT}}),
+         {'C', 'C', ACK, ACK, ACK, ACK},
+         1,
+         Cat({one, two})},
+        // From the third unanswered request on it asks for checksum blocks.
+        {"silence",
+         XmodemReceiveWithOptions,
+         0,
+         {},
+         Cat({{'C', 'C', 'C'}, Bytes(8, NAK), test::kCancelBytes}),
+         XferErrPacketTimeout,
+         {}},
+        {"can can",
+         XmodemReceiveWithOptions,
+         0,
+         {CAN, CAN},
+         Cat({{'C', 'C'}, test::kCancelBytes}),
+         XferErrRemoteAbort,
+         {}},
+        {"blocks then can can", XmodemReceiveWithOptions, 0,
+         Cat({Block(1, one), Block(2, two), {CAN, CAN}}),
+         Cat({{'C', ACK, ACK, NAK}, test::kCancelBytes}), XferErrRemoteAbort, Cat({one, two})},
+    };
+    for (const auto &t : table) {
+        SCOPED_TRACE(t.what);
+        host_.ClearWritten();
+        std::filesystem::remove(tree_.Path("in.bin"));
+        host_.Receive(t.peer);
+        std::string name = tree_.Path("in.bin");
+        EXPECT_EQ(t.entry(port_, name.data(), Status, nullptr, t.option, 0), t.result);
+        EXPECT_EQ(host_.Written(), t.written);
+        if (!t.file.empty()) {
+            EXPECT_EQ(ReadFile(name), t.file);
+        }
+    }
 }
 
-// A file the host opened so that every write fails.
+// Blocks are answered and gathered; a failed write comes to light before the
+// EOT is answered, so the sender gets the cancel string instead of an ACK.
 XferFile OpenUnwritable(XferRecord *, const char *, const char *) {
     return open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
 
-TEST_F(XmodemScripted, DataTheFileCannotTakeEndsTheTransferBeforeItsEndIsAcknowledged) {
+TEST_F(Scripted, XmodemReceiverFileFaultsAndSkipPolicy) {
     SetXferFileOpenFunctionPtr(OpenUnwritable);
-    Peer(Cat({Block(1, Pattern(128)), Block(2, Pattern(128)), {EOT}}));
-    std::string name = Target();
+    host_.Receive(Cat({Block(1, Pattern(128)), Block(2, Pattern(128)), {EOT}}));
+    std::string name = tree_.Path("in.bin");
     EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), XferErrFileIo);
-    // Blocks are answered and gathered; the failed write comes to light
-    // before the EOT is answered, so the sender is told with the cancel
-    // string instead of seeing its file acknowledged.
     EXPECT_EQ(host_.Written(), Cat({{'C', ACK, ACK}, test::kCancelBytes}));
-}
+    SetXferFileOpenFunctionPtr(nullptr);
 
-TEST_F(XmodemScripted, ReceiverStartCharacterFollowsOptions) {
-    std::string name = Target();
-    Peer(Cat({Block(1, Pattern(10), false), {EOT}}));
-    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 1008, 0), 1);
-    EXPECT_EQ(host_.Written(), (Bytes{NAK, ACK, ACK}));
-
-    // Streaming 1K: 'G', no answer per block, EOT still acknowledged.
     host_.ClearWritten();
-    Peer(Cat({Block(1, Pattern(1024), true, 1024), Block(2, Pattern(5), true, 1024), {EOT}}));
-    EXPECT_EQ(Xmodem1KReceiveWithOptions(port_, name.data(), Status, nullptr, 1011, 0), 1);
-    EXPECT_EQ(host_.Written(), (Bytes{'G', ACK}));
-    EXPECT_EQ(ReadFile(Target()).size(), 2048u);
-}
-
-TEST_F(XmodemScripted, ReceiverRejectsDamageAndDropsRepeats) {
-    Bytes damaged = Block(1, Pattern(128));
-    damaged[50] ^= 0x01;
-    Peer(Cat(
-        {damaged, Block(1, Pattern(128)), Block(1, Pattern(128)), Block(2, Pattern(3)), {EOT}}));
-    std::string name = Target();
-    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), 1);
-    // A damaged first block is answered with the start request again; then
-    // good block: ACK; repeat: ACK and dropped; block 2; EOT.
-    EXPECT_EQ(host_.Written(), (Bytes{'C', 'C', ACK, ACK, ACK, ACK}));
-    EXPECT_EQ(ReadFile(Target()).size(), 256u);
-    EXPECT_EQ(CountStatus("Duplicate block 2"), 1);
-}
-
-TEST_F(XmodemScripted, ReceiverFallsBackToChecksumThenGivesUp) {
-    std::string name = Target();
-    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0),
-              XferErrPacketTimeout);
-    Bytes expected{'C', 'C', 'C'};
-    expected.insert(expected.end(), 8, NAK); // from the third miss on: checksum mode
-    expected.insert(expected.end(), test::kCancelBytes.begin(), test::kCancelBytes.end());
-    EXPECT_EQ(host_.Written(), expected);
-}
-
-TEST_F(XmodemScripted, TwoCansEndTheTransferWithTheCancelString) {
-    Peer({CAN, CAN});
-    std::string name = Target();
-    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), XferErrRemoteAbort);
-    // The first CAN is counted and answered; the second ends the transfer.
-    EXPECT_EQ(host_.Written(), Cat({{'C', 'C'}, test::kCancelBytes}));
-}
-
-TEST_F(XmodemScripted, AFileEndedByTheSenderKeepsTheBlocksReceived) {
-    const Bytes one = Pattern(128), two = Pattern(128);
-    Peer(Cat({Block(1, one), Block(2, two), {CAN, CAN}}));
-    std::string name = Target();
-    EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), XferErrRemoteAbort);
-    EXPECT_EQ(ReadFile(Target()), Cat({one, two}));
-}
-
-TEST_F(XmodemScripted, ReceiverWithSkipPolicyAcknowledgesButWritesNothing) {
     port_->ExistingFilePolicy = XFER_EXISTING_SKIP;
-    const std::string existing = tree_.File("in.bin", "keep");
-    Peer(Cat({Block(1, Pattern(128)), {EOT}}));
-    std::string name = existing;
+    tree_.File("in.bin", "keep");
+    host_.Receive(Cat({Block(1, Pattern(128)), {EOT}}));
     EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), Status, nullptr, 0), 1);
     EXPECT_EQ(host_.Written(), (Bytes{'C', ACK, ACK}));
-    EXPECT_EQ(ReadFile(existing), (Bytes{'k', 'e', 'e', 'p'}));
+    EXPECT_EQ(ReadFile(name), (Bytes{'k', 'e', 'e', 'p'}));
 }
 
-TEST_F(XmodemScripted, SenderSendsBlocksAndEot) {
-    const Bytes data = Pattern(200);
-    std::ofstream(tree_.Path("out.bin"), std::ios::binary)
-        .write(reinterpret_cast<const char *>(data.data()), static_cast<long>(data.size()));
-    Peer({'C', ACK, ACK, ACK});
-    std::string names = "\"" + tree_.Path("out.bin") + "\"";
-    EXPECT_EQ(XmodemSendWithOptions(port_, names.data(), Status, nullptr, 0), 1);
-    EXPECT_EQ(host_.Written(), Cat({Block(1, Bytes(data.begin(), data.begin() + 128)),
-                                    Block(2, Bytes(data.begin() + 128, data.end())),
-                                    {EOT}}));
-    EXPECT_EQ(CountStatus("Sending block 1"), 1);
-    EXPECT_EQ(CountStatus("Sending block 2"), 1);
-    EXPECT_EQ(CountStatus("File transmission complete"), 1);
+// Blocks by size and by the start character, EOT repeated ten times, and an
+// empty file or an unknown option refused.
+TEST_F(Scripted, XmodemSenderExchanges) {
+    const Bytes data = Pattern(200), k = Pattern(1000), abc = {'a', 'b', 'c'};
+    const struct {
+        const char *what;
+        Entry entry;
+        Bytes file, peer;
+        int32_t option, value;
+        Bytes written;
+        int32_t result;
+    } table[] = {
+        {"crc",
+         XmodemSendWithOptions,
+         data,
+         {'C', ACK, ACK, ACK},
+         0,
+         0,
+         Cat({Block(1, Part(data, 0, 128)), Block(2, Part(data, 128, 200)), {EOT}}),
+         1},
+        {"1k",
+         Xmodem1KSendWithOptions,
+         k,
+         {'C', ACK, ACK},
+         0,
+         0,
+         Cat({Block(1, k, true, 1024), {EOT}}),
+         1},
+        {"1k checksum",
+         Xmodem1KSendWithOptions,
+         k,
+         {NAK, ACK, ACK},
+         0,
+         0,
+         Cat({Block(1, k, false, 1024), {EOT}}),
+         1},
+        {"eot unanswered",
+         XmodemSendWithOptions,
+         abc,
+         {'C', ACK},
+         XferOptSendTimeout,
+         2000,
+         Cat({Block(1, abc), Bytes(10, EOT), test::kCancelBytes}),
+         XferErrTooManyErrors},
+        {"empty", XmodemSendWithOptions, {}, {'C'}, 0, 0, test::kCancelBytes, XferErrFileIo},
+        {"unknown option",
+         XmodemSendWithOptions,
+         {},
+         {},
+         XferOptSubfolders,
+         0,
+         {},
+         PortInvalidParameter},
+    };
+    for (const auto &t : table) {
+        SCOPED_TRACE(t.what);
+        host_.ClearWritten();
+        StatusLines().clear();
+        WriteFile(tree_.Path("out.bin"), t.file);
+        host_.Receive(t.peer);
+        std::string names = Names("out.bin");
+        EXPECT_EQ(t.entry(port_, names.data(), Status, nullptr, t.option, t.value, 0), t.result);
+        EXPECT_EQ(host_.Written(), t.written);
+        if (t.result == PortInvalidParameter) {
+            EXPECT_TRUE(StatusLines().empty());
+        }
+    }
 }
 
-// A host's abort hook that answers with a positive value while a write
-// waits for room stops the sender there: the value is the result, and no
-// later write of the block is tried.
+// A positive answer of the abort hook while a write waits for room ends the
+// send with that value, and no later write of the block is tried.
 int32_t AbortWithNine(XferRecord *) {
     return 9;
 }
 
-TEST_F(XmodemScripted, APositiveAbortAnswerWhileAWriteWaitsEndsTheSend) {
-    std::ofstream(tree_.Path("out.bin"), std::ios::binary).write("0123456789", 10);
-    std::string names = "\"" + tree_.Path("out.bin") + "\"";
-    Peer({'C'});
-    host_.RefuseWrites(1000); // the first block meets a full port
+TEST_F(Scripted, PositiveAbortAnswerWhileAWriteWaitsEndsTheSend) {
+    WriteFile(tree_.Path("out.bin"), Pattern(10));
+    std::string names = Names("out.bin");
+    host_.Receive(Bytes{'C'});
+    host_.RefuseWrites(1000);
     const XferAbortFn saved = port_->Hooks->AbortFunction;
     port_->Hooks->AbortFunction = AbortWithNine;
-    const int32_t result = XmodemSendWithOptions(port_, names.data(), Status, nullptr, 0);
+    EXPECT_EQ(XmodemSendWithOptions(port_, names.data(), Status, nullptr, 0), 9);
     port_->Hooks->AbortFunction = saved;
-    EXPECT_EQ(result, 9);
-    EXPECT_EQ(CountStatus("Transfer cancelled", 1), 1);
+    EXPECT_EQ(test::CountStatus("Transfer cancelled", 1), 1);
 }
 
-TEST_F(XmodemScripted, Sender1KUsesLongBlocksAndFallsBackOnNak) {
+TEST_F(Scripted, YmodemReceiverNamesSizesAndStampsEachFile) {
     const Bytes data = Pattern(1000);
-    std::ofstream(tree_.Path("out.bin"), std::ios::binary)
-        .write(reinterpret_cast<const char *>(data.data()), static_cast<long>(data.size()));
-    std::string names = "\"" + tree_.Path("out.bin") + "\"";
-    Peer({'C', ACK, ACK});
-    EXPECT_EQ(Xmodem1KSendWithOptions(port_, names.data(), Status, nullptr, 0), 1);
-    EXPECT_EQ(host_.Written(), Cat({Block(1, data, true, 1024), {EOT}}));
+    host_.Receive(Cat({Block0(std::string("dir\\sub/report.txt") + '\0' + "1000 13727410000 0"),
+                       Block(1, data, true, 1024),
+                       {EOT},
+                       Block0("")}));
+    EXPECT_EQ(YmodemReceiveWithOptions(port_, nullptr, nullptr, 0), 1);
+    EXPECT_EQ(host_.Written(), (Bytes{'C', ACK, 'C', ACK, ACK, 'C', ACK}));
+    EXPECT_EQ(ReadFile(tree_.Path("report.txt")), data) << "cut to the announced size";
+    struct stat st {};
+    ASSERT_EQ(stat(tree_.Path("report.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mtime, 1600000000);
 
-    // A receiver that asks with NAK gets checksum blocks.
-    host_.ClearWritten();
-    StatusLines().clear();
-    names = "\"" + tree_.Path("out.bin") + "\"";
-    Peer({NAK, ACK, ACK});
-    EXPECT_EQ(Xmodem1KSendWithOptions(port_, names.data(), Status, nullptr, 0), 1);
-    EXPECT_EQ(host_.Written(), Cat({Block(1, data, false, 1024), {EOT}}));
+    // A folder without its '/' is a prefix of the names; a streaming sender
+    // that hangs up for the answer to the batch-ending block 0 leaves a good
+    // batch (writes: G, ACK, G, ACK, G, then the line is gone).
+    Open(tree_.Dir("in"));
+    host_.Receive(
+        Cat({Block0(std::string("g.bin") + '\0' + "5"), Block(1, Pattern(5)), {EOT}, Block0("")}));
+    int writes = 0;
+    host_.OnRequest([&writes](TestHost &h, uintptr_t request) {
+        if (request == PORT_WRITE && ++writes == 6) h.SetWriteError(true);
+    });
+    EXPECT_EQ(YmodemReceiveWithOptions(port_, nullptr, nullptr, XferOptStreaming, 0), 1);
+    EXPECT_EQ(ReadFile(tree_.Path("ing.bin")), Pattern(5));
 }
 
-TEST_F(XmodemScripted, SenderRefusesEmptyFilesAndUnknownOptions) {
-    tree_.File("empty.bin", "");
-    std::string names = "\"" + tree_.Path("empty.bin") + "\"";
-    Peer({'C'});
-    EXPECT_EQ(XmodemSendWithOptions(port_, names.data(), Status, nullptr, 0), XferErrFileIo);
-    EXPECT_EQ(host_.Written(), test::kCancelBytes);
-
-    host_.ClearWritten();
-    StatusLines().clear();
-    names = "\"" + tree_.Path("empty.bin") + "\"";
-    EXPECT_EQ(XmodemSendWithOptions(port_, names.data(), Status, nullptr, 1009, 0),
-              PortInvalidParameter);
-    EXPECT_TRUE(host_.Written().empty());
-    EXPECT_TRUE(StatusLines().empty());
+// The host's abort hook in the zvxfer program turns a lost line into a
+// failure; this one does the same once the test has hung the line up.
+std::atomic<bool> g_hungUp{false};
+int32_t LostLineIsAFailure(XferRecord *) {
+    return g_hungUp ? XferErrLostCarrier : 0;
 }
 
-TEST_F(XmodemScripted, UnansweredEotIsRepeatedTenTimes) {
-    tree_.File("out.bin", "abc");
-    std::string names = "\"" + tree_.Path("out.bin") + "\"";
-    Peer({'C', ACK});
-    EXPECT_EQ(XmodemSendWithOptions(port_, names.data(), Status, nullptr, 1016, 2000, 0),
-              XferErrTooManyErrors);
-    EXPECT_EQ(CountStatus("File transmission complete"), 10);
-    const Bytes written = host_.Written();
-    const Bytes tail(written.end() - 30, written.end());
-    EXPECT_EQ(tail, Cat({Bytes(10, EOT), test::kCancelBytes}));
+TEST_F(Scripted, YmodemSenderPutsBlock0BeforeEachFileAndEndsWithAnEmptyOne) {
+    const Bytes data = Pattern(1000);
+    WriteFile(tree_.Path("report.txt"), data, 1600000000);
+    host_.Receive(Bytes{'C', ACK, 'C', ACK, ACK, 'C', ACK});
+    std::string names = Names("report.txt");
+    EXPECT_EQ(YmodemSendWithOptions(port_, names.data(), nullptr, nullptr, 0), 1);
+    const Bytes batch = Cat({Block0(std::string("report.txt") + '\0' + "1000 13727410000 0"),
+                             Block(1, data, true, 1024),
+                             {EOT},
+                             Block0("")});
+    EXPECT_EQ(host_.Written(), batch);
+
+    // No file at all: only the batch end, and a silent receiver after it
+    // counts as done.
+    host_.ClearWritten();
+    host_.Receive(Bytes{'C'});
+    names = Names("nothing*");
+    EXPECT_EQ(YmodemSendWithOptions(port_, names.data(), nullptr, nullptr, 0), 0);
+    EXPECT_EQ(host_.Written(), Block0(""));
+
+    // A receiver that hangs up while the sender waits for the answer to the
+    // batch end leaves a good batch and no cancel string.
+    host_.ClearWritten();
+    host_.Receive(Bytes{'C', ACK, 'C', ACK, ACK, 'C'});
+    host_.OnRequest([](TestHost &h, uintptr_t request) {
+        if (request == PORT_READ && h.Unread() == 0) {
+            h.SetReadError(true);
+            g_hungUp = true;
+        }
+    });
+    SetAbortXferFunctionPtr(LostLineIsAFailure);
+    names = Names("report.txt");
+    EXPECT_EQ(YmodemSendWithOptions(port_, names.data(), nullptr, nullptr, 0), 1);
+    SetAbortXferFunctionPtr(nullptr);
+    EXPECT_TRUE(g_hungUp);
+    EXPECT_EQ(host_.Written(), batch);
 }
 
 } // namespace
