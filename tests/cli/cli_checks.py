@@ -7,7 +7,6 @@
 #
 # usage: cli_checks.py ZVXFER CASE      (CASE "list" prints the case names)
 import os
-import random
 import re
 import select
 import signal
@@ -16,14 +15,9 @@ import sys
 import tempfile
 import time
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-from case_runner import Failure, run_cases  # noqa: E402
+from case_runner import Failure, check, make_file, run_cases  # noqa: E402
 
 SOH, STX, EOT, ACK, CAN = 0x01, 0x02, 0x04, 0x06, 0x18
-
-
-def check(cond, what):
-    if not cond:
-        raise Failure(what)
 
 
 def crc16(data):
@@ -42,7 +36,7 @@ def block(number, payload, size):
 
 
 class Far:
-    """The far end of zvxfer's line: its stdin and stdout as pipes."""
+    # The far end of zvxfer's line: its stdin and stdout as pipes.
 
     def __init__(self, argv):
         self.err = tempfile.TemporaryFile()
@@ -53,8 +47,8 @@ class Far:
         self.proc.stdin.write(data)
 
     def read(self, n=None, timeout=15):
-        """Exactly n bytes (None: all until zvxfer closes its output, then its exit
-        status), or a failure at the deadline."""
+        # Exactly n bytes (None: all until zvxfer closes its output, then its exit
+        # status), or a failure at the deadline.
         out, end = bytearray(), time.monotonic() + timeout
         while n is None or len(out) < n:
             ready, _, _ = select.select([self.proc.stdout], [], [], max(end - time.monotonic(), 0))
@@ -83,13 +77,6 @@ def run(argv, timeout=60):
     except subprocess.TimeoutExpired:
         raise Failure("%s did not end within %d s" % (" ".join(argv), timeout))
     return r.returncode, r.stdout, r.stderr.decode(errors="replace")
-
-
-def make_file(folder, name, size, seed):
-    path = os.path.join(folder, name)
-    with open(path, "wb") as f:
-        f.write(random.Random(seed).randbytes(size))
-    return path
 
 
 def case_usage_errors_exit_2(z, work):
@@ -123,8 +110,8 @@ def case_silent_peer_fails_with_code(z, work):
 
 
 def case_stdout_carries_only_protocol_bytes(z, work):
-    """XMODEM-1K with progress and trace lines on: every byte on stdout belongs
-    to a block or the final EOT."""
+    # XMODEM-1K with progress and trace lines on: every byte on stdout belongs
+    # to a block or the final EOT.
     f = make_file(work, "f.bin", 5000, 4)
     far = Far([z, "send", "-p", "xmodem-1k", "-v", f])
     try:

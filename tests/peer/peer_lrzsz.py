@@ -34,8 +34,8 @@ def case_xmodem_from_peer(c: Case):
 
 
 def batch(c: Case, empty=True):
-    """Over 1 MiB random, a small file, a name with blanks (and an empty file:
-    our sender refuses those)."""
+    # Over 1 MiB random, a small file, a name with blanks (and an empty file:
+    # our sender refuses those).
     return ([make_file(c.src, "big.bin", (1 << 20) + 3001, 1), make_file(c.src, "small.txt", 517, 2),
              make_file(c.src, "name with blanks.dat", 4100, 3)] +
             [make_file(c.src, "empty.txt", 0)] * empty)

@@ -76,8 +76,8 @@ def case_zmodem_skip_existing(c: Case):
 
 
 def case_zmodem_noisy_both_ways(c: Case):
-    """Each run through a line with bit errors either delivers the exact file
-    or ends with a defined failure; nobody reports a wrong file good."""
+    # Each run through a line with bit errors either delivers the exact file
+    # or ends with a defined failure; nobody reports a wrong file good.
     relay = os.path.join(os.path.dirname(c.z), "zvxfer-line-relay")
     check(os.path.exists(relay), "no %s next to the program" % relay)
     f = make_file(c.src, "noisy.bin", 150000, 21)

@@ -2,7 +2,6 @@
 # (crossed pipes or a pty pair) under a deadline, so a stuck peer fails a
 # test instead of hanging it; test files; the checks on received files.
 import os
-import random
 import shutil
 import subprocess
 import sys
@@ -10,13 +9,11 @@ import time
 import tty
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-from case_runner import Failure, run_cases  # noqa: E402
-
-MTIME = 1614860000  # a fixed time in the past, so a kept time cannot be "now"
+from case_runner import MTIME, Failure, make_file, run_cases  # noqa: E402,F401
 
 
 class Run:
-    """One side: exit status (None while running), killed at the deadline, stderr."""
+    # One side: exit status (None while running), killed at the deadline, stderr.
 
     def __init__(self, name, argv, fd_in, fd_out, cwd, workdir, setsid=False):
         self.name, self.rc, self.killed = name, None, False
@@ -31,8 +28,8 @@ class Run:
 
 
 def _finish(runs, deadline_s, linger_s):
-    """Waits for both runs; once one has ended the other gets linger_s more
-    seconds, and nobody gets past the deadline."""
+    # Waits for both runs; once one has ended the other gets linger_s more
+    # seconds, and nobody gets past the deadline.
     end, first_done = time.monotonic() + deadline_s, None
     while True:
         for r in runs:
@@ -52,7 +49,7 @@ def _finish(runs, deadline_s, linger_s):
 
 
 def pipes(a_argv, b_argv, workdir, cwd_b=None, deadline_s=60, linger_s=15):
-    """A's stdout feeds B's stdin and B's stdout feeds A's stdin."""
+    # A's stdout feeds B's stdin and B's stdout feeds A's stdin.
     a2b_r, a2b_w = os.pipe()
     b2a_r, b2a_w = os.pipe()
     runs = [Run("A", a_argv, b2a_r, a2b_w, None, workdir),
@@ -63,9 +60,9 @@ def pipes(a_argv, b_argv, workdir, cwd_b=None, deadline_s=60, linger_s=15):
 
 
 def pty_pair(tty_argv, master_argv, workdir, deadline_s=120, linger_s=15):
-    """tty_argv on the slave side of a raw pty, master_argv on the master side;
-    both ends stay open until both are done, as a terminal program keeps its
-    line up after a transfer command ends."""
+    # tty_argv on the slave side of a raw pty, master_argv on the master side;
+    # both ends stay open until both are done, as a terminal program keeps its
+    # line up after a transfer command ends.
     master, slave = os.openpty()
     tty.setraw(slave)
     try:
@@ -100,19 +97,9 @@ def peer(name):
     return path
 
 
-def make_file(folder, name, size, seed=None, pattern=None):
-    """Random bytes from `seed`, or `pattern` repeated; the fixed time."""
-    path = os.path.join(folder, name)
-    with open(path, "wb") as f:
-        f.write(random.Random(seed).randbytes(size) if pattern is None else
-                (pattern * (size // max(len(pattern), 1) + 1))[:size])
-    os.utime(path, (MTIME, MTIME))
-    return path
-
-
 def same(original, copy, runs, block=0):
-    """The copy is the original with its time; with block > 0 (XMODEM, no size,
-    no time) it may end with up to one block of SUB or NUL padding."""
+    # The copy is the original with its time; with block > 0 (XMODEM, no size,
+    # no time) it may end with up to one block of SUB or NUL padding.
     check(os.path.exists(copy), "no file %s was written" % copy, runs)
     with open(original, "rb") as a, open(copy, "rb") as b:
         a, b = a.read(), b.read()
