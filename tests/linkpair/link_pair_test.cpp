@@ -195,22 +195,6 @@ TEST(SimLine, BitErrorsFollowTheRateAndTheSeed) {
     EXPECT_NE(run(43), first);
 }
 
-TEST(SimLine, DroppedBytesFollowTheRateAndTheRestArriveInOrder) {
-    TestLine t([&](LineConfig &c) { c.dropRate = 0.01; });
-    const Bytes data = Pattern(100'000);
-    ASSERT_EQ(t.line.Offer(data), data.size());
-    const Bytes got = t.TakeAll();
-    const auto counters = t.line.Counters();
-    EXPECT_EQ(counters.delivered, got.size());
-    EXPECT_EQ(counters.dropped, data.size() - got.size());
-    EXPECT_NEAR(static_cast<double>(counters.dropped), 1000.0, 100.0);
-    std::size_t j = 0; // what arrives is a subsequence of what was sent
-    for (uint8_t b : got) {
-        while (j < data.size() && data[j] != b) ++j;
-        ASSERT_LT(j++, data.size());
-    }
-}
-
 TEST(SimLine, StallsHoldDeliveryBack) {
     // Every 100 bytes on the wire the line stops for 500 ms.
     TestLine t([&](LineConfig &c) {
