@@ -1,109 +1,130 @@
-# Runs two transfer programs joined as one line: crossed pipes, a pty pair or
-# a socket pair.  Every run has a deadline; a program still running at the
-# deadline is killed and the run reported as hung, so a stuck peer fails a
-# test instead of hanging it.
+# What the peer tests share: two transfer programs joined as one line
+# (crossed pipes or a pty pair) under a deadline, so a stuck peer fails a
+# test instead of hanging it; test files; the checks on received files.
 import os
-import pty
-import socket
+import shutil
 import subprocess
+import sys
 import time
 import tty
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+from case_runner import MTIME, Failure, make_file, run_cases  # noqa: E402,F401
+
 
 class Run:
-    """What one side did: exit status (None if it had to be killed) and stderr."""
+    # One side: exit status (None while running), killed at the deadline, stderr.
 
-    def __init__(self, name, proc, err_path):
-        self.name = name
-        self.proc = proc
-        self.err_path = err_path
-        self.rc = None
-        self.killed = False
+    def __init__(self, name, argv, fd_in, fd_out, cwd, workdir, setsid=False):
+        self.name, self.rc, self.killed = name, None, False
+        self.err_path = os.path.join(workdir, name + ".stderr")
+        with open(self.err_path, "wb") as err:
+            self.proc = subprocess.Popen(argv, stdin=fd_in, stdout=fd_out, stderr=err, cwd=cwd,
+                                         start_new_session=setsid)
 
     def stderr(self):
         with open(self.err_path, "rb") as f:
             return f.read().decode(errors="replace")
 
 
-def _spawn(name, argv, fd_in, fd_out, cwd, workdir, setsid=False):
-    err_path = os.path.join(workdir, name + ".stderr")
-    err = open(err_path, "wb")
-    # The peers expect the signals a terminal program leaves them with.
-    proc = subprocess.Popen(argv, stdin=fd_in, stdout=fd_out, stderr=err, cwd=cwd,
-                            start_new_session=setsid)
-    err.close()
-    return Run(name, proc, err_path)
-
-
 def _finish(runs, deadline_s, linger_s):
-    """Waits for all runs; after the first one ends the others get linger_s more
-    seconds, and nobody gets past the overall deadline."""
-    end = time.monotonic() + deadline_s
-    first_done = None
+    # Waits for both runs; once one has ended the other gets linger_s more
+    # seconds, and nobody gets past the deadline.
+    end, first_done = time.monotonic() + deadline_s, None
     while True:
         for r in runs:
-            if r.rc is None and not r.killed:
-                code = r.proc.poll()
-                if code is not None:
-                    r.rc = code
-        pending = [r for r in runs if r.rc is None and not r.killed]
-        if not pending:
-            return runs
+            r.rc = r.proc.poll() if r.rc is None else r.rc
+        pending = [r for r in runs if r.rc is None]
         now = time.monotonic()
-        if first_done is None and len(pending) < len(runs):
+        if pending and first_done is None and len(pending) < len(runs):
             first_done = now
-        limit = end if first_done is None else min(end, first_done + linger_s)
-        if now >= limit:
-            for r in pending:
-                r.proc.kill()
-                r.proc.wait()
-                r.killed = True
-            return runs
-        time.sleep(0.01)
+        if pending and now < (end if first_done is None else min(end, first_done + linger_s)):
+            time.sleep(0.01)
+            continue
+        for r in pending:
+            r.proc.kill()
+            r.proc.wait()
+            r.killed = True
+        return runs
 
 
-def pipes(a_argv, b_argv, workdir, cwd_a=None, cwd_b=None, deadline_s=60, linger_s=15):
-    """A's stdout feeds B's stdin and B's stdout feeds A's stdin."""
+def pipes(a_argv, b_argv, workdir, cwd_b=None, deadline_s=60, linger_s=15):
+    # A's stdout feeds B's stdin and B's stdout feeds A's stdin.
     a2b_r, a2b_w = os.pipe()
     b2a_r, b2a_w = os.pipe()
-    a = _spawn("A", a_argv, b2a_r, a2b_w, cwd_a, workdir)
-    b = _spawn("B", b_argv, a2b_r, b2a_w, cwd_b, workdir)
+    runs = [Run("A", a_argv, b2a_r, a2b_w, None, workdir),
+            Run("B", b_argv, a2b_r, b2a_w, cwd_b, workdir)]
     for fd in (a2b_r, a2b_w, b2a_r, b2a_w):
         os.close(fd)
-    return _finish([a, b], deadline_s, linger_s)
+    return _finish(runs, deadline_s, linger_s)
 
 
-def pty_pair(tty_argv, master_argv, workdir, cwd_tty=None, cwd_master=None, deadline_s=60,
-             linger_s=15):
-    """tty_argv runs on the slave side of a fresh pty (raw, 8 bit, as a terminal
-    program leaves it), master_argv on the master side.  We hold both ends open
-    until both programs are done, as a terminal program keeps its line up after
-    a transfer command ends: one side's exit is no hang-up for the other."""
+def pty_pair(tty_argv, master_argv, workdir, deadline_s=120, linger_s=15):
+    # tty_argv on the slave side of a raw pty, master_argv on the master side;
+    # both ends stay open until both are done, as a terminal program keeps its
+    # line up after a transfer command ends.
     master, slave = os.openpty()
     tty.setraw(slave)
     try:
-        a = _spawn("tty", tty_argv, slave, slave, cwd_tty, workdir, setsid=True)
-        b = _spawn("master", master_argv, master, master, cwd_master, workdir)
-        return _finish([a, b], deadline_s, linger_s)
+        return _finish([Run("tty", tty_argv, slave, slave, None, workdir, setsid=True),
+                        Run("master", master_argv, master, master, None, workdir)],
+                       deadline_s, linger_s)
     finally:
         os.close(slave)
         os.close(master)
 
 
-def socket_pair(a_argv, b_argv, workdir, cwd_a=None, cwd_b=None, deadline_s=600, linger_s=30):
-    """Both programs read and write their end of one socket pair."""
-    sa, sb = socket.socketpair()
-    a = _spawn("A", a_argv, sa.fileno(), sa.fileno(), cwd_a, workdir)
-    b = _spawn("B", b_argv, sb.fileno(), sb.fileno(), cwd_b, workdir)
-    sa.close()
-    sb.close()
-    return _finish([a, b], deadline_s, linger_s)
-
-
 def describe(runs):
-    lines = []
+    return "\n".join("%s %s (%s); stderr:\n%s" % (
+        r.name, " ".join(map(str, r.proc.args)),
+        "killed at the deadline" if r.killed else "exit %s" % r.rc, r.stderr().strip())
+        for r in runs or [])
+
+
+def check(cond, what, runs=None):
+    if not cond:
+        raise Failure(what + "\n" + describe(runs))
+
+
+def check_exits(runs):
     for r in runs:
-        state = "killed at the deadline" if r.killed else "exit %s" % r.rc
-        lines.append("%s %s (%s); stderr:\n%s" % (r.name, " ".join(map(str, r.proc.args)),
-                                                  state, r.stderr().strip()))
-    return "\n".join(lines)
+        check(not r.killed and r.rc == 0, "%s did not end well" % r.name, runs)
+
+
+def peer(name):
+    path = shutil.which(name) or shutil.which("l" + name)
+    check(path, "the peer program %s (Debian package lrzsz) is not installed" % name)
+    return path
+
+
+def same(original, copy, runs, block=0):
+    # The copy is the original with its time; with block > 0 (XMODEM, no size,
+    # no time) it may end with up to one block of SUB or NUL padding.
+    check(os.path.exists(copy), "no file %s was written" % copy, runs)
+    with open(original, "rb") as a, open(copy, "rb") as b:
+        a, b = a.read(), b.read()
+    pad = b[len(a):]
+    check(b[:len(a)] == a and len(pad) <= block and not pad.strip(b"\x1a\0"),
+          "%s (%d bytes) is not the original (%d bytes)" % (copy, len(b), len(a)), runs)
+    check(block or int(os.stat(copy).st_mtime) == MTIME, "%s lost its time" % copy, runs)
+
+
+class Case:
+    def __init__(self, zvxfer, work):
+        self.z, self.work = zvxfer, work
+        self.src, self.out = os.path.join(work, "src"), os.path.join(work, "out")
+        os.mkdir(self.src)
+        os.mkdir(self.out)
+
+    def copy(self, original):
+        return os.path.join(self.out, os.path.basename(original))
+
+
+def main(peers, prefix):
+    cases = {n[5:]: f for n, f in vars(sys.modules["__main__"]).items() if n.startswith("case_")}
+
+    def run(case, zvxfer, work):
+        for p in peers:
+            peer(p)  # a missing peer program fails every case with a clear message
+        case(Case(zvxfer, work))
+    return run_cases(cases, prefix, run)

@@ -2,17 +2,36 @@
 #   SCRIPT ZVXFER CASE   run one case in a fresh work folder (kept on failure)
 #   SCRIPT - list        print the case names, one a line (CTest registers them)
 import os
+import random
 import shutil
 import sys
 import tempfile
+
+
+MTIME = 1614860000  # a fixed time in the past, so a kept time cannot be "now"
 
 
 class Failure(Exception):
     pass
 
 
+def check(cond, what):
+    if not cond:
+        raise Failure(what)
+
+
+def make_file(folder, name, size, seed=None, pattern=None):
+    # Random bytes from `seed`, or `pattern` repeated; the fixed time.
+    path = os.path.join(folder, name)
+    with open(path, "wb") as f:
+        f.write(random.Random(seed).randbytes(size) if pattern is None else
+                (pattern * (size // max(len(pattern), 1) + 1))[:size])
+    os.utime(path, (MTIME, MTIME))
+    return path
+
+
 def run_cases(cases, prefix, run):
-    """`cases` maps names to case functions; `run(case, zvxfer, work)` calls one."""
+    # `cases` maps names to case functions; `run(case, zvxfer, work)` calls one.
     if len(sys.argv) != 3:
         print("usage: %s ZVXFER CASE" % os.path.basename(sys.argv[0]), file=sys.stderr)
         return 2

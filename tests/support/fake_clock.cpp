@@ -22,43 +22,29 @@ std::atomic<uint64_t> gReads{0};
 Steady::time_point gOrigin;
 
 uint32_t ScaledPart() {
-    const uint32_t factor = gFactor.load();
-    if (factor == 0) return 0;
     const auto us =
         std::chrono::duration_cast<std::chrono::microseconds>(Steady::now() - gOrigin).count();
-    return static_cast<uint32_t>(static_cast<uint64_t>(us) * factor / 1000);
-}
-
-uint32_t Peek() {
-    return gOffset.load() + ScaledPart();
+    return static_cast<uint32_t>(static_cast<uint64_t>(us) * gFactor.load() / 1000);
 }
 
 uint32_t ReadTick() {
     gReads.fetch_add(1);
-    const uint32_t step = gStep.load();
-    const uint32_t offset = step != 0 ? gOffset.fetch_add(step) : gOffset.load();
-    return offset + ScaledPart();
+    return gOffset.fetch_add(gStep.load()) + ScaledPart();
 }
 
-void Install(uint32_t start, uint32_t factor) {
+} // namespace
+
+FakeClock::FakeClock(uint32_t start) : FakeClock(Scaled{0}, start) {}
+
+FakeClock::FakeClock(Scaled scaled, uint32_t start) {
     // Two fake clocks at once would fight over the one process clock.
     if (gActive.exchange(true)) std::abort();
     gOrigin = Steady::now();
     gOffset = start;
     gStep = 0;
-    gFactor = factor;
+    gFactor = scaled.factor;
     gReads = 0;
     plat::SetTickSource(ReadTick);
-}
-
-} // namespace
-
-FakeClock::FakeClock(uint32_t start) {
-    Install(start, 0);
-}
-
-FakeClock::FakeClock(Scaled scaled, uint32_t start) {
-    Install(start, scaled.factor);
 }
 
 FakeClock::~FakeClock() {
@@ -79,7 +65,7 @@ void FakeClock::SetStepPerRead(uint32_t ms) {
 }
 
 uint32_t FakeClock::Now() const {
-    return Peek();
+    return gOffset.load() + ScaledPart();
 }
 
 uint64_t FakeClock::Reads() const {

@@ -14,19 +14,10 @@ TestHost::~TestHost() {
 
 intptr_t TestHost::Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam) {
     auto *host = static_cast<TestHost *>(ZvGetWindowUserData(window));
-    {
-        std::lock_guard lock(host->mutex_);
-        ++host->messages_;
-        if (message != XferPortMessage) host->others_.push_back(message);
-    }
+    host->Locked([&] { ++host->messages_; });
     if (message != XferPortMessage || lParam == 0) return 0;
     // The hook runs without the lock so that it may use the setters.
-    RequestHook hook;
-    {
-        std::lock_guard lock(host->mutex_);
-        hook = host->hook_;
-    }
-    if (hook) hook(*host, wParam);
+    if (RequestHook hook = host->Locked([&] { return host->hook_; })) hook(*host, wParam);
     auto &block = *reinterpret_cast<PortBlock *>(lParam);
     if (wParam == PORT_READ) host->AnswerRead(block);
     if (wParam == PORT_WRITE) host->AnswerWrite(block);
@@ -67,82 +58,7 @@ void TestHost::AnswerWrite(PortBlock &block) {
 }
 
 void TestHost::Receive(std::span<const uint8_t> bytes) {
-    std::lock_guard lock(mutex_);
-    incoming_.insert(incoming_.end(), bytes.begin(), bytes.end());
-}
-
-void TestHost::Receive(std::string_view text) {
-    Receive(std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size()));
-}
-
-void TestHost::SetChunkSize(std::size_t bytes) {
-    std::lock_guard lock(mutex_);
-    chunkSize_ = bytes;
-}
-
-std::size_t TestHost::Unread() const {
-    std::lock_guard lock(mutex_);
-    return incoming_.size() - handedOver_;
-}
-
-void TestHost::SetWriteLimit(std::size_t bytes) {
-    std::lock_guard lock(mutex_);
-    writeLimit_ = bytes;
-}
-
-void TestHost::RefuseWrites(int count) {
-    std::lock_guard lock(mutex_);
-    refuseWrites_ = count;
-}
-
-std::vector<uint8_t> TestHost::Written() const {
-    std::lock_guard lock(mutex_);
-    return written_;
-}
-
-std::string TestHost::WrittenString() const {
-    std::lock_guard lock(mutex_);
-    return std::string(written_.begin(), written_.end());
-}
-
-void TestHost::ClearWritten() {
-    std::lock_guard lock(mutex_);
-    written_.clear();
-}
-
-void TestHost::SetReadError(bool lost) {
-    std::lock_guard lock(mutex_);
-    readError_ = lost;
-}
-
-void TestHost::SetWriteError(bool lost) {
-    std::lock_guard lock(mutex_);
-    writeError_ = lost;
-}
-
-void TestHost::OnRequest(RequestHook hook) {
-    std::lock_guard lock(mutex_);
-    hook_ = std::move(hook);
-}
-
-int TestHost::ReadRequests() const {
-    std::lock_guard lock(mutex_);
-    return reads_;
-}
-
-int TestHost::WriteRequests() const {
-    std::lock_guard lock(mutex_);
-    return writes_;
-}
-
-int TestHost::Messages() const {
-    std::lock_guard lock(mutex_);
-    return messages_;
-}
-
-std::vector<uint32_t> TestHost::OtherMessages() const {
-    std::lock_guard lock(mutex_);
-    return others_;
+    Locked([&] { incoming_.insert(incoming_.end(), bytes.begin(), bytes.end()); });
 }
 
 } // namespace zvxfer::test

@@ -13,7 +13,7 @@
 // port reports as -9), set the Error flag on reads or writes (a lost
 // connection), run a callback on every request (to feed bytes as a peer
 // would, advance a fake clock, or post messages).  Every message the window
-// gets is counted; messages other than the port message are recorded.
+// gets is counted.
 //
 // The setters and getters may be called from any thread; the window's
 // procedure runs on the owner thread (directly, or inside that thread's
@@ -37,6 +37,12 @@ inline const std::vector<uint8_t> kCancelBytes = {
     0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8};
 
 class TestHost {
+    template <class F>
+    auto Locked(F f) const {
+        std::lock_guard lock(mutex_);
+        return f();
+    }
+
   public:
     // Called on the owner thread for every PORT_READ / PORT_WRITE before the
     // host answers it; wParam tells which.  May call the host's setters.
@@ -52,32 +58,58 @@ class TestHost {
     // --- receive side ---
     // Append bytes that PORT_READ will hand over.
     void Receive(std::span<const uint8_t> bytes);
-    void Receive(std::string_view text);
+    void Receive(std::string_view text) {
+        Receive(std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size()));
+    }
     // Largest number of bytes handed over per PORT_READ (0: all there are).
-    void SetChunkSize(std::size_t bytes);
+    void SetChunkSize(std::size_t bytes) {
+        Locked([&] { chunkSize_ = bytes; });
+    }
     // Bytes received but not yet handed over.
-    std::size_t Unread() const;
+    std::size_t Unread() const {
+        return Locked([&] { return incoming_.size() - handedOver_; });
+    }
 
     // --- transmit side ---
     // Accept at most `bytes` of each PORT_WRITE (SIZE_MAX: all; 0: none).
-    void SetWriteLimit(std::size_t bytes);
+    void SetWriteLimit(std::size_t bytes) {
+        Locked([&] { writeLimit_ = bytes; });
+    }
     // Accept nothing for the next `count` writes, then go back to the limit.
-    void RefuseWrites(int count);
-    std::vector<uint8_t> Written() const;
-    std::string WrittenString() const;
-    void ClearWritten();
+    void RefuseWrites(int count) {
+        Locked([&] { refuseWrites_ = count; });
+    }
+    std::vector<uint8_t> Written() const {
+        return Locked([&] { return written_; });
+    }
+    std::string WrittenString() const {
+        return Locked([&] { return std::string(written_.begin(), written_.end()); });
+    }
+    void ClearWritten() {
+        Locked([&] { written_.clear(); });
+    }
 
     // --- faults ---
-    void SetReadError(bool lost);
-    void SetWriteError(bool lost);
-    void OnRequest(RequestHook hook);
+    void SetReadError(bool lost) {
+        Locked([&] { readError_ = lost; });
+    }
+    void SetWriteError(bool lost) {
+        Locked([&] { writeError_ = lost; });
+    }
+    void OnRequest(RequestHook hook) {
+        Locked([&] { hook_ = std::move(hook); });
+    }
 
     // --- counters ---
-    int ReadRequests() const;
-    int WriteRequests() const;
-    int Messages() const; // every message the procedure saw
-    // Messages other than XferPortMessage, in arrival order.
-    std::vector<uint32_t> OtherMessages() const;
+    int ReadRequests() const {
+        return Locked([&] { return reads_; });
+    }
+    int WriteRequests() const {
+        return Locked([&] { return writes_; });
+    }
+    int Messages() const {
+        return Locked([&] { return messages_; });
+    } // every message seen
 
   private:
     static intptr_t Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam);
@@ -99,7 +131,6 @@ class TestHost {
     int reads_ = 0;
     int writes_ = 0;
     int messages_ = 0;
-    std::vector<uint32_t> others_;
 };
 
 } // namespace zvxfer::test
