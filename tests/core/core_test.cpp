@@ -45,7 +45,6 @@ template <uint32_t StepMs>
 struct Rec : ::testing::Test {
     Rec() : clock(0xFFFF0000u) {
         clock.SetStepPerRead(StepMs);
-        StatusLines().clear();
         record.File = XFER_INVALID_FILE; // a zeroed File would be descriptor 0
         Fresh(Xmodem, false);
     }
@@ -62,6 +61,7 @@ struct Rec : ::testing::Test {
         record.FileTime = -1;
         record.Protocol = protocol;
         record.StatusCallback = &test::CollectStatus;
+        StatusLines().clear();
         return !init || XferInit(&record) == 1;
     }
     void Abort(int32_t answer) {
@@ -113,32 +113,23 @@ TEST_F(CoreRecord, AbortCheckAsksTheHookOnlyWhileRunningAndAnyVerdictStops) {
     EXPECT_EQ(
         V({running, XferCheckAbort(&record), calls_, progress, int32_t(StatusLines().size())}),
         V({0, 0, 1, 2, 0}));
-    // A verdict, positive too, stops: notice 28263 (not B+) and the
-    // clean-up (not Kermit, not B+).
+    // XferInit asks last.  A verdict, positive too, stops: notice 28263 (not
+    // B+) and the clean-up (not Kermit, not B+).
     const int32_t cases[][2] = {{Ascii, -605}, {Ymodem, 3}, {Kermit, -605}, {CompuServeBPlus, -8}};
     for (const auto &[protocol, answer] : cases) {
-        answer_ = 0; // XferInit asks too
-        ASSERT_TRUE(Fresh(int8_t(protocol)));
-        StatusLines().clear();
-        answer_ = answer;
+        ASSERT_TRUE(Fresh(int8_t(protocol), false));
+        Abort(answer);
         EXPECT_EQ(
-            V({XferCheckAbort(&record), record.Result, CountStatus("", 1),
-               record.Buffer == nullptr}),
-            V({1, answer, protocol != CompuServeBPlus, protocol == Ascii || protocol == Ymodem}))
+            V({XferInit(&record), record.Result, CountStatus("", 1), record.Buffer == nullptr}),
+            V({0, answer, protocol != CompuServeBPlus, protocol == Ascii || protocol == Ymodem}))
             << protocol;
     }
-}
-
-TEST_F(CoreRecord, InitFailsWithoutBufferOrOnAnAbort) {
+    ASSERT_TRUE(Fresh(Ascii, false));
     plat::SetAllocFailAfter(0);
     const int ok = XferInit(&record);
     plat::SetAllocFailAfter(-1);
     EXPECT_EQ(V({ok, record.Result, CountStatus("Failed to allocate XFER buffer(s)")}),
               V({0, -601, 1}));
-    ASSERT_TRUE(Fresh(Ascii, false));
-    Abort(-605);
-    EXPECT_EQ(V({XferInit(&record), record.Result, record.Buffer == nullptr}), V({0, -605, 1}))
-        << "the abort ran the clean-up";
 }
 
 TEST_F(Cleanup, FailureSendsTheCancelStringSettlesAndDrains) {
@@ -294,7 +285,6 @@ struct OpenFile : Rec<100> {
     ~OpenFile() override { record.FileName = nullptr; } // not the clean-up's to release
     void Receive(const std::string &name, int32_t policy) {
         ASSERT_TRUE(Fresh(Xmodem));
-        StatusLines().clear();
         host.ClearWritten();
         port->ExistingFilePolicy = policy;
         record.FileName = std::strcpy(name_, name.c_str()); // room for the free-name counter
@@ -357,9 +347,6 @@ TEST_F(OpenFile, CloseWritesGatheredDataAndStampsTheFileTime) {
     EXPECT_EQ(st.st_mtime, -86400);
 }
 
-// What an XMODEM receiver accepts: the "all" codes plus the checksum flag.
-constexpr int32_t kXmodemReceive[] = {1006, 1007, 1008, 1027};
-
 V Collect(int first, ...) {
     va_list args;
     va_start(args, first);
@@ -368,22 +355,20 @@ V Collect(int first, ...) {
     return words;
 }
 
-TEST(OptionList, ReaderRefusesEndsSkipsAndTakesValues) {
+// An unknown code refused with -7 is checked through the XMODEM entries.
+TEST(OptionList, ReaderEndsSkipsAndTakesValueWordsThatLookLikeCodes) {
     const struct {
         V words;
         int32_t result;
         V taken; // (code, value) pairs
     } cases[] = {
         // clang-format off
-        {{1012, 500, 0}, -7, {}},               // ASCII's code: refused though its value follows
         {{1008, 1011, 1006, 0}, -7, {1008, 0}}, // nothing after a refused code is read
-        {{1010, 0}, -7, {}}, {{42, 0}, -7, {}}, {{-1, 0}, -7, {}}, // accepted by no entry
-        {{1001, 1001, 0}, 0, {}},               // fillers: the entry keeps its defaults
-        // A value word is consumed even when it looks like a code or like 0.
-        {{1007, 1012, 1027, 0, 1008, 0, 1012}, 0, {1007, 1012, 1027, 0, 1008, 0}},
-        {{0, 4711}, 0, {}}, {{}, 0, {}},
+        {{1001, 1007, 1012, 1027, 0, 1008, 0, 1012}, 0, {1007, 1012, 1027, 0, 1008, 0}},
+        {{0, 4711}, 0, {}}, {{1012, 500, 0}, -7, {}}, // ASCII's code: refused though its value follows
         // clang-format on
     };
+    constexpr int32_t kXmodemReceive[] = {1006, 1007, 1008, 1027};
     for (const auto &c : cases) {
         std::vector<Option> out;
         EXPECT_EQ(ReadOptionList(c.words, kXmodemReceive, out), c.result);
@@ -395,7 +380,6 @@ TEST(OptionList, ReaderRefusesEndsSkipsAndTakesValues) {
     // and ends at 0 or right after a word that is no option code.
     EXPECT_EQ(Collect(0, 1027, 0, 1012, -5, 0), (V{1027, 0, 1012, -5, 0}));
     EXPECT_EQ(Collect(0, 1008, 77), (V{1008, 77}));
-    EXPECT_EQ(Collect(0, 1010), V{1010});
 }
 
 // The generic entries release the block, refusing or not.
@@ -405,14 +389,15 @@ FileTransferOptions *Block(V words) {
 
 TEST(OptionBlock, StoresCodesAndValuesInTheirSlots) {
     const struct {
-        V words, set; // (slot, value) pairs; every other slot holds 1001
+        V words, set;     // (slot, value) pairs; every other slot holds 1001
+        int32_t protocol; // refused by the generic entries
     } cases[] = {
         // clang-format off
-        {{1010, 1022, 1007, 5, 0}, {5, 1007, 6, 5}}, // skipped words (1022 has no slot)
-        {{1018, 1020, 1003, -1, 1004, 0}, {17, 1020, 1, 1003}}, // 1018..1023 share slot 17; -1 ends
+        {{1010, 1022, 1007, 5, 0}, {5, 1007, 6, 5}, 6}, // skipped words (1022 has no slot)
+        {{1018, 1020, 1003, -1, 1004, 0}, {17, 1020, 1, 1003}, 9}, // 1018..1023 share slot 17; -1 ends
         {{1012, 700, 1029, 2048, 1028, 4, 1024, 0x102, 1027, 1, 1008, 1016, 9, 0},
          {12, 1012, 13, 700, 26, 1029, 27, 2048, 24, 1028, 25, 4, 18, 1024, 19, 0x102,
-          22, 1027, 23, 1, 7, 1008, 8, 1016, 9, 9}},
+          22, 1027, 23, 1, 7, 1008, 8, 1016, 9, 9}, -1},
         // clang-format on
     };
     for (const auto &c : cases) {
@@ -421,14 +406,12 @@ TEST(OptionBlock, StoresCodesAndValuesInTheirSlots) {
         V expected(28, 1001);
         for (std::size_t i = 0; i < c.set.size(); i += 2) expected[c.set[i]] = c.set[i + 1];
         EXPECT_EQ(V(b->Slot, b->Slot + 28), expected) << ::testing::PrintToString(c.words);
-        EXPECT_EQ(CLFileReceive(nullptr, 99, nullptr, 0, b, nullptr, nullptr), -7);
+        EXPECT_EQ(CLFileSend(nullptr, c.protocol, nullptr, 0, 0, b, nullptr, nullptr), -7);
     }
 }
 
-TEST_F(CoreRecord, GenericEntriesRefuseUnknownProtocolsAndOptionsOrRunWithTheBlocksOptions) {
+TEST_F(CoreRecord, GenericEntriesPassTheBlocksOptions) {
     char names[] = "\"/nonexistent\"";
-    for (int32_t protocol : {6, 7, 9, -1})
-        EXPECT_EQ(CLFileSend(port, protocol, names, 0, 0, Block({0}), nullptr, nullptr), -7);
     // Checksum mode is an XMODEM option; through the block it refuses YMODEM.
     EXPECT_EQ(CLFileSend(port, Ymodem, names, 0, 0, Block({1008, 0}), nullptr, nullptr), -7);
     EXPECT_TRUE(host.Written().empty());
@@ -450,11 +433,10 @@ TEST(ResultTexts, TheHooksTextWhereItAnswersElseBothTables) {
 #define CHECK_TEXT_(code, name, text)                                                              \
     EXPECT_STREQ(PortErrorName(code), code == -24 ? "Nicht da" : text);
     PORT_RESULT_MAP(CHECK_TEXT_)
-        XFER_RESULT_MAP(CHECK_TEXT_)
+    XFER_RESULT_MAP(CHECK_TEXT_)
 #undef CHECK_TEXT_
-            for (int32_t code : {-29, -43, -600, -624, 1})
-                EXPECT_STREQ(PortErrorName(code), "Unknown error code")
-        << code;
+    for (int32_t code : {-29, -43, -600, -624, 1})
+        EXPECT_STREQ(PortErrorName(code), "Unknown error code") << code;
     hooks->UserErrorNameFunction = saved;
 }
 
