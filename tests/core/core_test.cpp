@@ -72,6 +72,15 @@ struct Rec : ::testing::Test {
     static inline int32_t answer_ = 0;
     static inline int calls_ = 0;
     static inline const uint8_t data_[5] = {1, 2, 3, 4, 5};
+    // A receiving XMODEM record for `name` (with room for the free-name counter).
+    void Receive(const std::string &name, int32_t policy) {
+        ASSERT_TRUE(Fresh(Xmodem));
+        host.ClearWritten();
+        port->ExistingFilePolicy = policy;
+        record.FileName = std::strcpy(name_, name.c_str());
+    }
+    test::TempTree tree;
+    char name_[512] = {};
     test::FakeClock clock;
     TestHost host;
     XferPort *port = PortOpen(0, host.Window(), "/tmp/", XFER_EXISTING_OVERWRITE);
@@ -178,7 +187,7 @@ TEST_F(Cleanup, WaitQuietEndsAfterASilentSecondOrANulOrOnAbort) {
     EXPECT_EQ(V({XferWaitQuiet(&record), record.Result}), V({0, -605}));
 }
 
-TEST_F(PatientWrite, PartialWritesAreResentHandshakeRetriedLostLineIdleStopAndAbortEndIt) {
+TEST_F(PatientWrite, PartialWritesAreResentALostLineAnIdleStopOrAnAbortEndThem) {
     host.SetWriteLimit(100);
     std::vector<uint8_t> data(300);
     for (std::size_t i = 0; i < data.size(); ++i) data[i] = uint8_t(255 - i);
@@ -261,17 +270,7 @@ std::string Content(const std::string &path) {
     return std::string(bytes.begin(), bytes.end());
 }
 
-struct OpenFile : Rec<100> {
-    ~OpenFile() override { record.FileName = nullptr; } // not the clean-up's to release
-    void Receive(const std::string &name, int32_t policy) {
-        ASSERT_TRUE(Fresh(Xmodem));
-        host.ClearWritten();
-        port->ExistingFilePolicy = policy;
-        record.FileName = std::strcpy(name_, name.c_str()); // room for the free-name counter
-    }
-    test::TempTree tree;
-    char name_[512] = {};
-};
+using OpenFile = Rec<100>;
 
 // ZMODEM's skip (-620, the file not counted) is checked by its receiver's tests.
 TEST_F(OpenFile, ExistingFilePoliciesLoseNothingAndAFailureEndsTheTransfer) {
@@ -288,7 +287,6 @@ TEST_F(OpenFile, ExistingFilePoliciesLoseNothingAndAFailureEndsTheTransfer) {
             V({1, 1, 0, 0, !opened[i], !opened[i], 1}))
             << i;
         if (opened[i]) {
-            EXPECT_STREQ(record.FileName, tree.Path(opened[i]).c_str());
             ASSERT_EQ(::write(int(record.File), "new", 3), 3);
             XferCloseFile(&record);
             EXPECT_EQ(Content(tree.Path(opened[i])), "new");
@@ -335,25 +333,19 @@ V Collect(int first, ...) {
 
 // An unknown code refused with -7 is checked through the XMODEM entries.
 TEST(OptionList, ReaderEndsSkipsAndTakesValueWordsThatLookLikeCodes) {
-    const struct {
-        V words;
-        int32_t result;
-        V taken; // (code, value) pairs
-    } cases[] = {
-        // clang-format off
-        {{1008, 1011, 1006, 0}, -7, {1008, 0}}, // nothing after a refused code is read
-        {{1001, 1007, 1012, 1027, 0, 1008, 0, 1012}, 0, {1007, 1012, 1027, 0, 1008, 0}},
-        {{0, 4711}, 0, {}}, {{1012, 500, 0}, -7, {}}, // ASCII's code: refused though its value follows
-        // clang-format on
-    };
-    constexpr int32_t kXmodemReceive[] = {1006, 1007, 1008, 1027};
-    for (const auto &c : cases) {
+    // The result, then the (code, value) pairs taken.
+    const auto read = [](V words) {
+        constexpr int32_t kXmodemReceive[] = {1006, 1007, 1008, 1027};
         std::vector<Option> out;
-        EXPECT_EQ(ReadOptionList(c.words, kXmodemReceive, out), c.result);
-        V taken;
-        for (const Option &o : out) taken.insert(taken.end(), {o.code, o.value});
-        EXPECT_EQ(taken, c.taken) << ::testing::PrintToString(c.words);
-    }
+        V got{ReadOptionList(words, kXmodemReceive, out)};
+        for (const Option &o : out) got.insert(got.end(), {o.code, o.value});
+        return got;
+    };
+    EXPECT_EQ(read({1008, 1011, 1006, 0}), (V{-7, 1008, 0})) << "nothing after a refused code";
+    EXPECT_EQ(read({1001, 1007, 1012, 1027, 0, 1008, 0, 1012}),
+              (V{0, 1007, 1012, 1027, 0, 1008, 0}));
+    EXPECT_EQ(read({0, 4711}), V{0});
+    EXPECT_EQ(read({1012, 500, 0}), V{-7}) << "ASCII's code: refused though its value follows";
     // The variadic collector reads a value word (0 too) after a value code,
     // and ends at 0 or right after a word that is no option code.
     EXPECT_EQ(Collect(0, 1027, 0, 1012, -5, 0), (V{1027, 0, 1012, -5, 0}));
@@ -402,9 +394,7 @@ TEST_F(CoreRecord, OptionBlockHoldsCodesInTheirSlotsForTheGenericEntries) {
 TEST(ResultTexts, TheHooksTextWhereItAnswersElseBothTables) {
     EXPECT_STREQ(XferErrorName(-9), "Buffer is Full") << "the default hook's own text";
     EXPECT_STREQ(XferErrorName(-24), "Unknown error code");
-    ThreadHooks *hooks = ThreadHooksFind();
-    const XferErrorNameFn saved = hooks->UserErrorNameFunction;
-    hooks->UserErrorNameFunction = [](int32_t code) { return code == -24 ? "Nicht da" : nullptr; };
+    SetUserErrorNameFunctionPtr([](int32_t code) { return code == -24 ? "Nicht da" : nullptr; });
 #define CHECK_TEXT_(code, name, text)                                                              \
     EXPECT_STREQ(PortErrorName(code), code == -24 ? "Nicht da" : text);
     PORT_RESULT_MAP(CHECK_TEXT_)
@@ -412,7 +402,7 @@ TEST(ResultTexts, TheHooksTextWhereItAnswersElseBothTables) {
 #undef CHECK_TEXT_
     for (int32_t code : {-29, -43, -600, -624, 1})
         EXPECT_STREQ(PortErrorName(code), "Unknown error code") << code;
-    hooks->UserErrorNameFunction = saved;
+    SetUserErrorNameFunctionPtr(&XferErrorName);
 }
 
 } // namespace
