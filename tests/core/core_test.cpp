@@ -33,7 +33,6 @@ namespace {
 using test::CountStatus;
 using test::StatusLines;
 using test::TestHost;
-using Lines = std::vector<std::string>;
 using V = std::vector<int32_t>; // results of calls made in order, checked at once
 const std::string kCancel(test::kCancelBytes.begin(), test::kCancelBytes.end());
 
@@ -106,9 +105,10 @@ TEST_F(CoreRecord, StatusLinesShowTheBareNameAndAreCutNotOverflowed) {
     MessageTextCopy(28264, first, sizeof first);
     MessageTextCopy(28263, second, sizeof second);
     EXPECT_EQ(StatusLines(),
-              (Lines{"0 report.txt : abc 5", "0 " + names[1] + " : abc 5",
-                     ("0 " + names[2] + " : " + first + ". " + second).substr(0, 343),
-                     ("0 " + names[3]).substr(0, 343), "1 <\?\?\?> : " + std::string(255, 'x')}));
+              (std::vector<std::string>{
+                  "0 report.txt : abc 5", "0 " + names[1] + " : abc 5",
+                  ("0 " + names[2] + " : " + first + ". " + second).substr(0, 343),
+                  ("0 " + names[3]).substr(0, 343), "1 <\?\?\?> : " + std::string(255, 'x')}));
 }
 
 TEST_F(CoreRecord, AbortCheckAsksTheHookOnlyWhileRunningAndAnyVerdictStops) {
@@ -270,14 +270,16 @@ std::string Content(const std::string &path) {
     return std::string(bytes.begin(), bytes.end());
 }
 
-using OpenFile = Rec<100>;
-
 // ZMODEM's skip (-620, the file not counted) is checked by its receiver's tests.
-TEST_F(OpenFile, ExistingFilePoliciesLoseNothingAndAFailureEndsTheTransfer) {
+// The policies, gathered data written on close with the file's time, and a
+// failed open that ends the transfer with -602 and the cancel string.
+TEST_F(CoreRecord, ExistingFilePoliciesLoseNothingAndCloseWritesWhatWasGathered) {
+    std::string data(70000, 0), old(80000, 'o');
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = char(i * 31 + i / 251);
     const int32_t policies[] = {XFER_EXISTING_OVERWRITE, XFER_EXISTING_RENAME, XFER_EXISTING_SKIP};
     const char *opened[] = {"a.txt", "a(1).txt", nullptr}; // null: skipped
     for (int i = 0; i < 3; ++i) {
-        const std::string path = tree.File("a.txt", "old contents");
+        const std::string path = tree.File("a.txt", old);
         std::remove(tree.Path("a(1).txt").c_str());
         Receive(path, policies[i]);
         // A skipped file counts as handled, with its notice.
@@ -287,14 +289,19 @@ TEST_F(OpenFile, ExistingFilePoliciesLoseNothingAndAFailureEndsTheTransfer) {
             V({1, 1, 0, 0, !opened[i], !opened[i], 1}))
             << i;
         if (opened[i]) {
-            ASSERT_EQ(::write(int(record.File), "new", 3), 3);
+            const std::string name = tree.Path(opened[i]);
+            record.FileTime = -86400; // a time before 1970 is stamped too
+            FileWriter writer(&record);
+            ASSERT_TRUE(writer.Append(reinterpret_cast<const uint8_t *>(data.data()), data.size()));
+            EXPECT_EQ(Content(name).size(), 65536u) << "one full piece written so far";
             XferCloseFile(&record);
-            EXPECT_EQ(Content(tree.Path(opened[i])), "new");
+            struct stat st {};
+            EXPECT_TRUE(Content(name) == data && ::stat(name.c_str(), &st) == 0 &&
+                        st.st_mtime == -86400);
         }
         EXPECT_EQ(record.File, XFER_INVALID_FILE);
-        EXPECT_EQ(Content(path), i == 0 ? "new" : "old contents") << "overwrite truncates";
+        EXPECT_TRUE(Content(path) == (i == 0 ? data : old)) << "overwrite truncates";
     }
-    // A failed open ends the transfer with -602 and the cancel string.
     tree.File("n.txt");
     for (char c = '1'; c <= '9'; ++c) tree.File(std::string("n(") + c + ").txt");
     for (const char *name : {"no/such/folder/x.txt", "n.txt"}) { // no free name past nine
@@ -304,23 +311,6 @@ TEST_F(OpenFile, ExistingFilePoliciesLoseNothingAndAFailureEndsTheTransfer) {
                   V({0, -602, 1, 1, 1}))
             << name;
     }
-}
-
-TEST_F(OpenFile, CloseWritesGatheredDataAndStampsTheFileTime) {
-    std::string data(70000, 0);
-    for (std::size_t i = 0; i < data.size(); ++i) data[i] = char(i * 31 + i / 251);
-    const std::string path = tree.Path("t");
-    Receive(path, XFER_EXISTING_OVERWRITE);
-    ASSERT_EQ(XferOpenFile(&record), 1);
-    record.FileTime = -86400; // a time before 1970 is stamped too
-    FileWriter writer(&record);
-    ASSERT_TRUE(writer.Append(reinterpret_cast<const uint8_t *>(data.data()), data.size()));
-    EXPECT_EQ(Content(path).size(), 65536u) << "one full piece written so far";
-    XferCloseFile(&record);
-    EXPECT_EQ(Content(path), data);
-    struct stat st {};
-    ASSERT_EQ(::stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mtime, -86400);
 }
 
 V Collect(int first, ...) {
