@@ -113,14 +113,11 @@ TEST_F(Port, ReadCharTimedReadsTheClockOnlyToWaitAndTimesOutOnTheTick) {
     clock.Set(0xFFFFFFF0u); // 0..50 in steps of 10 across the wrap
     clock.SetStepPerRead(10);
     EXPECT_EQ(V({ReadCharTimed(port, 50), int32_t(clock.Reads())}), V({-8, 4 + 6}));
-
+    host.SetReadError(true);
+    EXPECT_EQ(ReadCharTimed(port, 2000), PortBufferEmpty) << "a lost line ends by time-out";
     g_idleCalls = 0;
     g_idle = [](int call) { return call >= 7 ? -3 : 0; }; // odd calls: ReadBuffer's, ignored
     EXPECT_EQ(V({ReadCharTimed(port, -1), port->Status}), V({-3, -3}));
-    g_idle = nullptr;
-    clock.SetStepPerRead(100);
-    host.SetReadError(true);
-    EXPECT_EQ(ReadCharTimed(port, 2000), PortBufferEmpty) << "a lost line ends by time-out";
 }
 
 TEST_F(Port, WriteCharTimedAndIdleWaitEndOnTheDeadlineOrTheIdleHooksStop) {
@@ -136,7 +133,6 @@ TEST_F(Port, WriteCharTimedAndIdleWaitEndOnTheDeadlineOrTheIdleHooksStop) {
     EXPECT_EQ(
         V({IdleWait(port, 0), g_idleCalls, WriteCharTimed(port, 'c', -1), IdleWait(port, 100000)}),
         V({0, 0, -16, -16}));
-    g_idle = nullptr;
     host.SetWriteError(true); // a lost line ends it at once
     EXPECT_EQ(V({WriteCharTimed(port, 'd', -1), int32_t(host.Written().size())}),
               V({PortGeneralError, 0}));
