@@ -109,7 +109,8 @@ TEST_F(CoreRecord, StatusLinesShowTheBareNameAndAreCutNotOverflowed) {
 }
 
 TEST_F(CoreRecord, AbortCheckAsksTheHookOnlyWhileRunningAndAnyVerdictStops) {
-    static int progress = 0;
+    static int progress;
+    progress = 0;
     record.ProgressCallback = [](XferRecord *) { return ++progress; };
     Abort(0);
     const int32_t running = XferCheckAbort(&record);
