@@ -1,6 +1,6 @@
 // The port made by PortOpen: link operations through the host's window
-// message, the timed helpers on the fake clock, the message pump, the hook
-// record and the default hooks.
+// message, the timed helpers on the fake clock, the hook record and the
+// default idle hook.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -8,7 +8,6 @@
 #include <thread>
 #include <vector>
 
-#include "core/results.h"
 #include "fake_clock.h"
 #include "platform/heap.h"
 #include "port/port.h"
@@ -17,8 +16,6 @@
 namespace zvxfer {
 namespace {
 
-using test::FakeClock;
-using test::TestHost;
 using V = std::vector<int32_t>;
 
 // Tests share the process's one hook record: start each from the defaults
@@ -45,197 +42,136 @@ struct Port : ::testing::Test {
         return PortOpen(7, host.Window(), "/tmp/in/", XFER_EXISTING_SKIP);
     }
     ~Port() override { EXPECT_EQ(o.PortClose(port), 0); } // hooks back to defaults
-    TestHost host;
+    test::TestHost host;
     XferPort *port = Open();
     XferPortOps &o = port->Ops;
 };
 
-TEST_F(Port, FixedSlotsAnswerWithoutAskingTheHost) {
-    for (auto slot : {o.Reserved1, o.Reserved3, o.Reserved4, o.Reserved5})
-        EXPECT_EQ(V({slot(port, 5), port->Status}), V({PortNotSupported, PortNotSupported}));
-    o.ClearError(port);
-    EXPECT_EQ(V({port->Status, o.TxFree(port), o.RxFree(port), host.Messages()}),
-              V({0, 4096, 4096, 0}));
-}
-
 TEST_F(Port, ReadsServeTheHostsBlockAndAskOnlyWhenItIsEmpty) {
-    host.Receive("AB");
-    EXPECT_EQ(V({o.PeekChar(port), o.PeekChar(port), o.RxCount(port), o.ReadChar(port),
-                 o.ReadChar(port), o.ReadChar(port), o.PeekChar(port), o.RxCount(port)}),
-              V({'A', 'A', 2, 'A', 'B', PortBufferEmpty, PortBufferEmpty, 0}));
-
     // A short read moves what there is and says -8; the next asks again.
     host.Receive("wxyz");
     uint8_t buffer[10] = {};
-    EXPECT_EQ(V({o.ReadBuffer(port, buffer, 10), int32_t(port->Count)}), V({PortBufferEmpty, 4}));
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(buffer), 4), "wxyz");
-    EXPECT_EQ(V({o.ReadBuffer(port, buffer, 10), int32_t(port->Count)}), V({PortBufferEmpty, 0}));
-    // A null destination of length 0 only fetches the block; with a length it drops bytes.
+    EXPECT_EQ(V({o.ReadBuffer(port, buffer, 10), int32_t(port->Count), buffer[0], buffer[3],
+                 o.ReadBuffer(port, buffer, 10), int32_t(port->Count)}),
+              V({PortBufferEmpty, 4, 'w', 'z', PortBufferEmpty, 0}));
+    // A null destination of length 0 only fetches the block.
     host.Receive("12345");
     host.SetChunkSize(3);
-    EXPECT_EQ(V({o.ReadBuffer(port, nullptr, 0), int32_t(port->RxBlock.Length),
-                 o.ReadBuffer(port, nullptr, 2), int32_t(port->Count), o.ReadChar(port),
+    EXPECT_EQ(V({o.ReadBuffer(port, nullptr, 0), int32_t(port->RxBlock.Length), o.PeekChar(port),
+                 o.RxCount(port), o.ReadChar(port), o.ReadChar(port), o.ReadChar(port),
                  o.ReadChar(port), o.ReadChar(port), host.ReadRequests()}),
-              V({0, 3, 0, 2, '3', '4', '5', 8}))
+              V({0, 3, '1', 3, '1', '2', '3', '4', '5', 4}))
         << "the host is asked only when the block is empty";
-
+    host.SetChunkSize(50);
+    host.Receive(std::string(150, 'z'));
+    EXPECT_EQ(V({ClearRXBuffer(port), int32_t(host.Unread()), o.RxCount(port)}), V({0, 0, 0}));
     // A lost connection fails every read with -1 but leaves Status alone.
     host.SetReadError(true);
-    port->Status = 0;
-    EXPECT_EQ(V({o.ReadChar(port), o.PeekChar(port), o.ReadBuffer(port, buffer, 1), port->Status}),
-              V({PortGeneralError, PortGeneralError, PortGeneralError, 0}));
+    EXPECT_EQ(V({o.ReadChar(port), o.PeekChar(port), o.ReadBuffer(port, buffer, 1),
+                 ClearRXBuffer(port), port->Status}),
+              V({PortGeneralError, PortGeneralError, PortGeneralError, PortGeneralError, 0}));
 }
 
 TEST_F(Port, WritesStageTheBlockAndReportWhatTheHostTook) {
     const uint8_t data[] = {1, 2, 3, 4, 5};
-    EXPECT_EQ(V({o.WriteBuffer(port, data, 5), int32_t(port->Count)}), V({0, 5}));
     host.SetWriteLimit(2);
     EXPECT_EQ(V({o.WriteBuffer(port, data, 5), int32_t(port->Count), port->Status}),
               V({PortBufferFull, 2, PortBufferFull}));
-    EXPECT_EQ(host.Written(), (std::vector<uint8_t>{1, 2, 3, 4, 5, 1, 2}));
     host.SetWriteLimit(SIZE_MAX);
     const std::vector<uint8_t> big(5000, 0x5A); // longer than the staging buffer
-    EXPECT_EQ(V({o.WriteBuffer(port, big.data(), 5000), int32_t(port->Count)}),
-              V({PortBufferFull, 4096}));
-    EXPECT_EQ(host.Written().size(), 7u + 4096u);
+    EXPECT_EQ(V({o.WriteBuffer(port, big.data(), 5000), int32_t(port->Count),
+                 int32_t(host.Written().size())}),
+              V({PortBufferFull, 4096, 2 + 4096}));
 
     // WriteChar offers again at once; a host that never takes gets -9, an
     // error ends it after one request.
     host.ClearWritten();
     host.RefuseWrites(3);
-    EXPECT_EQ(V({o.WriteChar(port, 'Q'), host.WriteRequests()}), V({0, 3 + 4}));
-    EXPECT_EQ(host.WrittenString(), "Q");
+    EXPECT_EQ(V({o.WriteChar(port, 'Q'), host.WriteRequests(), host.WrittenString() == "Q"}),
+              V({0, 2 + 4, 1}));
     host.SetWriteLimit(0);
     EXPECT_EQ(o.WriteChar(port, 'R'), PortBufferFull);
-    host.SetWriteError(true);
-    const int asked = host.WriteRequests();
-    EXPECT_EQ(V({o.WriteChar(port, 'S'), port->Status, o.WriteBuffer(port, data, 5)}),
-              V({PortGeneralError, PortGeneralError, PortGeneralError}));
-    EXPECT_EQ(host.WriteRequests() - asked, 2);
-}
-
-TEST_F(Port, ClearRxBufferDropsEverythingTheHostHolds) {
-    host.SetChunkSize(50);
-    host.Receive(std::string(150, 'z'));
-    EXPECT_EQ(V({ClearRXBuffer(port), int32_t(host.Unread()), o.RxCount(port)}), V({0, 0, 0}));
-    host.Receive("abc");
-    host.SetReadError(true);
-    EXPECT_EQ(ClearRXBuffer(port), PortGeneralError);
+    host.SetWriteError(true); // 1 + 1000 offers of R, one each for the error
+    EXPECT_EQ(V({o.WriteChar(port, 'S'), port->Status, o.WriteBuffer(port, data, 5),
+                 host.WriteRequests()}),
+              V({PortGeneralError, PortGeneralError, PortGeneralError, 6 + 1001 + 2}));
 }
 
 TEST_F(Port, ReadCharTimedReadsTheClockOnlyToWaitAndTimesOutOnTheTick) {
-    {
-        FakeClock clock;
-        host.Receive("hi");
-        EXPECT_EQ(V({RxEmpty(port), ReadCharTimed(port, 1000), ReadCharTimed(port, 0),
-                     RxEmpty(port), int32_t(clock.Reads())}),
-                  V({0, 'h', 'i', 1, 0}));
-        // Checks at +0, +40, +80 go on, +120 stops; the idle hook runs twice a round.
-        clock.SetStepPerRead(40);
-        g_idleCalls = 0;
-        EXPECT_EQ(V({ReadCharTimed(port, 100), int32_t(clock.Reads()), g_idleCalls}),
-                  V({-8, 4, 8}));
-        g_idleCalls = 0;
-        EXPECT_EQ(V({ReadCharTimed(port, 0), g_idleCalls}), V({-8, 2})) << "time-out 0: one round";
-        clock.Set(0xFFFFFFF0u); // 0..50 in steps of 10 across the wrap
-        clock.SetStepPerRead(10);
-        EXPECT_EQ(V({ReadCharTimed(port, 50), int32_t(clock.Reads())}), V({-8, 4 + 1 + 6}));
-
-        clock.SetStepPerRead(0); // still: only a byte or a stop ends a wait without limit
-        static int asks = 0;
-        host.OnRequest([](TestHost &h, uintptr_t request) {
-            if (request == PORT_READ && ++asks == 5) h.Receive("Z");
-        });
-        EXPECT_EQ(V({ReadCharTimed(port, -1), asks, int32_t(clock.Reads())}), V({'Z', 5, 11}));
-        host.OnRequest(nullptr);
-        g_idleCalls = 0;
-        g_idle = [](int call) { return call >= 7 ? -3 : 0; }; // odd calls: ReadBuffer's, ignored
-        EXPECT_EQ(V({ReadCharTimed(port, -1), port->Status}), V({-3, -3}));
-    }
-    FakeClock fast(FakeClock::Scaled{1000});
-    g_idle = nullptr;
+    test::FakeClock clock;
+    host.Receive("hi");
+    EXPECT_EQ(V({RxEmpty(port), ReadCharTimed(port, 1000), ReadCharTimed(port, 0), RxEmpty(port),
+                 int32_t(clock.Reads())}),
+              V({0, 'h', 'i', 1, 0}));
+    // Checks at +0, +40, +80 go on, +120 stops; the idle hook runs twice a round.
+    clock.SetStepPerRead(40);
+    g_idleCalls = 0;
+    EXPECT_EQ(V({ReadCharTimed(port, 100), int32_t(clock.Reads()), g_idleCalls}), V({-8, 4, 8}));
+    clock.Set(0xFFFFFFF0u); // 0..50 in steps of 10 across the wrap
+    clock.SetStepPerRead(10);
+    EXPECT_EQ(V({ReadCharTimed(port, 50), int32_t(clock.Reads())}), V({-8, 4 + 6}));
     host.SetReadError(true);
     EXPECT_EQ(ReadCharTimed(port, 2000), PortBufferEmpty) << "a lost line ends by time-out";
+    g_idleCalls = 0;
+    g_idle = [](int call) { return call >= 7 ? -3 : 0; }; // odd calls: ReadBuffer's, ignored
+    EXPECT_EQ(V({ReadCharTimed(port, -1), port->Status}), V({-3, -3}));
 }
 
-TEST_F(Port, WriteCharTimedAndIdleWait) {
-    FakeClock clock;
-    EXPECT_EQ(V({WriteCharTimed(port, 'a', 100), int32_t(clock.Reads())}), V({0, 0}));
+TEST_F(Port, WriteCharTimedAndIdleWaitEndOnTheDeadlineOrTheIdleHooksStop) {
+    test::FakeClock clock;
+    clock.SetStepPerRead(60);
     // A host that takes nothing: -9 once the deadline passes, Status as before.
     host.SetWriteLimit(0);
-    clock.SetStepPerRead(60);
     port->Status = PortNotSupported;
-    EXPECT_EQ(V({WriteCharTimed(port, 'b', 100), port->Status, g_idleCalls > 0}),
-              V({PortBufferFull, PortNotSupported, 1}));
-    g_idle = [](int) { return -16; }; // the idle hook's stop ends the wait
-    EXPECT_EQ(WriteCharTimed(port, 'c', -1), -16);
-    g_idle = nullptr;
+    g_idle = [](int call) { return call > 10 ? -16 : 0; };
+    EXPECT_EQ(V({WriteCharTimed(port, 'b', 100), port->Status, g_idleCalls > 0,
+                 WriteCharTimed(port, 'c', -1), IdleWait(port, 100000)}),
+              V({PortBufferFull, PortNotSupported, 1, -16, -16}));
     host.SetWriteError(true); // a lost line ends it at once
-    EXPECT_EQ(WriteCharTimed(port, 'd', -1), PortGeneralError);
-    EXPECT_EQ(host.WrittenString(), "a");
-
-    clock.SetStepPerRead(10);
-    g_idleCalls = 0;
-    EXPECT_EQ(V({IdleWait(port, 50), g_idleCalls >= 2 && g_idleCalls <= 5}), V({0, 1}));
-    g_idleCalls = 0;
-    EXPECT_EQ(V({IdleWait(port, 0), g_idleCalls}), V({0, 0}));
-    g_idle = [](int call) { return call == 2 ? -7 : 0; };
-    EXPECT_EQ(IdleWait(port, 100000), -7);
+    EXPECT_EQ(V({WriteCharTimed(port, 'd', -1), int32_t(host.Written().size())}),
+              V({PortGeneralError, 0}));
 }
 
-TEST(Hooks, DefaultIdleDispatchesButHandsCloseRequestsBack) {
-    static std::vector<uint32_t> seen;
-    seen.clear();
-    ZvHwnd w = ZvCreateWindow(
-        [](ZvHwnd, uint32_t m, uintptr_t, intptr_t) -> intptr_t { return seen.push_back(m), 0; },
-        nullptr);
+TEST(Hooks, DefaultIdleHandsCloseRequestsBackAndTheRecordIsSharedAndReleased) {
+    ZvHwnd w = ZvCreateWindow([](ZvHwnd, uint32_t, uintptr_t, intptr_t) -> intptr_t { return 0; },
+                              nullptr);
     ZvMsg m{};
-    // The default idle hook dispatches all but close requests, which it
-    // queues again with their own parameters for the host's loop.
-    EXPECT_EQ(DefaultIdle(nullptr), 0); // empty queue
+    // Other messages are dispatched; a close request is queued again, with
+    // its own parameters, for the host's loop.
     ZvPostMessage(w, ZV_WM_PAINT, 0, 0);
     ZvPostMessage(w, ZV_WM_SYSCOMMAND, 0xF020, 0); // minimise: no close request
     ZvPostMessage(w, ZV_WM_SYSCOMMAND, ZV_SC_CLOSE, 77);
-    EXPECT_EQ(V({DefaultIdle(nullptr), int32_t(seen.size()), ZvPeekMessage(&m, 1)}), V({-1, 2, 1}));
-    EXPECT_TRUE(m.Window == w && m.Message == ZV_WM_SYSCOMMAND && m.WParam == ZV_SC_CLOSE &&
-                m.LParam == 77);
+    EXPECT_EQ(V({DefaultIdle(nullptr), ZvPeekMessage(&m, 1), int32_t(m.LParam),
+                 ZvPeekMessage(&m, 1), DefaultIdle(nullptr)}),
+              V({-1, 1, 77, 0, 0}));
     ZvDestroyWindow(w);
-}
 
-TEST(Hooks, SettersBeforeOpenAreKeptAndTheLastCloseRestoresDefaults) {
+    // Setters before the first open are kept; the last close restores the defaults.
     ResetHooks();
     const auto abort = [](XferRecord *) -> int32_t { return -605; };
-    const auto name = [](int32_t) -> const char * { return "named"; };
-    const auto open = [](XferRecord *, const char *, const char *) { return XFER_INVALID_FILE; };
     SetAbortXferFunctionPtr(abort);
-    SetUserErrorNameFunctionPtr(name);
-    SetXferFileOpenFunctionPtr(open);
     SetAbortXferFunctionPtr(nullptr); // null is ignored
-    SetPortIdleFunctionPtr(nullptr);
 
     XferPort *a = PortOpen(0, nullptr, "", 0), *b = PortOpen(0, nullptr, "", 0);
-    ThreadHooks *h = a->Hooks, *seen = nullptr;
-    std::thread([&] { seen = ThreadHooksFind(); }).join();
-    EXPECT_TRUE(h == b->Hooks && h == seen) << "one record for every port and thread";
-    EXPECT_TRUE(h->AbortFunction == +abort && h->UserErrorNameFunction == +name &&
-                h->FileOpenFunction == +open && h->IdleFunction == &DefaultIdle);
-    EXPECT_EQ(V({h->PortRefs, a->Ops.PortClose(a), h->PortRefs, h->AbortFunction(nullptr)}),
-              V({2, 0, 1, -605}));
-    EXPECT_EQ(b->Ops.PortClose(b), 0);
+    ThreadHooks *h = a->Hooks, *other = nullptr;
+    std::thread([&] { other = ThreadHooksFind(); }).join();
+    EXPECT_TRUE(h == b->Hooks && h == other) << "one record for every port and thread";
+    EXPECT_TRUE(h->AbortFunction == +abort && h->IdleFunction == &DefaultIdle);
+    EXPECT_EQ(V({h->PortRefs, a->Ops.PortClose(a), h->PortRefs, h->AbortFunction(nullptr),
+                 b->Ops.PortClose(b)}),
+              V({2, 0, 1, -605, 0}));
     XferPort *c = PortOpen(0, nullptr, "", 0);
     h = c->Hooks;
-    EXPECT_EQ(V({h->PortRefs, h->AbortFunction(nullptr), h->AbortKey}), V({1, 0, 27}));
-    EXPECT_TRUE(h->UserErrorNameFunction == &XferErrorName &&
-                h->FileOpenFunction == &DefaultFileOpen);
-    EXPECT_EQ(c->Ops.PortClose(c), 0);
+    EXPECT_EQ(V({h->PortRefs, h->AbortFunction(nullptr), h->AbortKey, c->Ops.PortClose(c)}),
+              V({1, 0, 27, 0}));
 
     // Out of memory for the port block or its buffer: the record stays, unheld.
     ThreadHooks *record = ThreadHooksFind();
     for (long allowed : {0L, 1L}) {
         plat::SetAllocFailAfter(allowed);
-        EXPECT_EQ(PortOpen(0, nullptr, "", 0), nullptr);
+        const XferPort *none = PortOpen(0, nullptr, "", 0);
         plat::SetAllocFailAfter(-1);
-        EXPECT_TRUE(ThreadHooksFind() == record && record->PortRefs == 0);
+        EXPECT_TRUE(none == nullptr && ThreadHooksFind() == record && record->PortRefs == 0);
     }
 }
 
