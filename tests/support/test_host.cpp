@@ -6,12 +6,6 @@
 
 namespace zvxfer::test {
 
-TestHost::TestHost() : window_(ZvCreateWindow(Procedure, this)) {}
-
-TestHost::~TestHost() {
-    ZvDestroyWindow(window_);
-}
-
 intptr_t TestHost::Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam) {
     auto *host = static_cast<TestHost *>(ZvGetWindowUserData(window));
     host->Locked([&] { ++host->messages_; });

@@ -60,8 +60,8 @@ class TestHost {
     // host answers it; wParam tells which.  May call the host's setters.
     using RequestHook = std::function<void(TestHost &host, uintptr_t request)>;
 
-    TestHost();
-    ~TestHost();
+    TestHost() : window_(ZvCreateWindow(Procedure, this)) {}
+    ~TestHost() { ZvDestroyWindow(window_); }
     TestHost(const TestHost &) = delete;
     TestHost &operator=(const TestHost &) = delete;
 
