@@ -10,32 +10,61 @@
 // Only one FakeClock may exist at a time (the clock is process-wide); the
 // destructor restores the real clock.  All members are thread-safe.
 #pragma once
+#include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <cstdlib>
+
+#include "platform/tick.h"
 
 namespace zvxfer::test {
 
 class FakeClock {
+    using Steady = std::chrono::steady_clock;
+    static inline std::atomic<bool> active_{false};
+    static inline std::atomic<uint32_t> offset_{0}, step_{0}, factor_{0}; // factor 0: manual
+    static inline std::atomic<uint64_t> reads_{0};
+    static inline Steady::time_point origin_;
+
+    static uint32_t ScaledPart() {
+        const auto us =
+            std::chrono::duration_cast<std::chrono::microseconds>(Steady::now() - origin_);
+        return static_cast<uint32_t>(static_cast<uint64_t>(us.count()) * factor_ / 1000);
+    }
+    static uint32_t ReadTick() {
+        ++reads_;
+        return offset_.fetch_add(step_) + ScaledPart();
+    }
+
   public:
     struct Scaled {
         uint32_t factor;
     };
 
-    explicit FakeClock(uint32_t start = 1000);
-    explicit FakeClock(Scaled scaled, uint32_t start = 1000);
-    ~FakeClock();
+    explicit FakeClock(uint32_t start = 1000) : FakeClock(Scaled{0}, start) {}
+    explicit FakeClock(Scaled scaled, uint32_t start = 1000) {
+        if (active_.exchange(true)) std::abort(); // two would fight over the one clock
+        origin_ = Steady::now();
+        offset_ = start, step_ = 0, factor_ = scaled.factor, reads_ = 0;
+        plat::SetTickSource(ReadTick);
+    }
+    ~FakeClock() {
+        plat::SetTickSource(nullptr);
+        active_ = false;
+    }
     FakeClock(const FakeClock &) = delete;
     FakeClock &operator=(const FakeClock &) = delete;
 
     // Move time on by `ms` (also in scaled mode, on top of the scaling).
-    void Advance(uint32_t ms);
+    void Advance(uint32_t ms) { offset_ += ms; }
     // Jump to `tick` (use values near 0xFFFFFFFF to test the wrap).
-    void Set(uint32_t tick);
+    void Set(uint32_t tick) { offset_ = tick - ScaledPart(); }
     // Every read of the tick advances it by `ms` after answering (0: off).
-    void SetStepPerRead(uint32_t ms);
+    void SetStepPerRead(uint32_t ms) { step_ = ms; }
     // The tick the library would read now (without stepping).
-    uint32_t Now() const;
+    uint32_t Now() const { return offset_ + ScaledPart(); }
     // Number of tick reads by the library since construction.
-    uint64_t Reads() const;
+    uint64_t Reads() const { return reads_; }
 };
 
 } // namespace zvxfer::test

@@ -11,9 +11,9 @@
 namespace zvxfer::test {
 
 // Every line so far, as "<level> <text>".
+inline std::vector<std::string> gStatusLines;
 inline std::vector<std::string> &StatusLines() {
-    static std::vector<std::string> lines;
-    return lines;
+    return gStatusLines;
 }
 
 inline int32_t CollectStatus(XferRecord *, int32_t level, const char *text) {

@@ -6,12 +6,6 @@
 
 namespace zvxfer::test {
 
-TestHost::TestHost() : window_(ZvCreateWindow(Procedure, this)) {}
-
-TestHost::~TestHost() {
-    ZvDestroyWindow(window_);
-}
-
 intptr_t TestHost::Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam) {
     auto *host = static_cast<TestHost *>(ZvGetWindowUserData(window));
     host->Locked([&] { ++host->messages_; });
@@ -29,15 +23,10 @@ intptr_t TestHost::Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, 
 void TestHost::AnswerRead(PortBlock &block) {
     std::lock_guard lock(mutex_);
     ++reads_;
-    std::size_t n = incoming_.size() - handedOver_;
-    if (chunkSize_ != 0) n = std::min(n, chunkSize_);
-    chunk_.assign(incoming_.begin() + static_cast<std::ptrdiff_t>(handedOver_),
-                  incoming_.begin() + static_cast<std::ptrdiff_t>(handedOver_ + n));
-    handedOver_ += n;
-    if (handedOver_ == incoming_.size()) {
-        incoming_.clear();
-        handedOver_ = 0;
-    }
+    const auto n = static_cast<std::ptrdiff_t>(
+        chunkSize_ != 0 ? std::min(incoming_.size(), chunkSize_) : incoming_.size());
+    chunk_.assign(incoming_.begin(), incoming_.begin() + n);
+    incoming_.erase(incoming_.begin(), incoming_.begin() + n);
     block.Data = chunk_.data();
     block.Length = static_cast<uint32_t>(n);
     block.Error = readError_ ? 1 : 0;
@@ -46,11 +35,9 @@ void TestHost::AnswerRead(PortBlock &block) {
 void TestHost::AnswerWrite(PortBlock &block) {
     std::lock_guard lock(mutex_);
     ++writes_;
-    std::size_t accepted = std::min<std::size_t>(block.Length, writeLimit_);
-    if (refuseWrites_ > 0) {
-        --refuseWrites_;
-        accepted = 0;
-    }
+    const std::size_t accepted =
+        refuseWrites_ > 0 ? 0 : std::min<std::size_t>(block.Length, writeLimit_);
+    refuseWrites_ -= refuseWrites_ > 0;
     block.Error = writeError_ ? 1 : 0;
     if (writeError_) return;
     written_.insert(written_.end(), block.Data, block.Data + accepted);

@@ -21,11 +21,13 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "zvxfer.h"
@@ -42,14 +44,24 @@ class TestHost {
         std::lock_guard lock(mutex_);
         return f();
     }
+    template <class T>
+    T Get(const T &field) const {
+        std::lock_guard lock(mutex_);
+        return field;
+    }
+    template <class T>
+    void Put(T &field, std::type_identity_t<T> value) {
+        std::lock_guard lock(mutex_);
+        field = std::move(value);
+    }
 
   public:
     // Called on the owner thread for every PORT_READ / PORT_WRITE before the
     // host answers it; wParam tells which.  May call the host's setters.
     using RequestHook = std::function<void(TestHost &host, uintptr_t request)>;
 
-    TestHost();
-    ~TestHost();
+    TestHost() : window_(ZvCreateWindow(Procedure, this)) {}
+    ~TestHost() { ZvDestroyWindow(window_); }
     TestHost(const TestHost &) = delete;
     TestHost &operator=(const TestHost &) = delete;
 
@@ -62,54 +74,33 @@ class TestHost {
         Receive(std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size()));
     }
     // Largest number of bytes handed over per PORT_READ (0: all there are).
-    void SetChunkSize(std::size_t bytes) {
-        Locked([&] { chunkSize_ = bytes; });
-    }
+    void SetChunkSize(std::size_t bytes) { Put(chunkSize_, bytes); }
     // Bytes received but not yet handed over.
     std::size_t Unread() const {
-        return Locked([&] { return incoming_.size() - handedOver_; });
+        return Locked([&] { return incoming_.size(); });
     }
 
     // --- transmit side ---
     // Accept at most `bytes` of each PORT_WRITE (SIZE_MAX: all; 0: none).
-    void SetWriteLimit(std::size_t bytes) {
-        Locked([&] { writeLimit_ = bytes; });
-    }
+    void SetWriteLimit(std::size_t bytes) { Put(writeLimit_, bytes); }
     // Accept nothing for the next `count` writes, then go back to the limit.
-    void RefuseWrites(int count) {
-        Locked([&] { refuseWrites_ = count; });
-    }
-    std::vector<uint8_t> Written() const {
-        return Locked([&] { return written_; });
-    }
+    void RefuseWrites(int count) { Put(refuseWrites_, count); }
+    std::vector<uint8_t> Written() const { return Get(written_); }
     std::string WrittenString() const {
-        return Locked([&] { return std::string(written_.begin(), written_.end()); });
+        const std::vector<uint8_t> w = Written();
+        return std::string(w.begin(), w.end());
     }
-    void ClearWritten() {
-        Locked([&] { written_.clear(); });
-    }
+    void ClearWritten() { Put(written_, {}); }
 
     // --- faults ---
-    void SetReadError(bool lost) {
-        Locked([&] { readError_ = lost; });
-    }
-    void SetWriteError(bool lost) {
-        Locked([&] { writeError_ = lost; });
-    }
-    void OnRequest(RequestHook hook) {
-        Locked([&] { hook_ = std::move(hook); });
-    }
+    void SetReadError(bool lost) { Put(readError_, lost); }
+    void SetWriteError(bool lost) { Put(writeError_, lost); }
+    void OnRequest(RequestHook hook) { Put(hook_, std::move(hook)); }
 
     // --- counters ---
-    int ReadRequests() const {
-        return Locked([&] { return reads_; });
-    }
-    int WriteRequests() const {
-        return Locked([&] { return writes_; });
-    }
-    int Messages() const {
-        return Locked([&] { return messages_; });
-    } // every message seen
+    int ReadRequests() const { return Get(reads_); }
+    int WriteRequests() const { return Get(writes_); }
+    int Messages() const { return Get(messages_); } // every message seen
 
   private:
     static intptr_t Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam);
@@ -118,9 +109,8 @@ class TestHost {
 
     ZvHwnd window_ = nullptr;
     mutable std::mutex mutex_;
-    std::vector<uint8_t> incoming_;
-    std::size_t handedOver_ = 0; // bytes of incoming_ already handed over
-    std::vector<uint8_t> chunk_; // the block the port is reading from
+    std::deque<uint8_t> incoming_; // received, not yet handed over
+    std::vector<uint8_t> chunk_;   // the block the port is reading from
     std::size_t chunkSize_ = 0;
     std::size_t writeLimit_ = SIZE_MAX;
     int refuseWrites_ = 0;
