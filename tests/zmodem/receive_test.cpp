@@ -2,13 +2,8 @@
 // writes to disk, and how it recovers from damage, wrong positions, silence.
 #include <cstring>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "fake_clock.h"
-#include "port/port.h"
-#include "status_log.h"
-#include "temp_tree.h"
 #include "zm_wire.h"
 
 namespace zvxfer {
@@ -34,18 +29,8 @@ Bytes ZData(int32_t position, const std::vector<std::pair<Bytes, uint8_t>> &subp
 const auto ZEof = [](int32_t position) { return ZHeader(zm::ZEOF, position, 'C'); };
 
 // The hooks set here belong to the test's port and go with it.
-class ZmodemReceiver : public ::testing::Test {
+class ZmodemReceiver : public ZmodemScripted {
   protected:
-    void SetUp() override {
-        StatusLines().clear();
-        Open(XFER_EXISTING_OVERWRITE);
-    }
-    void TearDown() override { port_->Ops.PortClose(port_); }
-    void Open(int32_t policy) {
-        if (port_) port_->Ops.PortClose(port_);
-        port_ = PortOpen(0, host_.Window(), folder_.c_str(), policy);
-        ASSERT_NE(port_, nullptr);
-    }
     int32_t Receive() { return ZmodemReceiveWithOptions(port_, CollectStatus, nullptr, 0); }
     Bytes File(const std::string &name) {
         std::ifstream in(tree_.Path(name), std::ios::binary);
@@ -55,13 +40,6 @@ class ZmodemReceiver : public ::testing::Test {
         struct stat st {};
         return stat(tree_.Path(name).c_str(), &st) == 0 ? st.st_mtime : -1;
     }
-
-    FakeClock clock_{FakeClock::Scaled{1000}};
-    TempTree tree_;
-    const std::string folder_ = tree_.Folder();
-    TestHost host_;
-    ScriptedPeer peer_{host_};
-    XferPort *port_ = nullptr;
 };
 
 // Under the skip policy an existing file is answered with ZSKIP and kept;
@@ -69,7 +47,8 @@ class ZmodemReceiver : public ::testing::Test {
 // its folders stripped and its time; the last (ZF0 2: newline conversion,
 // time 0: unknown) gets the time of writing.
 TEST_F(ZmodemReceiver, SkipAnswersAndNewlinesInABatch) {
-    Open(XFER_EXISTING_SKIP);
+    port_->Ops.PortClose(port_);
+    port_ = PortOpen(0, host_.Window(), folder_.c_str(), XFER_EXISTING_SKIP);
     tree_.File("old.txt", "keep me");
     peer_.On(kRinit, ZFile("old.txt", 5, "13371234567"));
     peer_.On(Hex(zm::ZSKIP), ZFile("../up/a b.bin", 2500, "13371234567"));

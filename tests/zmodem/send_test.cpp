@@ -1,11 +1,8 @@
 // The ZMODEM sender against a scripted receiver: the exact bytes it writes,
 // where it waits for confirmation, and its restarts on ZRPOS.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "fake_clock.h"
-#include "temp_tree.h"
 #include "zm_wire.h"
 
 namespace zvxfer {
@@ -13,14 +10,8 @@ namespace {
 
 using namespace test;
 
-class ZmodemSender : public ::testing::Test {
+class ZmodemSender : public ZmodemScripted {
   protected:
-    void SetUp() override {
-        port_ = PortOpen(0, host_.Window(), folder_.c_str(), XFER_EXISTING_OVERWRITE);
-        ASSERT_NE(port_, nullptr);
-    }
-    void TearDown() override { port_->Ops.PortClose(port_); }
-
     // A file of `size` bytes; the receiver answers ZRQINIT with ZRINIT of
     // `flags`, the test's steps follow, then ZRINIT after ZEOF and ZFIN.
     void Prepare(std::size_t size, uint8_t flags) {
@@ -68,12 +59,6 @@ class ZmodemSender : public ::testing::Test {
         return out;
     }
 
-    FakeClock clock_{FakeClock::Scaled{10}};
-    TempTree tree_;
-    const std::string folder_ = tree_.Folder();
-    TestHost host_;
-    XferPort *port_ = nullptr;
-    ScriptedPeer peer_{host_};
     Bytes file_;
     uint8_t flags_ = 0;
 };
