@@ -15,39 +15,35 @@ class ZmodemSender : public ZmodemScripted {
     // A file of `size` bytes; the receiver answers ZRQINIT with ZRINIT of
     // `flags`, the test's steps follow, then ZRINIT after ZEOF and ZFIN.
     void Prepare(std::size_t size, uint8_t flags) {
-        file_ = Pattern(size);
-        const std::string path = tree_.File("f.bin", std::string(file_.begin(), file_.end()));
+        const Bytes file = Pattern(size);
+        const std::string path = tree_.File("f.bin", std::string(file.begin(), file.end()));
         const struct timespec times[2] = {{1700000000, 0}, {1700000000, 0}};
         EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+        size_ = static_cast<int32_t>(size);
         flags_ = flags;
         peer_.On(Hex(zm::ZRQINIT), Hex(zm::ZRINIT, flags << 24));
     }
-    int32_t Run(std::vector<int32_t> options = {}) {
-        peer_.On(Header(zm::ZEOF, Size()), Hex(zm::ZRINIT, flags_ << 24));
+    int32_t Run(int32_t option1 = 0, int32_t option2 = 0) {
+        peer_.On(Header(zm::ZEOF, size_), Hex(zm::ZRINIT, flags_ << 24));
         peer_.On(Hex(zm::ZFIN), Hex(zm::ZFIN));
         std::string names = "\"" + tree_.Path("f.bin") + "\"";
-        options.resize(4, 0);
-        const int32_t result = ZmodemSendWithOptions(
-            port_, names.data(), nullptr, nullptr, options[0], options[1], options[2], options[3]);
+        const int32_t result =
+            ZmodemSendWithOptions(port_, names.data(), nullptr, nullptr, option1, option2, 0, 0);
         EXPECT_EQ(peer_.Pending(), 0u);
         return result;
     }
-    int32_t Size() const { return static_cast<int32_t>(file_.size()); }
     // ZRQINIT, ZFILE with ZF0/ZF1 and its text; ZEOF, ZFIN and "OO".
     Bytes NameText() const {
-        return Sub(Str("f.bin" + std::string(1, '\0') + std::to_string(Size()) + " 14524770400 0"),
+        return Sub(Cat(Str("f.bin"), Bytes{0}, Str(std::to_string(size_) + " 14524770400 0")),
                    zm::ZCRCW);
     }
     Bytes Start(int32_t zf = 0) const {
         return Cat(Hex(zm::ZRQINIT), Header(zm::ZFILE, zf), NameText());
     }
-    Bytes End() const { return Cat(Header(zm::ZEOF, Size()), Hex(zm::ZFIN), Str("OO")); }
-    Bytes Header(int type, int32_t position) const {
-        return ZHeader(type, position, flags_ & zm::CANFC32 ? 'C' : 'A');
-    }
-    Bytes Sub(const Bytes &data, uint8_t end) const {
-        return ZSubpacket(data, end, flags_ & zm::CANFC32);
-    }
+    Bytes End() const { return Cat(Header(zm::ZEOF, size_), Hex(zm::ZFIN), Str("OO")); }
+    bool Crc32() const { return flags_ & zm::CANFC32; }
+    Bytes Header(int type, int32_t at) const { return ZHeader(type, at, Crc32() ? 'C' : 'A'); }
+    Bytes Sub(const Bytes &data, uint8_t end) const { return ZSubpacket(data, end, Crc32()); }
     // Subpackets of 1024 of the file's bytes [from, to), the last ending
     // with `last` if given.
     Bytes Subs(std::size_t from, std::size_t to, uint8_t end, uint8_t last = 0) const {
@@ -59,7 +55,7 @@ class ZmodemSender : public ZmodemScripted {
         return out;
     }
 
-    Bytes file_;
+    int32_t size_ = 0;
     uint8_t flags_ = 0;
 };
 
@@ -91,7 +87,7 @@ TEST_F(ZmodemSender, WindowlessCrc16RestartsWhereTheReceiverAsks) {
     peer_.On(Subs(1024, 2048, zm::ZCRCG), Hex(zm::ZRPOS, 1024));
     peer_.On(restart, Hex(zm::ZACK, 1024), true);
     peer_.On(Subs(2048, 3000, zm::ZCRCW), Hex(zm::ZACK, 3000), true);
-    EXPECT_EQ(Run({XferOptZmNoWindow}), 1);
+    EXPECT_EQ(Run(XferOptZmNoWindow), 1);
     EXPECT_EQ(host_.Written(),
               Cat(Start(), Header(zm::ZDATA, 0), Subs(0, 2048, zm::ZCRCG), Sub({}, zm::ZCRCE),
                   restart, Header(zm::ZDATA, 1024), Subs(1024, 3000, zm::ZCRCG, zm::ZCRCW), End()));
@@ -102,7 +98,7 @@ TEST_F(ZmodemSender, WindowlessCrc16RestartsWhereTheReceiverAsks) {
 TEST_F(ZmodemSender, AReceiverAtTheEndGetsZeofAtOnce) {
     Prepare(3000, zm::kOurRinitFlags);
     peer_.On(NameText(), Hex(zm::ZRPOS, 3000));
-    EXPECT_EQ(Run({XferOptZmResume, XferOptZmAppend}), 1);
+    EXPECT_EQ(Run(XferOptZmResume, XferOptZmAppend), 1);
     EXPECT_EQ(host_.Written(), Cat(Start(3 << 24 | 3 << 16), End()));
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <tuple>
 
 #include "fake_clock.h"
 #include "port/port.h"
@@ -63,16 +64,12 @@ class ScriptedPeer {
     ~ScriptedPeer() { host_.OnRequest(nullptr); }
 
     void On(Bytes trigger, Bytes response, bool idle = false) {
-        steps_.push_back({std::move(trigger), std::move(response), idle});
+        steps_.emplace_back(std::move(trigger), std::move(response), idle);
     }
     std::size_t Pending() const { return steps_.size() - next_; }
     std::vector<std::size_t> idleAt; // bytes written when each idle step answered
 
   private:
-    struct Step {
-        Bytes trigger, response;
-        bool idle;
-    };
     void Advance(TestHost &h, uintptr_t request) {
         const Bytes written = h.Written();
         const bool fresh = written.size() != seen_;
@@ -80,20 +77,18 @@ class ScriptedPeer {
         if (request != PORT_READ) return;
         idleReads_ = fresh ? 0 : idleReads_ + 1;
         for (; next_ < steps_.size(); ++next_) {
-            const Step &step = steps_[next_];
-            const auto at =
-                std::search(written.begin() + static_cast<long>(std::min(matched_, seen_)),
-                            written.end(), step.trigger.begin(), step.trigger.end());
-            if ((at == written.end() && !step.trigger.empty()) || (step.idle && idleReads_ < 2))
-                return;
-            if (step.idle) idleAt.push_back(seen_);
-            matched_ = static_cast<std::size_t>(at - written.begin()) + step.trigger.size();
-            h.Receive(step.response);
+            const auto &[trigger, response, idle] = steps_[next_];
+            const auto from = written.begin() + static_cast<long>(std::min(matched_, seen_));
+            const auto at = std::search(from, written.end(), trigger.begin(), trigger.end());
+            if ((at == written.end() && !trigger.empty()) || (idle && idleReads_ < 2)) return;
+            if (idle) idleAt.push_back(seen_);
+            matched_ = static_cast<std::size_t>(at - written.begin()) + trigger.size();
+            h.Receive(response);
         }
     }
 
     TestHost &host_;
-    std::vector<Step> steps_;
+    std::vector<std::tuple<Bytes, Bytes, bool>> steps_; // trigger, response, idle
     std::size_t next_ = 0, matched_ = 0, seen_ = 0;
     int idleReads_ = 0;
 };
