@@ -148,9 +148,9 @@ TEST_F(ZmodemReader, FiveCansCancelInsideDataAndWhileHunting) {
     EXPECT_EQ(ReadFrameHeader(&r_, 1), zm::ZRINIT);
     EXPECT_EQ(ReadFrameHeader(&r_, 1), XferErrRemoteAbort);
     r_.Result = 0;
-    host_.Receive(Cat(Bytes{'a', zm::CAN, 'X'}, Bytes(5, zm::CAN)));
+    host_.Receive(Cat(Bytes{'a'}, Bytes(4, zm::CAN), Bytes{'X'}, Bytes(5, zm::CAN)));
     EXPECT_EQ(ReadEscaped(&r_), 'a');
-    EXPECT_EQ(ReadEscaped(&r_), 0x18); // ZDLE 'X': a lone CAN is an escape
+    EXPECT_EQ(ReadEscaped(&r_), 0x18); // four CANs and 'X': an escaped ZDLE
     EXPECT_EQ(ReadEscaped(&r_), XferErrRemoteAbort);
     EXPECT_EQ(r_.Result, XferErrRemoteAbort);
     EXPECT_EQ(CountStatus("Transfer cancelled by the other side", 1), 2);
