@@ -92,7 +92,7 @@ TEST_F(ZmodemReceiver, DamageAndWrongPositionsAreAskedForAgainWhileAppending) {
     EXPECT_EQ(host_.Written(), Cat(kRinit, Rpos(0), Rpos(1024), Rpos(1024), kRinit, Hex(zm::ZFIN)));
     EXPECT_EQ(File("log.bin"), Cat(Str("old-"), Pattern(2048)));
     EXPECT_EQ(CountStatus("ZEOF at wrong position"), 1);
-    EXPECT_EQ(CountStatus("silence after noise"), 0);
+    EXPECT_EQ(CountStatus("silence after noise") + CountStatus("No response for"), 0); // at once
 }
 
 // A sender that never heard our ZRPOS: after ten silent seconds it is said
