@@ -1,91 +1,61 @@
 // The ZMODEM sender against a scripted receiver: the exact bytes it writes,
 // where it waits for confirmation, and its restarts on ZRPOS.
 #include <fcntl.h>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/stat.h>
-#include <vector>
 
-#include "fake_clock.h"
-#include "temp_tree.h"
-#include "test_host.h"
 #include "zm_wire.h"
-#include "zmodem/zmodem.h"
-#include "zvxfer.h"
 
 namespace zvxfer {
 namespace {
 
-using test::Bytes;
-using test::Cat;
-using test::Hex;
-using test::Str;
-using test::ZHeader;
-using test::ZSubpacket;
+using namespace test;
 
-class ZmodemSender : public ::testing::Test {
+class ZmodemSender : public ZmodemScripted {
   protected:
-    void SetUp() override {
-        port_ = PortOpen(0, host_.Window(), folder_.c_str(), XFER_EXISTING_OVERWRITE);
-        ASSERT_NE(port_, nullptr);
-    }
-    void TearDown() override { port_->Ops.PortClose(port_); }
-
     // A file of `size` bytes; the receiver answers ZRQINIT with ZRINIT of
     // `flags`, the test's steps follow, then ZRINIT after ZEOF and ZFIN.
     void Prepare(std::size_t size, uint8_t flags) {
-        file_ = test::Pattern(size);
-        const std::string path = tree_.File("f.bin", std::string(file_.begin(), file_.end()));
+        const Bytes file = Pattern(size);
+        const std::string path = tree_.File("f.bin", std::string(file.begin(), file.end()));
         const struct timespec times[2] = {{1700000000, 0}, {1700000000, 0}};
         EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+        size_ = static_cast<int32_t>(size);
         flags_ = flags;
         peer_.On(Hex(zm::ZRQINIT), Hex(zm::ZRINIT, flags << 24));
     }
-    int32_t Run(std::vector<int32_t> options = {}) {
-        peer_.On(Header(zm::ZEOF, Size()), Hex(zm::ZRINIT, flags_ << 24));
+    int32_t Run(int32_t option1 = 0, int32_t option2 = 0) {
+        peer_.On(Header(zm::ZEOF, size_), Hex(zm::ZRINIT, flags_ << 24));
         peer_.On(Hex(zm::ZFIN), Hex(zm::ZFIN));
         std::string names = "\"" + tree_.Path("f.bin") + "\"";
-        options.resize(4, 0);
-        const int32_t result = ZmodemSendWithOptions(
-            port_, names.data(), nullptr, nullptr, options[0], options[1], options[2], options[3]);
+        const int32_t result =
+            ZmodemSendWithOptions(port_, names.data(), nullptr, nullptr, option1, option2, 0, 0);
         EXPECT_EQ(peer_.Pending(), 0u);
         return result;
     }
-    int32_t Size() const { return static_cast<int32_t>(file_.size()); }
     // ZRQINIT, ZFILE with ZF0/ZF1 and its text; ZEOF, ZFIN and "OO".
     Bytes NameText() const {
-        return Sub(Str("f.bin" + std::string(1, '\0') + std::to_string(Size()) + " 14524770400 0"),
+        return Sub(Cat(Str("f.bin"), Bytes{0}, Str(std::to_string(size_) + " 14524770400 0")),
                    zm::ZCRCW);
     }
     Bytes Start(int32_t zf = 0) const {
         return Cat(Hex(zm::ZRQINIT), Header(zm::ZFILE, zf), NameText());
     }
-    Bytes End() const { return Cat(Header(zm::ZEOF, Size()), Hex(zm::ZFIN), Str("OO")); }
-    Bytes Header(int type, int32_t position) const {
-        return ZHeader(type, position, flags_ & zm::CANFC32 ? 'C' : 'A');
-    }
-    Bytes Sub(const Bytes &data, uint8_t end) const {
-        return ZSubpacket(data, end, flags_ & zm::CANFC32);
-    }
-    // The file's subpacket of 1024 bytes (fewer at the end) at `from`.
-    Bytes Part(std::size_t from, uint8_t end) const {
-        return Sub(test::Pattern(std::min(from + 1024, file_.size()), from), end);
-    }
-    // Subpackets from `from` to the end of the file, the last ending with `last`.
-    Bytes Subs(std::size_t from, std::size_t to, uint8_t end, uint8_t last) const {
+    Bytes End() const { return Cat(Header(zm::ZEOF, size_), Hex(zm::ZFIN), Str("OO")); }
+    bool Crc32() const { return flags_ & zm::CANFC32; }
+    Bytes Header(int type, int32_t at) const { return ZHeader(type, at, Crc32() ? 'C' : 'A'); }
+    Bytes Sub(const Bytes &data, uint8_t end) const { return ZSubpacket(data, end, Crc32()); }
+    // Subpackets of 1024 of the file's bytes [from, to), the last ending
+    // with `last` if given.
+    Bytes Subs(std::size_t from, std::size_t to, uint8_t end, uint8_t last = 0) const {
         Bytes out;
-        for (; from < to; from += 1024) out = Cat(out, Part(from, from + 1024 >= to ? last : end));
+        for (std::size_t next; from < to; from = next) {
+            next = std::min(from + 1024, to);
+            out = Cat(out, Sub(Pattern(next, from), next == to && last ? last : end));
+        }
         return out;
     }
 
-    test::FakeClock clock_{test::FakeClock::Scaled{10}};
-    test::TempTree tree_;
-    const std::string folder_ = tree_.Folder();
-    test::TestHost host_;
-    XferPort *port_ = nullptr;
-    test::ScriptedPeer peer_{host_};
-    Bytes file_;
+    int32_t size_ = 0;
     uint8_t flags_ = 0;
 };
 
@@ -96,12 +66,12 @@ TEST_F(ZmodemSender, WindowStopsAt4096UnconfirmedAndRestartsAtTheEnd) {
     Prepare(5000, zm::kOurRinitFlags);
     const Bytes restart = Cat(Header(zm::ZDATA, 5000), Sub({}, zm::ZCRCW));
     peer_.On(NameText(), Hex(zm::ZRPOS, 0));
-    peer_.On(Part(3072, zm::ZCRCQ), Hex(zm::ZACK, 4096), true);
-    peer_.On(Part(4096, zm::ZCRCW), Hex(zm::ZRPOS, 5000), true);
+    peer_.On(Subs(3072, 4096, zm::ZCRCQ), Hex(zm::ZACK, 4096), true);
+    peer_.On(Subs(4096, 5000, zm::ZCRCW), Hex(zm::ZRPOS, 5000), true);
     peer_.On(restart, Hex(zm::ZACK, 5000), true);
     EXPECT_EQ(Run(), 1);
-    const Bytes window = Cat(Start(), Header(zm::ZDATA, 0), Subs(0, 4096, zm::ZCRCQ, zm::ZCRCQ));
-    const Bytes data = Cat(window, Part(4096, zm::ZCRCW));
+    const Bytes window = Cat(Start(), Header(zm::ZDATA, 0), Subs(0, 4096, zm::ZCRCQ));
+    const Bytes data = Cat(window, Subs(4096, 5000, zm::ZCRCW));
     EXPECT_EQ(host_.Written(), Cat(data, restart, End()));
     EXPECT_EQ(peer_.idleAt,
               (std::vector<std::size_t>{window.size(), data.size(), data.size() + restart.size()}));
@@ -114,14 +84,13 @@ TEST_F(ZmodemSender, WindowlessCrc16RestartsWhereTheReceiverAsks) {
     Prepare(3000, zm::CANFDX | zm::CANOVIO);
     const Bytes restart = Cat(Header(zm::ZDATA, 1024), Sub({}, zm::ZCRCW));
     peer_.On(NameText(), Hex(zm::ZRPOS, 0));
-    peer_.On(Part(1024, zm::ZCRCG), Hex(zm::ZRPOS, 1024));
+    peer_.On(Subs(1024, 2048, zm::ZCRCG), Hex(zm::ZRPOS, 1024));
     peer_.On(restart, Hex(zm::ZACK, 1024), true);
-    peer_.On(Part(2048, zm::ZCRCW), Hex(zm::ZACK, 3000), true);
-    EXPECT_EQ(Run({XferOptZmNoWindow}), 1);
+    peer_.On(Subs(2048, 3000, zm::ZCRCW), Hex(zm::ZACK, 3000), true);
+    EXPECT_EQ(Run(XferOptZmNoWindow), 1);
     EXPECT_EQ(host_.Written(),
-              Cat(Start(), Header(zm::ZDATA, 0), Subs(0, 2048, zm::ZCRCG, zm::ZCRCG),
-                  Sub({}, zm::ZCRCE), restart, Header(zm::ZDATA, 1024),
-                  Subs(1024, 3000, zm::ZCRCG, zm::ZCRCW), End()));
+              Cat(Start(), Header(zm::ZDATA, 0), Subs(0, 2048, zm::ZCRCG), Sub({}, zm::ZCRCE),
+                  restart, Header(zm::ZDATA, 1024), Subs(1024, 3000, zm::ZCRCG, zm::ZCRCW), End()));
 }
 
 // Resume and append travel in ZFILE's ZF0 and ZF1; a receiver that answers
@@ -129,7 +98,7 @@ TEST_F(ZmodemSender, WindowlessCrc16RestartsWhereTheReceiverAsks) {
 TEST_F(ZmodemSender, AReceiverAtTheEndGetsZeofAtOnce) {
     Prepare(3000, zm::kOurRinitFlags);
     peer_.On(NameText(), Hex(zm::ZRPOS, 3000));
-    EXPECT_EQ(Run({XferOptZmResume, XferOptZmAppend}), 1);
+    EXPECT_EQ(Run(XferOptZmResume, XferOptZmAppend), 1);
     EXPECT_EQ(host_.Written(), Cat(Start(3 << 24 | 3 << 16), End()));
 }
 

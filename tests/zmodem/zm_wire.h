@@ -1,12 +1,15 @@
-// ZMODEM frames as a peer puts them on the line, and a scripted peer that
-// answers what our side writes, for the engine tests.
+// ZMODEM frames as a peer puts them on the line, a scripted peer that
+// answers what our side writes, and the port on a scripted line that the
+// engine tests share.
 #pragma once
 #include <algorithm>
-#include <cstdint>
-#include <string>
-#include <utility>
-#include <vector>
+#include <gtest/gtest.h>
+#include <tuple>
 
+#include "fake_clock.h"
+#include "port/port.h"
+#include "status_log.h"
+#include "temp_tree.h"
 #include "test_host.h"
 #include "zmodem/zmodem.h"
 
@@ -61,40 +64,52 @@ class ScriptedPeer {
     ~ScriptedPeer() { host_.OnRequest(nullptr); }
 
     void On(Bytes trigger, Bytes response, bool idle = false) {
-        steps_.push_back({std::move(trigger), std::move(response), idle});
+        steps_.emplace_back(std::move(trigger), std::move(response), idle);
     }
     std::size_t Pending() const { return steps_.size() - next_; }
     std::vector<std::size_t> idleAt; // bytes written when each idle step answered
 
   private:
-    struct Step {
-        Bytes trigger, response;
-        bool idle;
-    };
     void Advance(TestHost &h, uintptr_t request) {
         const Bytes written = h.Written();
         const bool fresh = written.size() != seen_;
         seen_ = written.size();
         if (request != PORT_READ) return;
         idleReads_ = fresh ? 0 : idleReads_ + 1;
-        while (next_ < steps_.size()) {
-            const Step &step = steps_[next_];
+        for (; next_ < steps_.size(); ++next_) {
+            const auto &[trigger, response, idle] = steps_[next_];
             const auto from = written.begin() + static_cast<long>(std::min(matched_, seen_));
-            const auto at =
-                std::search(from, written.end(), step.trigger.begin(), step.trigger.end());
-            if ((at == written.end() && !step.trigger.empty()) || (step.idle && idleReads_ < 2))
-                return;
-            if (step.idle) idleAt.push_back(seen_);
-            matched_ = static_cast<std::size_t>(at - written.begin()) + step.trigger.size();
-            h.Receive(step.response);
-            ++next_;
+            const auto at = std::search(from, written.end(), trigger.begin(), trigger.end());
+            if ((at == written.end() && !trigger.empty()) || (idle && idleReads_ < 2)) return;
+            if (idle) idleAt.push_back(seen_);
+            matched_ = static_cast<std::size_t>(at - written.begin()) + trigger.size();
+            h.Receive(response);
         }
     }
 
     TestHost &host_;
-    std::vector<Step> steps_;
+    std::vector<std::tuple<Bytes, Bytes, bool>> steps_; // trigger, response, idle
     std::size_t next_ = 0, matched_ = 0, seen_ = 0;
     int idleReads_ = 0;
+};
+
+// A port (existing files are overwritten) on a scripted line, a temporary
+// folder, and a clock running a thousand times faster than real time.
+class ZmodemScripted : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        StatusLines().clear();
+        port_ = PortOpen(0, host_.Window(), folder_.c_str(), XFER_EXISTING_OVERWRITE);
+        ASSERT_NE(port_, nullptr);
+    }
+    void TearDown() override { port_->Ops.PortClose(port_); }
+
+    FakeClock clock_{FakeClock::Scaled{1000}};
+    TempTree tree_;
+    const std::string folder_ = tree_.Folder();
+    TestHost host_;
+    ScriptedPeer peer_{host_};
+    XferPort *port_ = nullptr;
 };
 
 } // namespace zvxfer::test
