@@ -26,6 +26,15 @@ namespace {
 
 enum class Kind { Pipes, SocketPair, Pty };
 
+const char *Name(Kind kind) {
+    static const char *const kNames[] = {"Pipes", "SocketPair", "Pty"};
+    return kNames[static_cast<int>(kind)];
+}
+
+void PrintTo(Kind kind, std::ostream *os) {
+    *os << Name(kind);
+}
+
 // The host's fds and the far end's fds of one line; a socket or a pty is
 // one fd for the host, as in use.
 struct Line {
@@ -114,8 +123,12 @@ TEST_P(LineHostKinds, BytesBothWaysThenHangUp) {
     sigaction(SIGPIPE, &old, nullptr);
 }
 
+std::string KindName(const ::testing::TestParamInfo<Kind> &info) {
+    return Name(info.param);
+}
+
 INSTANTIATE_TEST_SUITE_P(Lines, LineHostKinds,
-                         ::testing::Values(Kind::Pipes, Kind::SocketPair, Kind::Pty));
+                         ::testing::Values(Kind::Pipes, Kind::SocketPair, Kind::Pty), KindName);
 
 // Pieces an engine writes stay queued while it streams (a look at the line
 // between writes) and go out in one write when it reads with only a short
