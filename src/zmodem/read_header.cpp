@@ -241,11 +241,7 @@ int32_t ReadFrameHeader(XferRecord *record, int returnOnError) {
         if (outcome >= 0) return outcome;
         XferStatus(record, 0, "ReadFrameHeader: Frame type %d", static_cast<int>(outcome));
         if (XferStopped(record)) return XferStopCode(record);
-        record->ErrorTotal++;
-        if (++record->ErrorRun >= ZmMaxErrors(record)) {
-            record->Result = XferErrTooManyErrors;
-            return XferErrTooManyErrors;
-        }
+        if (ZmCountError(record)) return XferErrTooManyErrors;
         if (returnOnError) return outcome;
     }
 }
@@ -254,11 +250,13 @@ bool ZmForgiveSilence(XferRecord *record, bool &forgiven) {
     if (record->Result != XferErrNoFilesSent || forgiven) return false;
     forgiven = true;
     record->Result = 0;
+    return !ZmCountError(record);
+}
+
+bool ZmCountError(XferRecord *record) {
     record->ErrorTotal++;
-    if (++record->ErrorRun >= ZmMaxErrors(record)) {
-        record->Result = XferErrTooManyErrors;
-        return false;
-    }
+    if (++record->ErrorRun < ZmMaxErrors(record)) return false;
+    record->Result = XferErrTooManyErrors;
     return true;
 }
 

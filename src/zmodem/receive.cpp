@@ -19,11 +19,6 @@ constexpr int32_t kPauseStepMs = 5;
 constexpr uint8_t kRinitData[4] = {0, 0, 0, zm::kOurRinitFlags};
 constexpr uint8_t kZeroData[4] = {0, 0, 0, 0};
 
-void CountError(XferRecord *r) {
-    r->ErrorTotal++;
-    if (++r->ErrorRun >= ZmMaxErrors(r)) r->Result = XferErrTooManyErrors;
-}
-
 // The local file name for the name that opens the ZFILE text in Buffer.
 void ComposeName(XferRecord *r, char *out) {
     char received[kNameLimit + 1];
@@ -79,7 +74,7 @@ int GetFileName(XferRecord *r) {
                 SendHexHeader(r, zm::ZACK, kZeroData);
             } else {
                 XferStatus(r, 0, "GetFileName: ZSINIT + bad packet");
-                CountError(r);
+                ZmCountError(r);
             }
             break;
         case zm::ZFILE:
@@ -99,7 +94,7 @@ int GetFileName(XferRecord *r) {
             if (type == zm::ZRQINIT)
                 announce = !AnswerFollows(r);
             else
-                CountError(r);
+                ZmCountError(r);
             break;
         }
         if (XferStopped(r)) return 0;

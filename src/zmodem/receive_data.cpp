@@ -99,13 +99,8 @@ bool AfterFrame(XferRecord *r, int32_t type, bool lastGood) {
     const bool dataHeader = type == zm::ZDATA || type == zm::ZEOF;
     const bool damagedHeader = padFound && (type < 0 || type == kZnak);
     if ((lastGood || !dataHeader) && padFound && !damagedHeader) return true;
-    if (padFound && type >= 0) { // a damaged header was counted by its reader
-        r->ErrorTotal++;
-        if (++r->ErrorRun >= ZmMaxErrors(r)) {
-            r->Result = XferErrTooManyErrors;
-            return false;
-        }
-    }
+    // A damaged header was counted by its reader.
+    if (padFound && type >= 0 && ZmCountError(r)) return false;
     if (r->FilePos != r->FileSize) ClearRXBuffer(r->Port);
     SendPosHeader(r, zm::ZRPOS);
     XferStatus(r, 0, "Sending a new file offset!!!");

@@ -24,16 +24,6 @@ bool Ended(const XferRecord *record) {
     return XferStopped(record) || record->Buffer == nullptr;
 }
 
-// One more error in a row; true when that reaches the limit (Result -610).
-bool CountError(XferRecord *record) {
-    record->ErrorTotal++;
-    if (++record->ErrorRun >= ZmMaxErrors(record)) {
-        record->Result = XferErrTooManyErrors;
-        return true;
-    }
-    return false;
-}
-
 } // namespace
 
 int OpenLink(XferRecord *record) {
@@ -54,7 +44,7 @@ int OpenLink(XferRecord *record) {
             return 1;
         }
         XferStatus(record, 0, "OpenLink: got %d instead of ZRINIT", static_cast<int>(type));
-        CountError(record);
+        ZmCountError(record);
     }
     return 0;
 }
@@ -113,7 +103,7 @@ int SendFileFrame(XferRecord *record) {
             continue;
         default:
             XferStatus(record, 0, "SendFile: read frame type %d", static_cast<int>(type));
-            if (XferStopped(record) || CountError(record)) return 0;
+            if (XferStopped(record) || ZmCountError(record)) return 0;
             continue;
         }
     }
@@ -133,7 +123,7 @@ int32_t CloseLink(XferRecord *record) {
         if (XferStopped(record)) break;
         // At the limit the next round sends ZFIN once more, posts the
         // notice and stops.
-        CountError(record);
+        ZmCountError(record);
     }
     XferWriteChar(record, 'O');
     XferWriteChar(record, 'O');

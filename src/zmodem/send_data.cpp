@@ -53,9 +53,7 @@ int AwaitAnswer(XferRecord *record, bool &failed) {
         if (XferCheckAbort(record)) return 1;
         if (plat::TickReached(plat::GetTickCount(), mark)) {
             mark += kAckWaitMs;
-            record->ErrorTotal++;
-            if (++record->ErrorRun >= ZmMaxErrors(record)) {
-                record->Result = XferErrTooManyErrors;
+            if (ZmCountError(record)) {
                 failed = true;
                 return 1;
             }

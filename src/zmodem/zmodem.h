@@ -169,6 +169,9 @@ int32_t ReadDataSubpacket(XferRecord *record);
 // taken back and counted as an error, so the caller can say it again;
 // true then.  False, with Result as it is, otherwise.
 bool ZmForgiveSilence(XferRecord *record, bool &forgiven);
+// One more error (ErrorTotal and ErrorRun); true when the run reaches the
+// limit, which sets Result -610.
+bool ZmCountError(XferRecord *record);
 int32_t ReadCrc16(XferRecord *record, int end);
 int32_t ReadCrc32(XferRecord *record, int end);
 
