@@ -43,20 +43,17 @@ bool SendNextSubpacket(XferRecord *record, uint8_t streamEnd) {
 
 // With the window full (or the last ZACKs still missing), wait for the
 // receiver to say something.  Every kAckWaitMs of silence counts as one
-// error.  0 when input is waiting, 1 when the transfer must stop (Result
-// set, or -610 returned through `failed`).
-int AwaitAnswer(XferRecord *record, bool &failed) {
+// error.  True when input is waiting; false when the transfer stopped (an
+// abort, or -610 at the error limit).
+bool AwaitAnswer(XferRecord *record) {
     XferPort *port = record->Port;
     uint32_t mark = plat::GetTickCount() + kAckWaitMs;
     for (;;) {
-        if (port->Ops.RxCount(port) > 0) return 0;
-        if (XferCheckAbort(record)) return 1;
+        if (port->Ops.RxCount(port) > 0) return true;
+        if (XferCheckAbort(record)) return false;
         if (plat::TickReached(plat::GetTickCount(), mark)) {
             mark += kAckWaitMs;
-            if (ZmCountError(record)) {
-                failed = true;
-                return 1;
-            }
+            if (ZmCountError(record)) return false;
         }
         plat::WaitForNewInput(kPauseMs);
     }
@@ -276,8 +273,8 @@ int32_t SendDataFrame(XferRecord *record) {
         } else if ((outstanding < windowSize || outstanding == 0) && more && !endWait) {
             frameEnd = SendNextSubpacket(record, zm::ZCRCQ);
         } else {
-            bool failed = false;
-            if (AwaitAnswer(record, failed)) return failed ? XferErrTooManyErrors : 0;
+            if (!AwaitAnswer(record))
+                return record->Result == XferErrTooManyErrors ? XferErrTooManyErrors : 0;
             answerWaiting = true;
         }
 
