@@ -79,7 +79,8 @@ def run_pair(send_argv, recv_argv, recv_cwd, timeout=600):
 
 def sample_files(work, size_mib):
     """The benchmark's big random file and the tiny one whose time is the
-    pairing's fixed cost; both the same for every run of a seed."""
+    pairing's fixed cost, as paths; fixed seeds give the same bytes on
+    every run."""
     paths = []
     for name, seed, size in (("bench.bin", 1, size_mib << 20), ("tiny.bin", 3, 1000)):
         paths.append(os.path.join(work, name))
