@@ -410,12 +410,13 @@ def run_from_shell(z, work, protocol, far_end, status):
         check(ended, "zvxfer did not end")
         check(open(rc_path).read().strip() == str(status), "exit %s: %s"
               % (open(rc_path).read().strip(), err))
+        # The shell runs what comes now, and lines in order: once this one
+        # ran, every line before it that reached the shell has run too.
+        shell.type("touch ALIVE")
+        check(shell.wait_for(os.path.join(work, "ALIVE"), 10), "the shell no longer reads")
         for leftover in ("PWNED1", "PWNED2"):
             check(not os.path.exists(os.path.join(work, leftover)),
                   "the shell ran a line sent after the transfer (%s): %s" % (leftover, err))
-        # The shell does run what comes now: the line above would have run.
-        shell.type("touch ALIVE")
-        check(shell.wait_for(os.path.join(work, "ALIVE"), 10), "the shell no longer reads")
         return out_dir, err
     finally:
         shell.close()
