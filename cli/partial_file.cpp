@@ -7,7 +7,16 @@
 namespace zvxfer::cli {
 
 void ReceivedFiles::Seen(const XferRecord &record) {
-    if (record.Sending || record.File == XFER_INVALID_FILE || record.FileName == nullptr) return;
+    if (record.Sending) return;
+    if (record.File == XFER_INVALID_FILE) {
+        // Closed, and the transfer has not failed: the file is whole
+        // (whether or not its size was announced).  A failure sets the
+        // result before its clean-up closes the file.
+        if (open_ && record.Result >= 0) complete_ = true;
+        open_ = false;
+        return;
+    }
+    if (record.FileName == nullptr) return;
     // The file is asked for its identity at every look, not only when the
     // name changes: a batch may write the same name twice, and a closed
     // file's descriptor number comes back for the next one.
@@ -19,16 +28,18 @@ void ReceivedFiles::Seen(const XferRecord &record) {
         // The first look at a file comes right after the library opened
         // it, before any data: a file it created is still empty.
         createdHere_ = st.st_size == 0;
+        complete_ = false;
         device_ = device;
         inode_ = inode;
     }
     any_ = true;
+    open_ = true;
     if (name_ != record.FileName) name_ = record.FileName;
     announced_ = record.FileSize;
 }
 
 std::optional<PartialFile> ReceivedFiles::Partial() const {
-    if (!any_) return std::nullopt;
+    if (!any_ || complete_) return std::nullopt;
     struct stat st {};
     if (lstat(name_.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
     if (static_cast<uint64_t>(st.st_dev) != device_ || static_cast<uint64_t>(st.st_ino) != inode_)

@@ -23,7 +23,8 @@ struct PartialFile {
 
 class ReceivedFiles {
   public:
-    // A look at the record during a receive; cheap when no file is open.
+    // A look at the record during a receive.  A file that was open and is
+    // closed while the transfer goes on without a failure has completed.
     void Seen(const XferRecord &record);
 
     // After a failed receive: the partial file, if the last file opened is
@@ -38,6 +39,8 @@ class ReceivedFiles {
     uint64_t inode_ = 0;
     int32_t announced_ = 0; // 0: unknown
     bool createdHere_ = false;
+    bool open_ = false;     // the last look found the file open
+    bool complete_ = false; // it was closed with the transfer going on
 };
 
 } // namespace zvxfer::cli

@@ -22,7 +22,7 @@ import tty
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 from case_runner import Failure, check, make_file, run_cases  # noqa: E402
 
-SOH, STX, EOT, ACK, CAN = 0x01, 0x02, 0x04, 0x06, 0x18
+SOH, STX, EOT, ACK, NAK, CAN = 0x01, 0x02, 0x04, 0x06, 0x15, 0x18
 
 
 def crc16(data):
@@ -182,15 +182,22 @@ def case_ctrl_c_cancels_sender_and_receiver(z, work):
             far.close()
 
 
-def ymodem_sender(far, name, size, blocks, between=None):
-    # Plays a YMODEM sender: block 0 naming the file, the given 1 KiB blocks,
-    # then (the sender giving up) a cancel instead of the end of the file.
+def ymodem_sender(far, name, size, blocks, between=None, whole=False):
+    # Plays a YMODEM sender: block 0 naming the file (no size when size is
+    # 0), the given 1 KiB blocks, then (the sender giving up) a cancel, in
+    # the file or (whole) after its end.
     check(far.read(1) == b"C", "no C from the receiver: " + far.stderr())
-    far.send(block(0, name + b"\x00%d 0 0" % size, 128))
+    far.send(block(0, name + (b"\x00%d 0 0" % size if size else b"\x00"), 128))
     check(far.read(2) == bytes([ACK]) + b"C", "block 0 not taken: " + far.stderr())
     for number, data in enumerate(blocks, 1):
         far.send(block(number, data, 1024))
         check(far.read(1) == bytes([ACK]), "block %d not taken: %s" % (number, far.stderr()))
+    if whole:
+        far.send(bytes([EOT]))
+        if far.read(1) == bytes([NAK]):
+            far.send(bytes([EOT]))
+            check(far.read(1) == bytes([ACK]), "EOT not taken: " + far.stderr())
+        check(far.read(1) == b"C", "no C for the next file: " + far.stderr())
     if between:
         between()
     far.send(bytes([CAN]) * 8)
@@ -209,20 +216,22 @@ def case_failed_receive_names_its_partial_file(z, work):
     # another file by the end, is neither.
     data = random.Random(11).randbytes(2048)
     other = make_file(work, "other.bin", 300, 12)
-    cases = [  # what, options, announced size, blocks, replace the name, expected ending
-        ("kept", [], 5000, [data[:1024]], False, "kept"),
-        ("removed", ["--remove-partial"], 5000, [data[:1024]], False, "removed"),
-        ("unknown size kept", [], 0, [data[:1024], data[1024:]], False, "kept"),
-        ("complete file", ["--remove-partial"], 1000, [data[:1000]], False, None),
-        ("name holds another file", ["--remove-partial"], 5000, [data[:1024]], True, None),
+    cases = [  # what, options, announced size, blocks, replace the name, ended, expected
+        ("kept", [], 5000, [data[:1024]], False, False, "kept"),
+        ("removed", ["--remove-partial"], 5000, [data[:1024]], False, False, "removed"),
+        ("unknown size kept", [], 0, [data[:1024], data[1024:]], False, False, "kept"),
+        ("all bytes of the size", ["--remove-partial"], 1000, [data[:1000]], False, False, None),
+        ("ended, unknown size", ["--remove-partial"], 0, [data[:1024]], False, True, None),
+        ("name holds another file", ["--remove-partial"], 5000, [data[:1024]], True, False, None),
     ]
-    for what, options, size, blocks, replace, ending in cases:
+    for what, options, size, blocks, replace, whole, ending in cases:
         out_dir = tempfile.mkdtemp(dir=work)
         path = os.path.join(out_dir, "f.bin")
         far = Far([z, "receive", "-p", "ymodem", "-d", out_dir] + options)
         try:
             out, rc = ymodem_sender(far, b"f.bin", size, blocks,
-                                    (lambda: replace_file(other, path)) if replace else None)
+                                    (lambda: replace_file(other, path)) if replace else None,
+                                    whole)
             err = far.stderr()
         finally:
             far.close()
