@@ -347,6 +347,7 @@ TEST_F(CoreRecord, OptionBlockHoldsCodesInTheirSlotsForTheGenericEntries) {
         // clang-format off
         {{1010, 1022, 1007, 5, 0}, {5, 1007, 6, 5}, 6}, // skipped words (1022 has no slot)
         {{1018, 1020, 1003, -1, 1004, 0}, {17, 1020, 1, 1003}, 9}, // 1018..1023 share slot 17; -1 ends
+        {{1016, 0, 1008, 0}, {8, 1016, 9, 0}, 7}, // a value code takes the end as its value; nothing after it is read
         {{1012, 700, 1029, 2048, 1028, 4, 1024, 0x102, 1027, 1, 1008, 1016, 9, 0},
          {12, 1012, 13, 700, 26, 1029, 27, 2048, 24, 1028, 25, 4, 18, 1024, 19, 0x102,
           22, 1027, 23, 1, 7, 1008, 8, 1016, 9, 9}, -1},
