@@ -170,6 +170,16 @@ XferFile FileCreateBeneath(const char *base, const char *relative) {
         errno = EINVAL;
         return Fail(XFER_INVALID_FILE);
     }
+    // The whole name is checked before any folder is made for it.
+    for (std::string_view rest(relative);;) {
+        const std::size_t slash = rest.find('/');
+        if (BadComponent(rest.substr(0, slash))) {
+            errno = EINVAL;
+            return Fail(XFER_INVALID_FILE);
+        }
+        if (slash == rest.npos) break;
+        rest.remove_prefix(slash + 1);
+    }
     Fd folder(open(*base ? base : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder.Get() < 0) return Fail(XFER_INVALID_FILE);
 
@@ -177,10 +187,6 @@ XferFile FileCreateBeneath(const char *base, const char *relative) {
     for (;;) {
         const std::size_t slash = rest.find('/');
         const std::string name(rest.substr(0, slash));
-        if (BadComponent(name)) {
-            errno = EINVAL;
-            return Fail(XFER_INVALID_FILE);
-        }
         if (slash != rest.npos) {
             folder = Fd(EnterFolder(folder.Get(), name));
             if (folder.Get() < 0) return Fail(XFER_INVALID_FILE);
