@@ -1,6 +1,6 @@
 // Files created beneath a folder: links below the folder never followed,
 // subfolders made as needed, old files replaced only through a committed
-// temporary file; and what kind of entry a name is, without following it.
+// temporary file.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -137,18 +137,6 @@ TEST_F(Beneath, AnOldFileIsReplacedOnlyByACommittedFileAndNeverWhileHeld) {
     ASSERT_NE(f, XFER_INVALID_FILE);
     EXPECT_TRUE(Write(f, "new") && plat::FileCommit(f) && plat::FileClose(f));
     EXPECT_EQ(Content(tree.Path("in/" + longName)), "new");
-}
-
-TEST_F(Beneath, EntryKindsAreTheEntriesThemselves) {
-    using K = plat::EntryKind;
-    const std::pair<const char *, K> cases[] = {
-        {"in/plain", K::Other},     {"in/fifo", K::Other},      {"in/adir", K::Directory},
-        {"in/linkdir", K::Symlink}, {"in/tofile", K::Symlink},  {"in/dangling", K::Symlink},
-        {"in/missing", K::Missing}, {"in/plain/x", K::Missing},
-    };
-    for (const auto &[name, kind] : cases)
-        EXPECT_EQ(plat::FileEntryKind(tree.Path(name).c_str()), kind) << name;
-    EXPECT_EQ(plat::FileEntryKind(""), K::Missing);
 }
 
 } // namespace
