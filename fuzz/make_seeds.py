@@ -133,6 +133,27 @@ write(zf, "capital-hex-and-unknown-format", bytes([2]) + b"**\x18B0100000027FED4
 write(zf, "overlong-subpacket", bytes([0xF0]) + zbin(10) + b"a" * 1100 + bytes([ZDLE, ord("k")]))
 
 
+# --- received names: a set-up byte (bit 0 full path), the room, the name ---
+
+rn = "received_name"
+for seed, full, room, name in [
+    ("plain", 0, 255, b"report.txt"),
+    ("absolute-full", 1, 255, b"/etc/passwd"),
+    ("climb-full", 1, 255, b"../../../x"),
+    ("drive-backslash-full", 1, 255, b"C:\\dl\\sub\\x.bin"),
+    ("drive-bare", 0, 255, b"A:FILE.TXT"),
+    ("controls-and-del", 1, 255, b"a\x01b\x1b[2J\x7f/c"),
+    ("nul-ends-name", 0, 255, b"x\x00/etc/passwd"),
+    ("only-dots", 1, 255, b"./.././"),
+    ("cut-at-separator", 1, 3, b"ab/cd"),
+    ("cut-leaves-dots", 1, 4, b"x/..."),
+    ("cut-inside-utf8", 0, 3, "\u00e9\u00e9".encode()),
+    ("no-room", 0, 0, b"abc"),
+    ("long-name", 1, 200, b"d/" * 150),
+]:
+    write(rn, seed, bytes([full, room]) + name)
+
+
 # --- the program's escaping of line text ------------------------------------
 
 st = "shown_text"

@@ -25,6 +25,7 @@ int64_t FileSeek(XferFile file, int64_t offset, int whence);
 bool FileFlush(XferFile file);
 // Set access and modification time (there is no creation time to set).
 bool FileSetTimes(XferFile file, int64_t unixSeconds);
+// Close; a replacement not committed is removed first.
 bool FileClose(XferFile file);
 
 struct FileFacts {
@@ -35,6 +36,31 @@ struct FileFacts {
 };
 // Status of a path (follows links).
 FileFacts FileStat(const char *path);
+
+// What a directory entry is, the entry itself (a symlink is not followed).
+enum class EntryKind { Missing, Directory, Symlink, Other };
+EntryKind FileEntryKind(const char *path);
+
+// Create `relative` (components separated by '/') for writing beneath the
+// folder `base` ("" is the current folder; `base` itself may be a link):
+//   - no symlink below `base` is followed; missing subfolders are created
+//     and each one must be a real folder;
+//   - a missing file is created exclusively (O_EXCL);
+//   - an existing regular file is left as it is: the handle writes to a new
+//     temporary file ".<name>.zvxfer-XXXXXX" in the same folder, which
+//     FileCommit renames over the old file.  An old file that another
+//     exclusive open holds, or that this process could not write, is
+//     refused;
+//   - anything else in the way (a symlink, a folder, a device) is refused.
+// `relative` must not be empty, absolute or hold "", "." or ".."
+// components.  The handle has exclusive access like FileOpen's.
+XferFile FileCreateBeneath(const char *base, const char *relative);
+// Finish a file from FileCreateBeneath that is complete: a pending
+// replacement is renamed over the old file (which then has the old file's
+// permissions).  True when there was nothing to do or the rename worked.
+// A pending replacement that is closed without this is removed, and the old
+// file stays as it was.
+bool FileCommit(XferFile file);
 
 // The error number of the last failed platform call of this thread.
 int LastError();

@@ -2,6 +2,7 @@
 // before any truncation), whole reads and writes, seeking, flushing, times
 // and status.
 #include "platform/file.h"
+#include "platform/posix/file_internal.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -11,16 +12,9 @@
 
 namespace zvxfer::plat {
 
-namespace {
-
 thread_local int tLastError = 0;
 
-// Record errno for LastError and pass a failure value through.
-template <typename T>
-T Fail(T value) {
-    tLastError = errno;
-    return value;
-}
+namespace {
 
 int OpenFlags(FileAccess access, FileDisposition disposition) {
     int flags = O_CLOEXEC;
@@ -106,6 +100,7 @@ bool FileClose(XferFile file) {
         errno = EBADF;
         return Fail(false);
     }
+    DropReplacement(static_cast<int>(file));
     return close(static_cast<int>(file)) == 0 || Fail(false);
 }
 

@@ -5,6 +5,8 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 #include "zvxfer.h"
 
@@ -56,7 +58,11 @@ int XferCheckAbort(XferRecord *record);
 // set, clean-up done).  A receiver's FileName buffer must hold at least
 // three characters more than the name (policy 1 may grow it by "(1)").
 int XferOpenFile(XferRecord *record);
-// Flush, stamp FileTime (unless -1), close; safe when nothing is open.
+// Write what is gathered, flush and close; safe when nothing is open.  Only
+// a file whose transfer completed (Result 0) is stamped with FileTime
+// (unless -1) and, when it replaces an old file, renamed over it; any other
+// replacement is removed and the old file stays.  A failed last write or
+// rename makes a complete file fail with -607.
 void XferCloseFile(XferRecord *record);
 // End the transfer: close the file, on failure send the cancel string
 // (XMODEM family; ZMODEM after PurgeTx unless the remote aborted), settle for
@@ -83,16 +89,42 @@ int32_t XferWriteBuffer(XferRecord *record, const uint8_t *bytes, uint32_t count
 const char *BareName(const char *name);
 char *BareName(char *name);
 
+// True for the protocols whose receivers take file names from the line
+// (YMODEM, ZMODEM, Kermit, B+); XMODEM and ASCII receive into the name the
+// host gave.
+constexpr bool XferNamesFromLine(int32_t protocol) {
+    return protocol == Ymodem || protocol == YmodemG || protocol == Zmodem || protocol == Kermit ||
+           protocol == CompuServeBPlus;
+}
+
+// A name from the line as a name relative to the receive folder, at most
+// `room` characters (cut, never inside a UTF-8 sequence).  A NUL ends it;
+// control bytes (0x01-0x1F, 0x7F) become '_'.  Without `fullPath` it is the
+// bare name (BareName); with it the components between '/' and '\', with a
+// leading drive ("C:") and the components "", "." and ".." dropped, joined
+// with '/'.  A final name that is empty becomes "unnamed", "." becomes "_"
+// and ".." becomes "__".  So the result is never absolute and never climbs.
+std::string MapReceivedName(std::string_view received, bool fullPath, std::size_t room);
+
 // The local name for a name received from the other side, into `out` (at
-// least 256 bytes): with StripPath its bare name inside the port's receive
-// folder (or the folder text itself when that is no folder; an empty folder
-// is the current one), otherwise the name as it came; cut to 255
-// characters.  Traces the bare name after `strippedLabel`, then
-// "Complete Path %s".
+// least 256 bytes), cut to 255 characters: the port's receive folder text
+// followed by the mapped name, bare with StripPath, with its folders
+// otherwise (an empty folder is the current one).  With StripPath and a
+// folder text that names no folder, the folder text itself.  Traces the
+// mapped bare name after `strippedLabel`, then "Complete Path %s".
 void XferReceivedName(XferRecord *r, const char *received, char *out, const char *strippedLabel);
 
-// True when a file (not a directory) of this name exists, found by a
-// directory search.  Null and empty names do not exist.
+// Where the default file opener creates a received file: the folder `base`
+// (up to and including the last '/' of the receive folder text for names
+// from the line, of the name itself for names from the host; "" is the
+// current folder) and the part `rest` below it.  A name from the line must
+// start with the receive folder text.  False when it does not, or when
+// `rest` is empty, absolute or holds an empty, "." or ".." component.
+bool XferReceivePlace(const XferRecord *r, const char *name, std::string &base, std::string &rest);
+
+// True when a directory entry of this name exists that is not a folder: a
+// file found by a directory search, or any symlink (dangling or to a
+// folder too).  Null and empty names do not exist.
 bool XferFileExists(const char *name);
 
 // Room a receiver's name buffer needs beyond the name for XferFreeName.

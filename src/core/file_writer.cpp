@@ -21,9 +21,11 @@ FileWriter::~FileWriter() {
     t_innermost = outer_;
 }
 
-void FlushGatheredData(XferRecord *record) {
+bool FlushGatheredData(XferRecord *record) {
+    bool written = true;
     for (FileWriter *w = t_innermost; w != nullptr; w = w->outer_)
-        if (w->record_ == record) w->Flush();
+        if (w->record_ == record && !w->Flush()) written = false;
+    return written;
 }
 
 bool FileWriter::Append(const uint8_t *data, std::size_t count) {

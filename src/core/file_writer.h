@@ -27,7 +27,7 @@ class FileWriter {
     bool Flush();
 
   private:
-    friend void FlushGatheredData(XferRecord *record);
+    friend bool FlushGatheredData(XferRecord *record);
     XferRecord *record_;
     FileWriter *outer_; // the writer of an enclosing transfer on this thread
     std::array<uint8_t, 64 * 1024> piece_;
@@ -35,7 +35,7 @@ class FileWriter {
 };
 
 // Write what the thread's writers hold for this record's file (called
-// before the file closes).
-void FlushGatheredData(XferRecord *record);
+// before the file closes); false when the file took less.
+bool FlushGatheredData(XferRecord *record);
 
 } // namespace zvxfer

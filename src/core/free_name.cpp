@@ -1,15 +1,20 @@
-// Existence checks and the free-name rule used when a received file would
-// overwrite an existing one (existing-file policy 1).
+// Existence checks (links count, whatever they point to) and the free-name rule used when a
+// received file would overwrite an existing one (existing-file policy 1).
 #include <cstring>
 #include <string>
 
 #include "core/core.h"
 #include "platform/dirsearch.h"
+#include "platform/file.h"
 
 namespace zvxfer {
 
 bool XferFileExists(const char *name) {
     if (name == nullptr || *name == '\0') return false;
+    // The search follows links: a link in the way counts whatever it points
+    // to (or when it points nowhere), so that nothing is written through it.
+    const plat::EntryKind kind = plat::FileEntryKind(name);
+    if (kind == plat::EntryKind::Symlink || kind == plat::EntryKind::Other) return true;
     plat::FindData entry;
     plat::FindHandle search = plat::FindFirst(name, entry);
     bool found = false;

@@ -111,12 +111,17 @@ ZVXFER_EXTERN FileTransferOptions *CLSetFileTransferOptions(const int32_t *list)
         static_cast<FileTransferOptions *>(plat::HeapAllocZero(sizeof(FileTransferOptions)));
     if (!block) return nullptr;
     for (int32_t &slot : block->Slot) slot = kUnset;
-    for (std::size_t i = 0; list && list[i] != 0 && list[i] != -1; ++i) {
+    auto ends = [](int32_t word) { return word == XferOptEnd || word == -1; };
+    for (std::size_t i = 0; list && !ends(list[i]); ++i) {
         const int32_t code = list[i];
         const int slot = code == XferOptZmProtect ? -1 : SlotFor(code);
         if (slot < 0) continue; // 1001, 1010, 1013, 1022 and strangers are skipped
         block->Slot[slot] = code;
-        if (OptionTakesValue(code)) block->Slot[slot + 1] = list[++i];
+        if (!OptionTakesValue(code)) continue;
+        block->Slot[slot + 1] = list[++i];
+        // A value code right before the end takes the terminator as its
+        // value; the list has ended there, and nothing past it is read.
+        if (ends(list[i])) break;
     }
     return block;
 }

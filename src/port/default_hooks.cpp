@@ -2,7 +2,9 @@
 // windows alive and hands close requests back to the host's own loop, and
 // the file opener over the platform's exclusive opens.
 #include <cstring>
+#include <string>
 
+#include "core/core.h"
 #include "platform/file.h"
 #include "platform/message.h"
 #include "port/port.h"
@@ -35,7 +37,20 @@ int32_t DefaultIdle(XferPort *) {
     return 0;
 }
 
-XferFile DefaultFileOpen(XferRecord *, const char *name, const char *mode) {
+namespace {
+
+// A received file: below the receive folder for names from the line, in the
+// host's folder for a name the host gave; no symlink followed on the way,
+// and an old file replaced only once the new one is complete.
+XferFile OpenForWriting(const XferRecord *record, const char *name) {
+    std::string base, rest;
+    if (!XferReceivePlace(record, name, base, rest)) return XFER_INVALID_FILE;
+    return plat::FileCreateBeneath(base.c_str(), rest.c_str());
+}
+
+} // namespace
+
+XferFile DefaultFileOpen(XferRecord *record, const char *name, const char *mode) {
     if (name == nullptr || mode == nullptr) return XFER_INVALID_FILE;
     using plat::FileAccess;
     using plat::FileDisposition;
@@ -45,9 +60,7 @@ XferFile DefaultFileOpen(XferRecord *, const char *name, const char *mode) {
     if (std::strcmp(mode, "ab") == 0) {
         return plat::FileOpen(name, FileAccess::Write, FileDisposition::OpenExisting);
     }
-    if (std::strcmp(mode, "wb") == 0) {
-        return plat::FileOpen(name, FileAccess::Write, FileDisposition::CreateAlways);
-    }
+    if (std::strcmp(mode, "wb") == 0) return OpenForWriting(record, name);
     return XFER_INVALID_FILE;
 }
 

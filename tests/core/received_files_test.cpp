@@ -1,0 +1,308 @@
+// Received names and files: the mapping of a name from the line to a name
+// below the receive folder, where the default opener places it, and whole
+// YMODEM and XMODEM receives from a scripted sender into a folder that
+// holds links to elsewhere, under each existing-file policy, ending well or
+// failing.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+#include "core/core.h"
+#include "fake_clock.h"
+#include "link_files.h"
+#include "temp_tree.h"
+#include "test_host.h"
+#include "xmodem/xmodem.h"
+
+namespace zvxfer {
+namespace {
+
+namespace fs = std::filesystem;
+using Bytes = std::vector<uint8_t>;
+constexpr uint8_t EOT = 0x04, CAN = 0x18;
+
+TEST(ReceivedName, NeverAbsoluteNeverClimbingNoControlBytesAndCut) {
+    using namespace std::string_literals;
+    struct Case {
+        std::string received;
+        bool fullPath;
+        std::size_t room;
+        std::string mapped;
+    } cases[] = {
+        {"report.txt", false, 255, "report.txt"},
+        {"/tmp/x", false, 255, "x"},
+        {"../../x", false, 255, "x"},
+        {"C:\\d\\x", false, 255, "x"},
+        {"a\\b:c", false, 255, "b:c"}, // a colon counts only without separators
+        {"A:FILE.TXT", false, 255, "FILE.TXT"},
+        {"dir/", false, 255, "unnamed"},
+        {"", false, 255, "unnamed"},
+        {".", false, 255, "_"},
+        {"a/..", false, 255, "__"},
+        {"a\x01"
+         "b\x1f\x7f",
+         false, 255, "a_b__"},
+        {"x\0/etc/passwd"s, false, 255, "x"}, // a NUL ends the name
+        {"\xc3\xa9t\xc3\xa9", false, 255, "\xc3\xa9t\xc3\xa9"},
+        {"/tmp/x", true, 255, "tmp/x"},
+        {"../../x", true, 255, "x"},
+        {"C:\\d\\x", true, 255, "d/x"},
+        {"c:rel\\x", true, 255, "rel/x"},
+        {"1:x/C:y", true, 255, "1:x/C:y"}, // a drive is a letter, first only
+        {"a/./b//c\\", true, 255, "a/b/c"},
+        {"a/b/..", true, 255, "a/b"},
+        {"/", true, 255, "unnamed"},
+        {"..", true, 255, "unnamed"},
+        {"a\n/b\x7f", true, 255, "a_/b_"},
+        {"abcdef", false, 3, "abc"},
+        {"ab/cd", true, 3, "ab"},                   // the cut ends on a separator
+        {"x/...", true, 4, "x/__"},                 // or leaves ".." as the final name
+        {"x/.a", true, 3, "x/_"},                   // or "."
+        {"\xc3\xa9\xc3\xa9", false, 3, "\xc3\xa9"}, // never inside a character
+        {"abc", false, 0, ""},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(MapReceivedName(c.received, c.fullPath, c.room), c.mapped)
+            << c.received << (c.fullPath ? " full" : " bare") << " room " << c.room;
+}
+
+TEST(ReceivedName, TheOpenerPlacesLineNamesBelowTheFolderAndHostNamesInTheirOwn) {
+    struct Case {
+        int8_t protocol;
+        const char *folder, *name;
+        bool ok;
+        const char *base, *rest;
+    } cases[] = {
+        {Ymodem, "/r/in/", "/r/in/x", true, "/r/in/", "x"},
+        {Zmodem, "/r/in/", "/r/in/a/b", true, "/r/in/", "a/b"},
+        {Kermit, "/r/in", "/r/inreport", true, "/r/", "inreport"}, // the folder text is a prefix
+        {CompuServeBPlus, "", "x", true, "", "x"},
+        {YmodemG, "/r/in/", "/etc/x", false, "", ""}, // not below the folder
+        {Ymodem, "/r/in/", "/r/in/../x", false, "", ""},
+        {Zmodem, "/r/in/", "/r/in/", false, "", ""},
+        {Zmodem, "/r/in/", "/r/in/a//b", false, "", ""},
+        {Xmodem, "/r/in/", "/etc/x", true, "/etc/", "x"}, // the host chose it
+        {Xmodem1K, "/r/in/", "x.bin", true, "", "x.bin"},
+        {Ascii, "", "/etc/", false, "", ""},
+        {Xmodem, "", "/etc/..", false, "", ""},
+    };
+    XferPort port{};
+    XferRecord record{};
+    record.Port = &port;
+    for (const Case &c : cases) {
+        port.ReceiveFolder = c.folder;
+        record.Protocol = c.protocol;
+        std::string base = "?", rest = "?";
+        const bool ok = XferReceivePlace(&record, c.name, base, rest);
+        EXPECT_EQ(ok, c.ok) << c.name;
+        if (ok && c.ok) {
+            EXPECT_EQ(base + "|" + rest, std::string(c.base) + "|" + c.rest) << c.name;
+        }
+    }
+}
+
+Bytes Cat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const auto &p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+Bytes Block(uint8_t number, Bytes data) {
+    data.resize(128, 0);
+    const uint16_t c = Crc16Block(128, 0, data.data());
+    return Cat({{1, number, static_cast<uint8_t>(~number)},
+                data,
+                {static_cast<uint8_t>(c >> 8), static_cast<uint8_t>(c)}});
+}
+
+constexpr int64_t kSentTime = 1600000000; // 13727410000 in octal
+const Bytes kData = {'n', 'e', 'w', ' ', 'd', 'a', 't', 'a'};
+
+// A YMODEM sender's bytes for one file named `name` of 200 bytes (two
+// blocks): the whole batch, or (`fail`) the first block then CAN CAN.
+Bytes Batch(const std::string &name, bool fail = false) {
+    const std::string info = name + '\0' + "200 13727410000 0";
+    const Bytes zero = Block(0, Bytes(info.begin(), info.end()));
+    if (fail) return Cat({zero, Block(1, kData), {CAN, CAN}});
+    return Cat({zero, Block(1, kData), Block(2, kData), {EOT}, Block(0, {})});
+}
+
+std::string Content(const std::string &path) {
+    const test::FileBytes bytes = test::ReadFileBytes(path);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+// What the scripted sender's file looks like once received.
+std::string Received() {
+    std::string data(kData.begin(), kData.end());
+    data.resize(128, '\0');
+    data += std::string(kData.begin(), kData.end());
+    data.resize(200, '\0');
+    return data;
+}
+
+std::vector<std::string> Tree(const std::string &root) {
+    std::vector<std::string> names;
+    for (const auto &e : fs::recursive_directory_iterator(root))
+        names.push_back(fs::relative(e.path(), root).string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+int64_t ModTime(const std::string &path) {
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0 ? st.st_mtime : -2;
+}
+
+class Receive : public ::testing::Test {
+  protected:
+    Receive() {
+        outside_.File("target.txt", "outside");
+        in_ = tree_.Dir("in") + "/";
+        fs::create_symlink(outside_.Path("nothing.txt"), in_ + "dangling");
+        fs::create_symlink(outside_.Path("target.txt"), in_ + "tofile");
+        fs::create_symlink(outside_.Folder(), in_ + "linkdir");
+    }
+    ~Receive() override {
+        if (port_) port_->Ops.PortClose(port_);
+    }
+    int32_t RunYmodem(const Bytes &peer, int32_t policy, bool fullPath = false) {
+        Open(policy);
+        host_.Receive(peer);
+        return YmodemReceiveWithOptions(port_, nullptr, nullptr,
+                                        fullPath ? XferOptFullPath : XferOptEnd, XferOptEnd);
+    }
+    int32_t RunXmodem(std::string name, int32_t policy) {
+        Open(policy);
+        host_.Receive(Cat({Block(1, kData), {EOT}}));
+        return XmodemReceiveWithOptions(port_, name.data(), nullptr, nullptr, XferOptEnd);
+    }
+    // The outside tree as it was made: nothing written through a link.
+    bool OutsideUntouched() const {
+        return Tree(outside_.Folder()) == std::vector<std::string>{"target.txt"} &&
+               Content(outside_.Path("target.txt")) == "outside";
+    }
+
+    test::FakeClock clock_{test::FakeClock::Scaled{1000}};
+    test::TempTree tree_, outside_;
+    std::string in_;
+    test::TestHost host_;
+    XferPort *port_ = nullptr;
+
+  private:
+    void Open(int32_t policy) {
+        if (port_) port_->Ops.PortClose(port_);
+        host_.ClearWritten();
+        port_ = PortOpen(0, host_.Window(), in_.c_str(), policy);
+        ASSERT_NE(port_, nullptr);
+    }
+};
+
+// Absolute, climbing, drive and backslash names land below the folder, with
+// or without their folders.
+TEST_F(Receive, NamesFromTheLineStayBelowTheFolder) {
+    // A climb that, taken as given from any current folder, reaches the
+    // outside tree.
+    const std::string outsideName = outside_.Path("y");
+    std::string climb;
+    for (int i = 0; i < 20; ++i) climb += "../";
+    climb += outsideName.substr(1);
+    struct Case {
+        std::string received;
+        bool fullPath;
+        std::string local; // below the folder
+    } cases[] = {
+        {outsideName, false, "y"}, {outsideName, true, outsideName.substr(1)},
+        {climb, false, "y"},       {climb, true, outsideName.substr(1)},
+        {"C:\\d\\x", false, "x"},  {"C:\\d\\x", true, "d/x"},
+        {"a\\b/c", true, "a/b/c"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.received + (c.fullPath ? " full" : " bare"));
+        fs::remove_all(in_ + "d");
+        fs::remove_all(in_ + "a");
+        fs::remove_all(in_ + outsideName.substr(1, outsideName.find('/', 1)));
+        EXPECT_EQ(RunYmodem(Batch(c.received), XFER_EXISTING_OVERWRITE, c.fullPath), 1);
+        EXPECT_EQ(Content(in_ + c.local), Received());
+        EXPECT_TRUE(OutsideUntouched());
+    }
+}
+
+// A link in the folder named like the incoming file: overwrite refuses,
+// rename takes the next free name, skip skips; the link and what it points
+// to stay as they were.  The same for XMODEM's host-named file, and for a
+// linked subfolder of a full-path name.
+TEST_F(Receive, LinksInTheWayAreNeverFollowed) {
+    struct Case {
+        const char *name;
+        int32_t policy;
+        int32_t result;
+        const char *written; // null: nothing
+    } cases[] = {
+        {"dangling", XFER_EXISTING_OVERWRITE, XferErrOpenFile, nullptr},
+        {"tofile", XFER_EXISTING_OVERWRITE, XferErrOpenFile, nullptr},
+        {"dangling", XFER_EXISTING_RENAME, 1, "dangling(1)"},
+        {"tofile", XFER_EXISTING_RENAME, 1, "tofile(1)"},
+        {"linkdir", XFER_EXISTING_RENAME, 1, "linkdir(1)"}, // a link to a folder counts
+        {"dangling", XFER_EXISTING_SKIP, 1, nullptr},
+        {"tofile", XFER_EXISTING_SKIP, 1, nullptr},
+    };
+    const std::vector<std::string> before = Tree(in_);
+    for (const Case &c : cases) {
+        for (const bool host : {false, true}) {
+            SCOPED_TRACE(std::string(c.name) + " policy " + std::to_string(c.policy) +
+                         (host ? " xmodem" : " ymodem"));
+            const int32_t result =
+                host ? RunXmodem(in_ + c.name, c.policy) : RunYmodem(Batch(c.name), c.policy);
+            EXPECT_EQ(result, c.result);
+            EXPECT_TRUE(OutsideUntouched());
+            std::vector<std::string> expected = before;
+            if (c.written) {
+                expected.push_back(c.written);
+                std::sort(expected.begin(), expected.end());
+                EXPECT_EQ(Content(in_ + c.written).substr(0, kData.size()),
+                          std::string(kData.begin(), kData.end()));
+            }
+            EXPECT_EQ(Tree(in_), expected);
+            if (c.written) fs::remove(in_ + c.written);
+        }
+    }
+    for (const int32_t policy : {XFER_EXISTING_OVERWRITE, XFER_EXISTING_RENAME}) {
+        EXPECT_EQ(RunYmodem(Batch("linkdir/x"), policy, true), XferErrOpenFile);
+        EXPECT_TRUE(OutsideUntouched());
+        EXPECT_EQ(Tree(in_), before);
+    }
+}
+
+// Overwrite replaces the old file only when the new one is complete (then
+// with the sender's time); a failure leaves it as it was with no temporary
+// file.  A new file that fails is kept with what arrived but not stamped.
+TEST_F(Receive, OnlyACompleteFileReplacesOrGetsTheSendersTime) {
+    const std::string old = tree_.File("in/report.txt", "old content");
+    const struct timespec oldTimes[2] = {{1000, 0}, {1000, 0}};
+    utimensat(AT_FDCWD, old.c_str(), oldTimes, 0);
+    const std::vector<std::string> before = Tree(in_);
+
+    EXPECT_EQ(RunYmodem(Batch("report.txt", true), XFER_EXISTING_OVERWRITE), XferErrRemoteAbort);
+    EXPECT_EQ(Content(old), "old content");
+    EXPECT_EQ(ModTime(old), 1000);
+    EXPECT_EQ(Tree(in_), before) << "no temporary file left";
+
+    EXPECT_EQ(RunYmodem(Batch("report.txt"), XFER_EXISTING_OVERWRITE), 1);
+    EXPECT_EQ(Content(old), Received());
+    EXPECT_EQ(ModTime(old), kSentTime);
+    EXPECT_EQ(Tree(in_), before);
+
+    const std::string fresh = in_ + "fresh.txt";
+    EXPECT_EQ(RunYmodem(Batch("fresh.txt", true), XFER_EXISTING_OVERWRITE), XferErrRemoteAbort);
+    EXPECT_EQ(Content(fresh), Received().substr(0, 128)) << "what arrived is kept";
+    EXPECT_NE(ModTime(fresh), kSentTime);
+}
+
+} // namespace
+} // namespace zvxfer
