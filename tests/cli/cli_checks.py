@@ -217,6 +217,8 @@ def case_failed_receive_names_its_partial_file(z, work):
     data = random.Random(11).randbytes(2048)
     other = make_file(work, "other.bin", 300, 12)
     cases = [  # what, options, announced size, blocks, replace the name, ended, expected
+        ("old file a failed overwrite left", ["--remove-partial", "--existing", "overwrite"],
+         5000, [data[:1024]], False, False, "old"),
         ("kept", [], 5000, [data[:1024]], False, False, "kept"),
         ("removed", ["--remove-partial"], 5000, [data[:1024]], False, False, "removed"),
         ("unknown size kept", [], 0, [data[:1024], data[1024:]], False, False, "kept"),
@@ -227,6 +229,8 @@ def case_failed_receive_names_its_partial_file(z, work):
     for what, options, size, blocks, replace, whole, ending in cases:
         out_dir = tempfile.mkdtemp(dir=work)
         path = os.path.join(out_dir, "f.bin")
+        if ending == "old":
+            shutil.copy(other, path)
         far = Far([z, "receive", "-p", "ymodem", "-d", out_dir] + options)
         try:
             out, rc = ymodem_sender(far, b"f.bin", size, blocks,
@@ -246,7 +250,7 @@ def case_failed_receive_names_its_partial_file(z, work):
             check(not os.path.exists(path), what + "\nthe partial file is still there")
         else:
             check("partial file" not in err, what)
-            expected = open(other, "rb").read() if replace else received
+            expected = open(other, "rb").read() if replace or ending == "old" else received
             check(open(path, "rb").read() == expected, what + "\nthe file was changed")
 
 
