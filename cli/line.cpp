@@ -10,7 +10,11 @@
 namespace zvxfer::cli {
 
 OpenedLine::~OpenedLine() {
-    host.reset();
+    host.reset(); // what the library wrote goes out first
+    if (ownTerminal) {
+        host::TtyDrain(STDIN_FILENO, kQuietMs, kLimitMs);
+        host::TtyRestore(STDIN_FILENO);
+    }
     if (ownedFd >= 0) {
         host::TtyRestore(ownedFd);
         close(ownedFd);
@@ -32,6 +36,7 @@ std::unique_ptr<OpenedLine> OpenLine(const LineChoice &choice, const host::LineH
     } else if (isatty(STDIN_FILENO)) {
         // Run from a terminal by hand: the protocol needs the raw bytes.
         if (!host::TtyMakeRaw(STDIN_FILENO, {}, &error)) return nullptr;
+        line->ownTerminal = true;
     }
     line->host = std::make_unique<host::LineHost>(readFd, writeFd, options);
     if (!line->host->Ok()) {

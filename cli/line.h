@@ -17,9 +17,21 @@ struct LineChoice {
     std::string tcp; // --tcp HOST:PORT
 };
 
+// Closing the line puts every terminal back as it was.  When the line is
+// the program's own terminal (standard input is a tty: it was started from
+// a shell at the far end of a terminal session), the shell reads that
+// terminal next and would run whatever the far end still sends (a terminal
+// program's closing bytes, a late resend, noise) as a command line.  So
+// before giving the terminal back the destructor reads and discards until
+// the line has been quiet for kQuietMs (kLimitMs at most when bytes never
+// stop), then discards what the terminal still holds.
 struct OpenedLine {
+    static constexpr int kQuietMs = 3000;
+    static constexpr int kLimitMs = 30000;
+
     std::unique_ptr<host::LineHost> host;
-    int ownedFd = -1; // closed by the destructor
+    int ownedFd = -1;         // closed by the destructor
+    bool ownTerminal = false; // standard input, a tty, is the line
     ~OpenedLine();
 };
 

@@ -19,7 +19,7 @@ struct LoopbackSettings {
     uint32_t latencyMs = 0;
     double bitErrorRate = 0;
     uint64_t seed = 1;
-    std::string folder; // where received files land (default: a fresh temporary folder)
+    std::string folder;           // where received files land (default: a fresh temporary folder)
     TransferSettings sendOptions; // the sender's protocol options (ZMODEM window, ...)
 };
 

@@ -6,12 +6,16 @@
 #include <cstdio>
 #include <fmt/format.h>
 #include <map>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 
 #include "line.h"
 #include "loopback.h"
+#include "partial_file.h"
 #include "protocols.h"
+#include "shown_text.h"
 #include "transfer.h"
 #include "tty.h"
 
@@ -26,6 +30,7 @@ struct Common {
     std::string protocol;
     bool quiet = false;
     bool verbose = false;
+    bool removePartial = false;
 };
 
 void OnInterrupt(int) {
@@ -119,7 +124,29 @@ host::LineHostOptions LineOptionsFor(const TransferSettings &s) {
     return options;
 }
 
-int RunOnLine(TransferSettings &s, const LineChoice &choice, Verbosity verbosity) {
+// A failed receive keeps what arrived: nothing is lost, and a resuming
+// sender or another tool can go on from it.  The summary names the file so
+// that it is not taken for a complete one; on request a partial file this
+// run created is removed instead.  A file that held bytes before (appended
+// to) or a name that now holds another file is never touched.
+void ReportPartial(const ReceivedFiles &files, bool remove) {
+    const std::optional<PartialFile> partial = files.Partial();
+    if (!partial) return;
+    std::string_view name = partial->name;
+    if (name.starts_with("./")) name.remove_prefix(2);
+    const std::string shown = ShownText(name);
+    if (remove && partial->createdHere) {
+        if (std::remove(partial->name.c_str()) == 0) {
+            fmt::print(stderr, "zvxfer: partial file removed: {}\n", shown);
+            return;
+        }
+        fmt::print(stderr, "zvxfer: cannot remove the partial file {}\n", shown);
+    }
+    fmt::print(stderr, "zvxfer: partial file kept: {} ({} bytes)\n", shown, partial->bytes);
+}
+
+int RunOnLine(TransferSettings &s, const LineChoice &choice, Verbosity verbosity,
+              bool removePartial) {
     std::string error;
     auto line = OpenLine(choice, LineOptionsFor(s), error);
     if (!line) {
@@ -133,10 +160,17 @@ int RunOnLine(TransferSettings &s, const LineChoice &choice, Verbosity verbosity
         return kExitFailed;
     }
     Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0);
+    ReceivedFiles files;
     host::LineHost *lineHost = line->host.get();
-    const Outcome outcome = RunTransfer(port, s, reporter, [lineHost] { return lineHost->Lost(); });
+    const Outcome outcome = RunTransfer(
+        port, s, reporter, [lineHost] { return lineHost->Lost(); }, s.sending ? nullptr : &files);
     port->Ops.PortClose(port);
-    return Report(s, outcome, verbosity);
+    // The terminal is back (after the drain when the line is our own
+    // terminal) before the summary goes to it.
+    line.reset();
+    const int status = Report(s, outcome, verbosity);
+    if (!s.sending && outcome.result < 0) ReportPartial(files, removePartial);
+    return status;
 }
 
 int Main(int argc, char **argv) {
@@ -168,6 +202,8 @@ int Main(int argc, char **argv) {
     receive->add_flag("--pacing", settings.pacing, "ZMODEM: pause 70 ms per data subpacket");
     receive->add_option("--existing", settings.policy, "when a file exists: overwrite|rename|skip")
         ->transform(CLI::CheckedTransformer(policies, CLI::ignore_case));
+    receive->add_flag("--remove-partial", common.removePartial,
+                      "remove the file a failed receive left incomplete (default: keep it)");
     receive->add_option("FILE", settings.files, "file to write (XMODEM: required)")->expected(0, 1);
 
     auto *loopback = app.add_subcommand(
@@ -205,7 +241,7 @@ int Main(int argc, char **argv) {
         fmt::print(stderr, "zvxfer: {} receive needs the FILE to write\n", protocol.name);
         return kExitUsage;
     }
-    return RunOnLine(settings, line, verbosity);
+    return RunOnLine(settings, line, verbosity, common.removePartial);
 }
 
 } // namespace

@@ -8,11 +8,14 @@
 #include <fmt/format.h>
 #include <string_view>
 
+#include "shown_text.h"
+
 namespace zvxfer::cli {
 namespace {
 
 constexpr auto kRedraw = std::chrono::milliseconds(100);
 constexpr int kBarWidth = 20;
+constexpr std::size_t kNameColumns = 24;
 
 // The name without its folder, for display.
 std::string_view Shown(const char *name) {
@@ -64,15 +67,18 @@ void Reporter::ClearBar() {
     barShown_ = false;
 }
 
+// Notices and trace lines quote names and bytes from the line: shown
+// escaped, like every name.
 void Reporter::Status(const XferRecord &, int32_t level, const char *text) {
     if (verbosity_ == Verbosity::Quiet) return;
     if (level == 0 && verbosity_ != Verbosity::Verbose) return;
-    Line(text);
+    Line(ShownText(text ? text : ""));
 }
 
 void Reporter::StartFile(const XferRecord &record) {
     Finish();
-    file_ = Shown(record.FileName);
+    name_ = Shown(record.FileName);
+    file_ = ShownText(name_);
     size_ = record.FileSize;
     fileBegun_ = Clock::now();
     if (verbosity_ != Verbosity::Quiet && !live_)
@@ -86,7 +92,7 @@ void Reporter::Progress(const XferRecord &record) {
     const uint64_t pos = record.FilePos > 0 ? static_cast<uint64_t>(record.FilePos) : 0;
     // A position that moves back is a restart within the file (ZMODEM
     // after a damaged subpacket), not a new file.
-    if (shown != file_) StartFile(record);
+    if (shown != name_) StartFile(record);
     current_ = pos;
     if (record.FileSize > size_) size_ = record.FileSize;
     if (live_) Draw(false);
@@ -108,7 +114,10 @@ void Reporter::Draw(bool force) {
             left = fmt::format(" {} left",
                                FormatDuration((size_ - static_cast<double>(current_)) / rate));
     }
-    fmt::print(stderr, "\r\033[K{}{:<24.24} {}{:>10}  {:>10}/s{}", label_, file_, bar,
+    // The name is cut by columns, never inside a character or an escape.
+    const std::string_view name = CutShown(file_, kNameColumns);
+    const std::string pad(kNameColumns - ShownColumns(name), ' ');
+    fmt::print(stderr, "\r\033[K{}{}{} {}{:>10}  {:>10}/s{}", label_, name, pad, bar,
                FormatBytes(static_cast<double>(current_)), FormatBytes(rate), left);
     std::fflush(stderr);
     barShown_ = true;
@@ -124,6 +133,7 @@ void Reporter::Finish() {
     bytes_ += current_;
     current_ = 0;
     file_.clear();
+    name_.clear();
 }
 
 } // namespace zvxfer::cli

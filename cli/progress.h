@@ -39,7 +39,8 @@ class Reporter {
     Verbosity verbosity_;
     bool live_;
     std::string label_;
-    std::string file_;     // name of the file in progress (empty: none yet)
+    std::string name_;     // name of the file in progress as it came (empty: none yet)
+    std::string file_;     // the same, escaped for the terminal
     int32_t size_ = 0;     // its announced size, 0 when unknown
     uint64_t current_ = 0; // its bytes so far
     uint64_t bytes_ = 0;   // bytes of the files before it

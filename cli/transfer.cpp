@@ -13,6 +13,7 @@ namespace {
 // its reporter and line here.
 thread_local Reporter *t_reporter = nullptr;
 thread_local const std::function<bool()> *t_lineLost = nullptr;
+thread_local ReceivedFiles *t_files = nullptr;
 
 int32_t StatusLine(XferRecord *record, int32_t level, const char *text) {
     if (t_reporter) t_reporter->Status(*record, level, text);
@@ -20,6 +21,7 @@ int32_t StatusLine(XferRecord *record, int32_t level, const char *text) {
 }
 
 int32_t OnProgress(XferRecord *record) {
+    if (t_files) t_files->Seen(*record);
     if (t_reporter) t_reporter->Progress(*record);
     return 0;
 }
@@ -57,13 +59,15 @@ std::vector<int32_t> OptionWords(const TransferSettings &s) {
 }
 
 struct ThreadBinding {
-    ThreadBinding(Reporter &reporter, const std::function<bool()> &lost) {
+    ThreadBinding(Reporter &reporter, const std::function<bool()> &lost, ReceivedFiles *files) {
         t_reporter = &reporter;
         t_lineLost = &lost;
+        t_files = files;
     }
     ~ThreadBinding() {
         t_reporter = nullptr;
         t_lineLost = nullptr;
+        t_files = nullptr;
     }
 };
 
@@ -141,8 +145,8 @@ int32_t RunEntry(XferPort *port, const TransferSettings &s, std::vector<int32_t>
 }
 
 Outcome RunTransfer(XferPort *port, const TransferSettings &s, Reporter &reporter,
-                    std::function<bool()> lineLost) {
-    ThreadBinding binding(reporter, lineLost);
+                    std::function<bool()> lineLost, ReceivedFiles *files) {
+    ThreadBinding binding(reporter, lineLost, files);
     Outcome outcome;
     outcome.result = RunEntry(port, s, OptionWords(s));
     reporter.Finish();

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "partial_file.h"
 #include "progress.h"
 #include "protocols.h"
 #include "zvxfer.h"
@@ -53,9 +54,10 @@ std::string QuotedNames(const std::vector<std::string> &files);
 void InstallHooks();
 
 // Run one transfer on the calling thread.  `lineLost` tells the abort hook
-// that the line is gone (the transfer then ends with -618).
+// that the line is gone (the transfer then ends with -618); `files`, when
+// given, watches the files a receive writes.
 Outcome RunTransfer(XferPort *port, const TransferSettings &settings, Reporter &reporter,
-                    std::function<bool()> lineLost);
+                    std::function<bool()> lineLost, ReceivedFiles *files = nullptr);
 
 // "-606 Remote end sent abort code"
 std::string DescribeResult(int32_t code);

@@ -152,3 +152,16 @@ for seed, full, room, name in [
     ("long-name", 1, 200, b"d/" * 150),
 ]:
     write(rn, seed, bytes([full, room]) + name)
+
+
+# --- the program's escaping of line text ------------------------------------
+
+st = "shown_text"
+write(st, "plain-name", b"report-2024.txt")
+write(st, "csi-clear-screen", b"a\x1b[2J\x1b[Hb.txt")
+write(st, "osc-title-bel", b"\x1b]0;owned\x07name")
+write(st, "c1-csi-raw-and-encoded", b"x\x9b31my\xc2\x9b0mz\xc2\xa0")
+write(st, "utf8-accents-cjk-emoji", "caf\u00e9-\u6f22\u5b57-\U0001f600.txt".encode())
+write(st, "broken-utf8", b"\xc3(\xe6\xbc\xc0\xaf\xed\xa0\x80\xf4\x90\x80\x80\xff\xe6\xbc")
+write(st, "backslashes-and-lookalike", b"a\\b\\x41\\")
+write(st, "controls-and-del", bytes(range(0, 32)) + b"\x7f")

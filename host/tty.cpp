@@ -5,10 +5,12 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -127,6 +129,7 @@ int TtyOpen(const char *path, const TtySettings &settings, std::string *error) {
 void TtyRestore(int fd) {
     for (auto &slot : g_saved) {
         if (slot.fd.load(std::memory_order_acquire) != fd) continue;
+        tcflush(fd, TCIFLUSH);
         tcsetattr(fd, TCSADRAIN, &slot.settings);
         slot.fd.store(-1);
     }
@@ -135,7 +138,39 @@ void TtyRestore(int fd) {
 void TtyRestoreAll() {
     for (auto &slot : g_saved) {
         const int fd = slot.fd.load(std::memory_order_acquire);
-        if (fd >= 0) tcsetattr(fd, TCSANOW, &slot.settings);
+        if (fd < 0) continue;
+        tcflush(fd, TCIFLUSH);
+        tcsetattr(fd, TCSANOW, &slot.settings);
+    }
+}
+
+uint64_t TtyDrain(int fd, int quietMs, int limitMs) {
+    using Clock = std::chrono::steady_clock;
+    const auto begun = Clock::now();
+    const auto limit = begun + std::chrono::milliseconds(limitMs);
+    auto quietUntil = begun + std::chrono::milliseconds(quietMs);
+    uint64_t discarded = 0;
+    char buffer[4096];
+    for (;;) {
+        const auto now = Clock::now();
+        const auto end = quietUntil < limit ? quietUntil : limit;
+        if (now >= end) return discarded;
+        const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(end - now);
+        pollfd p{fd, POLLIN, 0};
+        const int ready = poll(&p, 1, static_cast<int>(wait.count()) + 1);
+        if (ready < 0) {
+            if (errno == EINTR) continue;
+            return discarded;
+        }
+        if (ready == 0) continue; // the clock decides whether the wait is over
+        if ((p.revents & POLLIN) == 0) return discarded; // hang-up or error only
+        const ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n > 0) {
+            discarded += static_cast<uint64_t>(n);
+            quietUntil = Clock::now() + std::chrono::milliseconds(quietMs);
+        } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+            return discarded; // the line is gone
+        }
     }
 }
 

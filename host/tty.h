@@ -22,12 +22,21 @@ bool TtyMakeRaw(int fd, const TtySettings &settings, std::string *error = nullpt
 // Returns the fd, or -1 with a reason in `error`.
 int TtyOpen(const char *path, const TtySettings &settings, std::string *error = nullptr);
 
-// Put back the settings TtyMakeRaw saved for fd and forget them.
+// Put back the settings TtyMakeRaw saved for fd and forget them.  What the
+// tty still holds unread is discarded first: bytes the far end sent for the
+// protocol must not reach whoever reads the tty next (a shell would run
+// them as a command line).
 void TtyRestore(int fd);
 
-// Put back every saved tty.  Async-signal-safe: call it from a signal
-// handler before the program ends.
+// Put back every saved tty, discarding their unread input.
+// Async-signal-safe: call it from a signal handler before the program ends.
 void TtyRestoreAll();
+
+// Read and discard what arrives on fd until it has been quiet for
+// `quietMs` (bytes keep coming: at most `limitMs` in all), or until the
+// line is gone.  Works on blocking and non-blocking fds alike.  Returns the
+// number of bytes discarded.
+uint64_t TtyDrain(int fd, int quietMs, int limitMs);
 
 // Install handlers for SIGINT, SIGTERM, SIGHUP and SIGQUIT that restore the
 // saved ttys and then end the process with the same signal, and an atexit

@@ -6,18 +6,23 @@
 # has a deadline.
 #
 # usage: cli_checks.py ZVXFER CASE      (CASE "list" prints the case names)
+import fcntl
 import os
+import random
 import re
 import select
+import shutil
 import signal
 import subprocess
 import sys
 import tempfile
+import termios
 import time
+import tty
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 from case_runner import Failure, check, make_file, run_cases  # noqa: E402
 
-SOH, STX, EOT, ACK, CAN = 0x01, 0x02, 0x04, 0x06, 0x18
+SOH, STX, EOT, ACK, NAK, CAN = 0x01, 0x02, 0x04, 0x06, 0x15, 0x18
 
 
 def crc16(data):
@@ -38,10 +43,10 @@ def block(number, payload, size):
 class Far:
     # The far end of zvxfer's line: its stdin and stdout as pipes.
 
-    def __init__(self, argv):
+    def __init__(self, argv, stderr=None):
         self.err = tempfile.TemporaryFile()
         self.proc = subprocess.Popen(argv, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                     stderr=self.err, bufsize=0)
+                                     stderr=self.err if stderr is None else stderr, bufsize=0)
 
     def send(self, data):
         self.proc.stdin.write(data)
@@ -177,7 +182,324 @@ def case_ctrl_c_cancels_sender_and_receiver(z, work):
             far.close()
 
 
+def ymodem_sender(far, name, size, blocks, between=None, whole=False):
+    # Plays a YMODEM sender: block 0 naming the file (no size when size is
+    # 0), the given 1 KiB blocks, then (the sender giving up) a cancel, in
+    # the file or (whole) after its end.
+    check(far.read(1) == b"C", "no C from the receiver: " + far.stderr())
+    far.send(block(0, name + (b"\x00%d 0 0" % size if size else b"\x00"), 128))
+    check(far.read(2) == bytes([ACK]) + b"C", "block 0 not taken: " + far.stderr())
+    for number, data in enumerate(blocks, 1):
+        far.send(block(number, data, 1024))
+        check(far.read(1) == bytes([ACK]), "block %d not taken: %s" % (number, far.stderr()))
+    if whole:
+        far.send(bytes([EOT]))
+        if far.read(1) == bytes([NAK]):
+            far.send(bytes([EOT]))
+            check(far.read(1) == bytes([ACK]), "EOT not taken: " + far.stderr())
+        check(far.read(1) == b"C", "no C for the next file: " + far.stderr())
+    if between:
+        between()
+    far.send(bytes([CAN]) * 8)
+    return far.read(timeout=30)
+
+
+def replace_file(source, path):
+    # Another file takes the name, the way a rename puts one there.
+    shutil.copy(source, path + ".new")
+    os.replace(path + ".new", path)
+
+
+def case_failed_receive_names_its_partial_file(z, work):
+    # A sender that gives up in the middle leaves a partial file: kept and
+    # named, or removed on request.  A complete file, or a name that holds
+    # another file by the end, is neither.
+    data = random.Random(11).randbytes(2048)
+    other = make_file(work, "other.bin", 300, 12)
+    cases = [  # what, options, announced size, blocks, replace the name, ended, expected
+        ("old file a failed overwrite left", ["--remove-partial", "--existing", "overwrite"],
+         5000, [data[:1024]], False, False, "old"),
+        ("kept", [], 5000, [data[:1024]], False, False, "kept"),
+        ("removed", ["--remove-partial"], 5000, [data[:1024]], False, False, "removed"),
+        ("unknown size kept", [], 0, [data[:1024], data[1024:]], False, False, "kept"),
+        ("all bytes of the size", ["--remove-partial"], 1000, [data[:1000]], False, False, None),
+        ("ended, unknown size", ["--remove-partial"], 0, [data[:1024]], False, True, None),
+        ("name holds another file", ["--remove-partial"], 5000, [data[:1024]], True, False, None),
+    ]
+    for what, options, size, blocks, replace, whole, ending in cases:
+        out_dir = tempfile.mkdtemp(dir=work)
+        path = os.path.join(out_dir, "f.bin")
+        if ending == "old":
+            shutil.copy(other, path)
+        far = Far([z, "receive", "-p", "ymodem", "-d", out_dir] + options)
+        try:
+            out, rc = ymodem_sender(far, b"f.bin", size, blocks,
+                                    (lambda: replace_file(other, path)) if replace else None,
+                                    whole)
+            err = far.stderr()
+        finally:
+            far.close()
+        what = "%s: exit %d, stderr:\n%s" % (what, rc, err)
+        check(rc == 1 and "transfer failed: -606" in err, what)
+        received = b"".join(blocks)[:size] if size else b"".join(blocks)
+        if ending == "kept":
+            check("zvxfer: partial file kept: %s (%d bytes)\n" % (path, len(received)) in err, what)
+            check(open(path, "rb").read() == received, what + "\nthe partial file lost bytes")
+        elif ending == "removed":
+            check("zvxfer: partial file removed: %s\n" % path in err, what)
+            check(not os.path.exists(path), what + "\nthe partial file is still there")
+        else:
+            check("partial file" not in err, what)
+            expected = open(other, "rb").read() if replace or ending == "old" else received
+            check(open(path, "rb").read() == expected, what + "\nthe file was changed")
+
+
+def case_peer_cut_off_leaves_named_partial_file(z, work):
+    # A real sender (sz) whose line is cut after 40000 bytes: the receive
+    # fails, and the file holds a prefix of the original, named with its size.
+    original = make_file(work, "big.bin", 400000, 13)
+    out_dir = os.path.join(work, "out")
+    os.mkdir(out_dir)
+    sz = subprocess.Popen([shutil.which("sz") or "lsz", "-q", original], stdin=subprocess.PIPE,
+                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, bufsize=0)
+    far = Far([z, "receive", "-p", "zmodem", "-d", out_dir])
+    try:
+        passed, end = 0, time.monotonic() + 30
+        pipes = {far.proc.stdout: sz.stdin, sz.stdout: far.proc.stdin}
+        while passed < 40000 and time.monotonic() < end:
+            ready, _, _ = select.select(list(pipes), [], [], 1)
+            for r in ready:
+                chunk = os.read(r.fileno(), 4096 if r is far.proc.stdout else 40000 - passed)
+                check(chunk, "a side ended early: " + far.stderr())
+                pipes[r].write(chunk)
+                passed += len(chunk) if r is sz.stdout else 0
+        sz.kill()
+        far.proc.stdin.close()
+        out, rc = far.read(timeout=60)
+        err = far.stderr()
+    finally:
+        far.close()
+        sz.kill()
+        sz.wait()
+    path = os.path.join(out_dir, "big.bin")
+    got = open(path, "rb").read() if os.path.exists(path) else None
+    check(rc == 1 and got is not None and 0 < len(got) < 400000, "exit %d: %s" % (rc, err))
+    check(open(original, "rb").read().startswith(got), "the partial file is not a prefix")
+    check("zvxfer: partial file kept: %s (%d bytes)\n" % (path, len(got)) in err, err)
+
+
+def harmless(text):
+    # No byte a terminal acts on, but the program's own line start and
+    # clear-to-end-of-line.
+    text = text.replace(b"\r\x1b[K", b"").replace(b"\n", b"")
+    try:
+        decoded = text.decode("utf-8")
+    except UnicodeDecodeError:
+        return False
+    return not any(ord(c) < 0x20 or 0x7F <= ord(c) <= 0x9F for c in decoded)
+
+
+def case_names_from_the_line_shown_escaped(z, work):
+    # A name full of escape sequences: status lines, the progress bar (stderr
+    # on a terminal) and the partial-file summary show it escaped, and the
+    # bar cuts it whole.
+    name = b"\x1b]0;owned\x07\x9b2J\xc2\x9b\x1b[2J" + "caf\u00e9-\u6f22\u5b57".encode() + b"x" * 40
+    for live in (False, True):
+        out_dir = tempfile.mkdtemp(dir=work)
+        argv = [z, "receive", "-p", "ymodem", "-v", "-d", out_dir]
+        if live:
+            master, slave = os.openpty()
+            tty.setraw(slave)
+            far = Far(argv, stderr=slave)
+            os.close(slave)
+        else:
+            far = Far(argv)
+        try:
+            out, rc = ymodem_sender(far, name, 5000, [bytes(1024)])
+            if live:
+                shown = b""
+                while select.select([master], [], [], 0.5)[0]:
+                    try:
+                        chunk = os.read(master, 65536)
+                    except OSError:
+                        break
+                    if not chunk:
+                        break
+                    shown += chunk
+            else:
+                shown = far.stderr().encode()
+                far.err.seek(0)
+                shown = far.err.read()
+        finally:
+            far.close()
+            if live:
+                os.close(master)
+        what = "%s: %r" % ("live" if live else "lines", shown[:600])
+        check(rc == 1 and b"partial file kept" in shown, what)
+        check(harmless(shown), what)
+        check(b"\\x9b2J" in shown and "caf\u00e9".encode() in shown, what)
+        # Every escape whole: a backslash starts "\\" or "\xNN".
+        check(not re.search(rb"\\(?!\\|x[0-9a-f]{2})", shown.replace(b"\\\\", b"")), what)
+        if live:
+            check(b"\r\x1b[K" in shown, "no progress bar was drawn: " + what)
+
+
+class Shell:
+    # An interactive bash on a pty, the pty its controlling terminal, as at
+    # the far end of a terminal session; the test is the terminal program on
+    # the master side.  Whatever reaches the shell after a command ends, it
+    # runs.
+
+    def __init__(self, work):
+        self.work = work
+        self.master, slave = os.openpty()
+        env = dict(os.environ, PS1="ready> ", TERM="dumb", HOME=work, HISTFILE="/dev/null")
+        self.proc = subprocess.Popen(
+            ["bash", "--norc", "--noprofile", "-i"], stdin=slave, stdout=slave, stderr=slave,
+            cwd=work, env=env, start_new_session=True,
+            preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+        os.close(slave)
+        self.seen = b""
+        self.read_until(b"ready> ")
+
+    def read_until(self, text, timeout=20):
+        end = time.monotonic() + timeout
+        while text not in self.seen:
+            check(time.monotonic() < end, "the shell never showed %r; it showed %r"
+                  % (text, self.seen[-300:]))
+            if select.select([self.master], [], [], 0.2)[0]:
+                self.seen += os.read(self.master, 4096)
+        at = self.seen.index(text) + len(text)
+        rest, self.seen = self.seen[at:], b""
+        return rest
+
+    def type(self, line):
+        os.write(self.master, line.encode() + b"\r")
+
+    def wait_for(self, path, timeout):
+        end = time.monotonic() + timeout
+        while not os.path.exists(path) and time.monotonic() < end:
+            if select.select([self.master], [], [], 0.1)[0]:
+                os.read(self.master, 4096)  # the shell's echo and prompts
+        return os.path.exists(path)
+
+    def child(self):
+        # The command the shell is running.
+        end = time.monotonic() + 10
+        while time.monotonic() < end:
+            with open("/proc/%d/task/%d/children" % (self.proc.pid, self.proc.pid)) as f:
+                pids = f.read().split()
+            if pids:
+                return int(pids[0])
+            time.sleep(0.05)
+        raise Failure("the shell started no command")
+
+    def close(self):
+        try:
+            os.killpg(self.proc.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+        self.proc.wait()
+        os.close(self.master)
+
+
+def run_from_shell(z, work, protocol, far_end, status):
+    # zvxfer receive started from the shell on its own terminal; `far_end`
+    # plays the other side on the master.  Then the far end sends a command
+    # line at once and another 2 s later: neither may reach the shell.
+    out_dir = os.path.join(work, "out")
+    os.mkdir(out_dir)
+    rc_path = os.path.join(work, "rc")
+    shell = Shell(work)
+    try:
+        shell.type("%s receive -p %s -q -d out 2>err; echo $? >rc" % (z, protocol))
+        after_echo = shell.read_until(b"rc\r\n")
+        far_end(shell, after_echo)
+        shell.type("touch PWNED1")
+        time.sleep(2)
+        shell.type("touch PWNED2")
+        ended = shell.wait_for(rc_path, 45)
+        err = open(os.path.join(work, "err"), errors="replace").read() if ended else ""
+        check(ended, "zvxfer did not end")
+        check(open(rc_path).read().strip() == str(status), "exit %s: %s"
+              % (open(rc_path).read().strip(), err))
+        # The shell runs what comes now, and lines in order: once this one
+        # ran, every line before it that reached the shell has run too.
+        shell.type("touch ALIVE")
+        check(shell.wait_for(os.path.join(work, "ALIVE"), 10), "the shell no longer reads")
+        for leftover in ("PWNED1", "PWNED2"):
+            check(not os.path.exists(os.path.join(work, leftover)),
+                  "the shell ran a line sent after the transfer (%s): %s" % (leftover, err))
+        return out_dir, err
+    finally:
+        shell.close()
+
+
+def peer_on_master(program, original):
+    def far_end(shell, _):
+        peer = subprocess.Popen([shutil.which(program) or "l" + program, "-q", original],
+                                stdin=shell.master, stdout=shell.master,
+                                stderr=subprocess.DEVNULL)
+        try:
+            peer.wait(timeout=60)
+        except subprocess.TimeoutExpired:
+            peer.kill()
+            peer.wait()
+            raise Failure("%s did not end" % program)
+    return far_end
+
+
+def drained_after_peer(program, protocol):
+    def case(z, work):
+        original = make_file(work, "sent.bin", 30000, 14)
+        out_dir, err = run_from_shell(z, work, protocol, peer_on_master(program, original), 0)
+        copy = os.path.join(out_dir, "sent.bin")
+        check(os.path.exists(copy) and open(copy, "rb").read() == open(original, "rb").read(),
+              "the file did not arrive whole: " + err)
+    return case
+
+
+def scripted_ymodem_on_master(interrupt):
+    # Block 0 and one block, then the sender cancels, or zvxfer is
+    # interrupted (Ctrl-C) and sends its own cancel.
+    def far_end(shell, seen):
+        def read(n, timeout=20):
+            nonlocal seen
+            end = time.monotonic() + timeout
+            while len(seen) < n:
+                check(time.monotonic() < end, "zvxfer sent only %r" % seen)
+                if select.select([shell.master], [], [], 0.2)[0]:
+                    seen += os.read(shell.master, 4096)
+            got, seen = seen[:n], seen[n:]
+            return got
+        while read(1) != b"C":
+            pass
+        os.write(shell.master, block(0, b"f.bin\x005000 0 0", 128))
+        check(read(2) == bytes([ACK]) + b"C", "block 0 not taken")
+        os.write(shell.master, block(1, bytes(range(256)) * 4, 1024))
+        check(read(1) == bytes([ACK]), "block 1 not taken")
+        if interrupt:
+            os.kill(shell.child(), signal.SIGINT)
+            check(read(8) == bytes([CAN]) * 8, "no cancel after Ctrl-C")
+        else:
+            os.write(shell.master, bytes([CAN]) * 8)
+    return far_end
+
+
+def failed_and_drained(interrupt):
+    def case(z, work):
+        out_dir, err = run_from_shell(z, work, "ymodem", scripted_ymodem_on_master(interrupt), 1)
+        check("partial file kept: out/f.bin (1024 bytes)" in err, "no partial file: " + err)
+    return case
+
+
 CASES = {name[5:]: fn for name, fn in globals().items() if name.startswith("case_")}
+CASES.update({
+    "own_terminal_drained_after_zmodem": drained_after_peer("sz", "zmodem"),
+    "own_terminal_drained_after_ymodem": drained_after_peer("sb", "ymodem"),
+    "own_terminal_drained_after_cancel": failed_and_drained(interrupt=False),
+    "own_terminal_drained_after_ctrl_c": failed_and_drained(interrupt=True),
+})
 
 if __name__ == "__main__":
     sys.exit(run_cases(CASES, "zvxfer-cli-", lambda case, zvxfer, work: case(zvxfer, work)))
