@@ -192,6 +192,9 @@ int BackChannel(XferRecord *record) {
         // Each stray character counts twice, so the 52nd of a frame ends it.
         if (garbage > kNoiseLimit || endless) {
             XferStatusMessage(record, 1, kMsgNoise);
+            // Noise that never stops counts toward the error limit, which
+            // ends a line that stays like this.
+            if (endless && ZmCountError(record)) return 2;
             SendDataSubpacket(record, 0, zm::ZCRCE);
             return 2;
         }
