@@ -27,7 +27,8 @@ struct HostileLine : ::testing::Test {
     test::FakeClock clock;
     test::TempTree tree;
     test::TestHost host;
-    XferPort *port = PortOpen(0, host.Window(), tree.Folder().c_str(), XFER_EXISTING_OVERWRITE);
+    const std::string folder = tree.Folder(); // the port keeps a pointer to it
+    XferPort *port = PortOpen(0, host.Window(), folder.c_str(), XFER_EXISTING_OVERWRITE);
 };
 
 bool EndsWithCancel(const Bytes &written) {

@@ -28,7 +28,8 @@ struct GarbageRun : ::testing::Test {
     FakeClock clock;
     TempTree tree;
     TestHost host;
-    XferPort *port = PortOpen(0, host.Window(), tree.Folder().c_str(), XFER_EXISTING_OVERWRITE);
+    const std::string folder = tree.Folder(); // the port keeps a pointer to it
+    XferPort *port = PortOpen(0, host.Window(), folder.c_str(), XFER_EXISTING_OVERWRITE);
 };
 
 // The sender and the receiver give up within a minute of garbage, whatever
