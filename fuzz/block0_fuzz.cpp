@@ -46,8 +46,11 @@ void RoundTrip(const uint8_t *data, std::size_t size) {
 
     const Block0Facts back = YmParseBlock0(block);
     if (whole <= sizeof block) {
-        ZVXFER_FUZZ_CHECK(back.size == fileSize);
-        ZVXFER_FUZZ_CHECK(back.modTime == modTime);
+        // A negative size is no number of bytes, and a time before 1970 or
+        // past 2038 travels as an octal number beyond 31 bits: both unknown.
+        ZVXFER_FUZZ_CHECK(back.size == (fileSize >= 0 ? fileSize : 0));
+        ZVXFER_FUZZ_CHECK(back.modTime == (modTime >= 0 ? modTime : -1));
+        ZVXFER_FUZZ_CHECK(!back.sizeTooLarge);
     }
     if (name.size() >= sizeof block) {
         // The name fills the block: no terminator, so no facts.
@@ -63,6 +66,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     const Block0Facts facts = YmParseBlock0({data, size});
     if (size == 0 || std::memchr(data, 0, size) == nullptr)
         ZVXFER_FUZZ_CHECK(facts.size == 0 && facts.modTime == -1);
+    // Sizes and times are never cut down to negative values; a size too
+    // large to carry is unknown.
+    ZVXFER_FUZZ_CHECK(facts.size >= 0 && facts.modTime >= -1);
+    ZVXFER_FUZZ_CHECK(!facts.sizeTooLarge || facts.size == 0);
     RoundTrip(data, size);
     return 0;
 }

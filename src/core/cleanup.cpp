@@ -3,6 +3,7 @@
 
 #include "core/core.h"
 #include "platform/heap.h"
+#include "platform/tick.h"
 #include "port/port.h"
 
 namespace zvxfer {
@@ -13,6 +14,11 @@ namespace {
 // write that ends the transfer again) returns at once: the outer one is
 // still running and finishes the job.
 thread_local int cleanupDepth = 0;
+
+// The drain of the line after a failure stops after this long even when
+// bytes keep coming (a far end that floods the line).
+constexpr uint32_t kDrainLimitMs = 3000;
+constexpr uint32_t kDrainCheckBytes = 256;
 
 struct DepthGuard {
     DepthGuard() { ++cleanupDepth; }
@@ -46,7 +52,14 @@ void EndFailedTransfer(XferRecord *record) {
         break;
     }
     IdleWait(port, 1000);
-    while (port->Ops.RxCount(port) > 0) port->Ops.ReadChar(port);
+    const uint32_t giveUp = plat::GetTickCount() + kDrainLimitMs;
+    for (uint32_t drained = 1; port->Ops.RxCount(port) > 0; ++drained) {
+        port->Ops.ReadChar(port);
+        // The clock is read once every kDrainCheckBytes: a few bytes left
+        // over cost no clock reads.
+        if (drained % kDrainCheckBytes == 0 && plat::TickReached(plat::GetTickCount(), giveUp))
+            break;
+    }
 }
 
 void ReleaseHeld(XferRecord *record) {

@@ -17,16 +17,20 @@ namespace zvxfer {
 // treated as matching nothing: it is never cut down to another name.
 constexpr int kListFieldMax = 255;
 // SearchError for a name that matched nothing (the system's "file not
-// found" number) and for a name too long to search.
+// found" number), for a name too long to search, and for a file of 2^31
+// bytes or more, passed over because 32-bit sizes cannot carry it (the
+// system's "file too large").
 constexpr int32_t kSearchNotFound = 2;
 constexpr int32_t kSearchNameTooLong = 206;
+constexpr int32_t kSearchTooLarge = 27;
 
 // A new list positioned before the first name, or nullptr when out of
 // memory.  `names` is read (and split) in place and must outlive the list.
 // Next(record, list) returns 1 with Path, Size and ModTime of the next file,
 // or 0 when the list is exhausted; only a sending record (Sending == 1)
 // reads past the first name, and only a sending record gets the level-1
-// status line 28260 for a name that matches nothing.  Destroy closes every
+// status lines 28260 for a name that matches nothing and 28307 for a file
+// passed over as too large (the list goes on with the next file).  Destroy closes every
 // search and frees the list.
 SendFileList *SendFileListCreate(char *names, bool subfolders);
 

@@ -16,6 +16,7 @@ namespace {
 
 constexpr int kLevels = 10;
 constexpr int32_t kMsgNoMatch = 28260;
+constexpr int32_t kMsgTooLarge = 28307;
 constexpr std::size_t kWorkSize = 512;
 
 enum class Step {
@@ -70,17 +71,31 @@ void CloseLevel(ListState &s, int level) {
     s.searches[level] = nullptr;
 }
 
-void FillFacts(ListState &s) {
+// The facts of the file in Path.  False for a file of 2^31 bytes or more:
+// sizes and positions travel in 32 bits, so such a file cannot be carried
+// exactly and is passed over like a name that matches nothing.
+bool FillFacts(ListState &s, XferRecord *record) {
     const plat::FileFacts facts = plat::FileStat(s.Path);
+    if (facts.size > INT32_MAX) {
+        s.SearchError = kSearchTooLarge;
+        if (record != nullptr) {
+            record->FileName = s.Path;
+            if (record->Sending) XferStatusMessage(record, 1, kMsgTooLarge, s.Path);
+        }
+        return false;
+    }
     // A file that vanished between the search and here reads as empty;
     // opening it will fail and report it.
-    s.Size = static_cast<int32_t>(facts.size > INT32_MAX ? INT32_MAX : facts.size);
+    s.Size = static_cast<int32_t>(facts.size);
     s.ModTime = static_cast<int32_t>(facts.modTime);
+    return true;
 }
 
-Step FoundFile(ListState &s, const plat::FindData &entry) {
+// A file found by the search: ready to go, or passed over (the search of
+// this level goes on) when it is too large.
+Step FoundFile(ListState &s, const plat::FindData &entry, XferRecord *record) {
     Join(s.Path, sizeof s.Path, s.folder, entry.name.c_str()); // 255 + 255 always fit
-    FillFacts(s);
+    if (!FillFacts(s, record)) return Step::NextMatch;
     s.SearchError = 0;
     return Step::ReturnFile;
 }
@@ -129,7 +144,7 @@ Step FirstMatch(ListState &s, XferRecord *record) {
         CloseLevel(s, s.level);
         s.searches[s.level] = search;
         s.step = Step::NextMatch;
-        return FoundFile(s, entry);
+        return FoundFile(s, entry, record);
     }
     plat::FindClose(search);
     // Only the named folder itself counts: a subfolder without matches is
@@ -145,10 +160,12 @@ Step FirstMatch(ListState &s, XferRecord *record) {
     return Step::StartSubfolders;
 }
 
-Step NextMatch(ListState &s) {
+Step NextMatch(ListState &s, XferRecord *record) {
     plat::FindData &entry = s.entries[s.level];
     while (plat::FindNext(s.searches[s.level], entry)) {
-        if (IsFile(entry)) return FoundFile(s, entry);
+        if (!IsFile(entry)) continue;
+        const Step next = FoundFile(s, entry, record);
+        if (next == Step::ReturnFile) return next;
     }
     CloseLevel(s, s.level);
     return Step::StartSubfolders;
@@ -211,7 +228,7 @@ int32_t ListNext(XferRecord *record, SendFileList *list) {
             next = FirstMatch(s, record);
             break;
         case Step::NextMatch:
-            next = NextMatch(s);
+            next = NextMatch(s, record);
             break;
         case Step::StartSubfolders:
             next = StartSubfolders(s);

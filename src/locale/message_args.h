@@ -60,6 +60,8 @@ inline constexpr std::array kMessageArguments{
     MessageArguments{28304, ""},   // ZRQINIT not sent
     MessageArguments{28305, ""},   // ZFIN exchange failed
     MessageArguments{28306, ""},   // too much noise on the return channel
+    MessageArguments{28307, "s"},  // file too large to send: its name
+    MessageArguments{28308, "s"},  // file too large to receive: its name
     MessageArguments{28311, ""},   // display name before the first file
 };
 

@@ -1,6 +1,6 @@
 // YMODEM's file-information block: "name\0size octal-time 0" in 128 bytes.
+#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "xmodem/xmodem.h"
@@ -41,6 +41,26 @@ bool NextToken(std::span<const uint8_t> text, std::size_t &pos, char *token, std
     return n > 0;
 }
 
+// True when `token` is one or more digits of `base` (10 or 8) and nothing else.
+bool AllDigits(const char *token, int base) {
+    if (*token == 0) return false;
+    for (const char *p = token; *p != 0; ++p)
+        if (*p < '0' || *p >= '0' + base) return false;
+    return true;
+}
+
+// The value of a token of digits in `base` when it fits in 31 bits.
+bool ParseWhole(const char *token, int base, int32_t &value) {
+    if (!AllDigits(token, base)) return false;
+    int64_t v = 0;
+    for (const char *p = token; *p != 0; ++p) {
+        v = v * base + (*p - '0');
+        if (v > INT32_MAX) return false;
+    }
+    value = static_cast<int32_t>(v);
+    return true;
+}
+
 } // namespace
 
 Block0Facts YmParseBlock0(std::span<const uint8_t> data) {
@@ -49,11 +69,16 @@ Block0Facts YmParseBlock0(std::span<const uint8_t> data) {
     if (!nul) return facts;
     const auto rest = data.subspan(static_cast<std::size_t>(nul - data.data()) + 1);
     std::size_t pos = 0;
-    char token[24];
+    char token[1025]; // a whole ZFILE text fits: a long token is never cut down
     if (!NextToken(rest, pos, token, sizeof token)) return facts;
-    facts.size = static_cast<int32_t>(std::strtol(token, nullptr, 10));
-    if (NextToken(rest, pos, token, sizeof token))
-        facts.modTime = static_cast<int32_t>(std::strtoul(token, nullptr, 8));
+    // Sizes and times travel in 32-bit fields: a value that does not fit
+    // is unknown, never cut down to its low bits.
+    if (!ParseWhole(token, 10, facts.size)) {
+        facts.size = 0;
+        facts.sizeTooLarge = AllDigits(token, 10);
+    }
+    if (NextToken(rest, pos, token, sizeof token) && !ParseWhole(token, 8, facts.modTime))
+        facts.modTime = -1;
     return facts;
 }
 

@@ -2,6 +2,7 @@
 // phase of every YMODEM file): the start handshake, the block/answer cycle
 // with its retries, and the end-of-file exchange.
 #include <algorithm>
+#include <climits>
 
 #include "core/core.h"
 #include "core/file_writer.h"
@@ -95,12 +96,19 @@ StartSeen OnStartChar(XferRecord *r, int32_t c) {
 } // namespace
 
 int XmWaitStart(XferRecord *r) {
+    bool lateAnswerSeen = false;
     for (;;) {
         if (XferCheckAbort(r)) return 0;
         const int32_t c = XmWaitChar(r, ReplyTimeout(r));
         if (c == kXmAborted) return 0;
-        if (c == xm::ACK) continue; // a late answer to YMODEM's block 0
-        if (c >= 0) {
+        // One ACK is the late answer to YMODEM's block 0 and is passed
+        // over; more of them fail the try like any other stray character
+        // (without the discard, which could swallow the start character).
+        if (c == xm::ACK && !lateAnswerSeen) {
+            lateAnswerSeen = true;
+            continue;
+        }
+        if (c >= 0 && c != xm::ACK) {
             const StartSeen seen = OnStartChar(r, c);
             if (seen != StartSeen::Retry) return seen == StartSeen::Start ? 1 : 0;
         }
@@ -213,6 +221,12 @@ void XmReceiveFile(XferRecord *r) {
             // reads its next block while this side works; the data joins
             // a 64 KiB piece, written when full, before the end of file is
             // acknowledged, and before the file closes.
+            if (int64_t{r->FilePos} + r->BlockSize > INT32_MAX) {
+                // Positions are 32-bit: the file would pass what they carry.
+                XferStatus(r, 0, "File position would pass %ld", static_cast<long>(INT32_MAX));
+                r->Result = XferErrFileIo;
+                break;
+            }
             const bool answered = !acknowledge || XmSendAck(r);
             if (!r->SkipFile && r->BlockSize > 0 &&
                 !out.Append(r->Buffer, static_cast<std::size_t>(r->BlockSize))) {

@@ -2,6 +2,7 @@
 // check, and classify it (good, repeated, out of order, damaged).  Writing the
 // data and acknowledging it are the caller's.
 #include "core/core.h"
+#include "platform/tick.h"
 #include "port/port.h"
 #include "xmodem/xmodem.h"
 
@@ -9,6 +10,31 @@ namespace zvxfer {
 namespace {
 
 enum class Pass { Accepted, EndOfFile, Retry, Fail };
+
+// Bytes keep arriving but none of them make a valid block: garbage, however
+// it comes (a flood, a byte a second, or blocks that trickle in a byte at a
+// time), ends the wait for a block kNoBlockLimitMs after its first byte.
+// Silence alone never starts the watch: its limits are the header waits'.
+class GarbageWatch {
+  public:
+    void Saw() {
+        if (started_) return;
+        started_ = true;
+        giveUp_ = plat::GetTickCount() + xm::kNoBlockLimitMs;
+    }
+    bool Expired() const { return started_ && plat::TickReached(plat::GetTickCount(), giveUp_); }
+
+  private:
+    bool started_ = false;
+    uint32_t giveUp_ = 0;
+};
+
+// One byte of a block's body.  The clock is read only when the byte has to
+// be waited for, so a block that arrives whole costs no clock reads.
+int32_t BodyChar(XferPort *port, const GarbageWatch &watch) {
+    if (port->RxBlock.Length == 0 && watch.Expired()) return kXmTimedOut;
+    return ReadCharTimed(port, xm::kSliceMs);
+}
 
 void CountError(XferRecord *r) {
     r->ErrorTotal++;
@@ -26,11 +52,12 @@ Pass Reject(XferRecord *r) {
 
 // Wait for SOH, STX or EOT.  Anything else is counted; after three misses
 // on the first block the receiver falls back to checksum mode.
-Pass ReadHeader(XferRecord *r) {
+Pass ReadHeader(XferRecord *r, GarbageWatch &watch) {
     const int32_t timeout = r->BlockNumber < 2 ? 5000 : 10000;
     const int32_t c = XmWaitChar(r, timeout);
     if (c == kXmAborted) return Pass::Fail;
     if (c >= 0) {
+        watch.Saw();
         const intptr_t previous = r->ProtocolHook;
         r->ProtocolHook = c;
         if (c == xm::SOH || c == xm::STX || c == xm::EOT) return Pass::Accepted;
@@ -50,10 +77,10 @@ Pass ReadHeader(XferRecord *r) {
 }
 
 // Number, complement, data and check of a block whose header has arrived.
-Pass ReadBody(XferRecord *r) {
+Pass ReadBody(XferRecord *r, const GarbageWatch &watch) {
     XferPort *port = r->Port;
-    const int32_t number = ReadCharTimed(port, xm::kSliceMs);
-    const int32_t complement = ReadCharTimed(port, xm::kSliceMs);
+    const int32_t number = BodyChar(port, watch);
+    const int32_t complement = BodyChar(port, watch);
     if (number < 0 || complement < 0 || number != (~complement & 0xFF)) {
         const Pass pass = Reject(r);
         if (pass == Pass::Retry) XferStatusMessage(r, 1, 28288, number, complement);
@@ -62,17 +89,17 @@ Pass ReadBody(XferRecord *r) {
     r->RxSeq = number;
 
     for (int32_t i = 0; i < r->BlockSize; ++i) {
-        const int32_t c = ReadCharTimed(port, xm::kSliceMs);
+        const int32_t c = BodyChar(port, watch);
         if (c < 0) return Reject(r);
         r->Buffer[i] = static_cast<uint8_t>(c);
     }
     if (XmCrcMode(r)) {
-        const int32_t high = ReadCharTimed(port, xm::kSliceMs);
-        const int32_t low = ReadCharTimed(port, xm::kSliceMs);
+        const int32_t high = BodyChar(port, watch);
+        const int32_t low = BodyChar(port, watch);
         if (high < 0 || low < 0) return Reject(r);
         r->RxCheck = high * 256 + low;
     } else {
-        const int32_t sum = ReadCharTimed(port, xm::kSliceMs);
+        const int32_t sum = BodyChar(port, watch);
         if (sum < 0) return Reject(r);
         r->RxCheck = sum;
     }
@@ -106,8 +133,8 @@ Pass Validate(XferRecord *r) {
     return Pass::Accepted;
 }
 
-Pass ReceiveOnce(XferRecord *r) {
-    Pass pass = ReadHeader(r);
+Pass ReceiveOnce(XferRecord *r, GarbageWatch &watch) {
+    Pass pass = ReadHeader(r, watch);
     if (pass != Pass::Accepted) return pass;
     switch (r->ProtocolHook) {
     case xm::SOH:
@@ -122,7 +149,7 @@ Pass ReceiveOnce(XferRecord *r) {
         r->Result = XferErrInternal;
         return Pass::Fail;
     }
-    pass = ReadBody(r);
+    pass = ReadBody(r, watch);
     if (pass != Pass::Accepted) return pass;
     return Validate(r);
 }
@@ -130,13 +157,20 @@ Pass ReceiveOnce(XferRecord *r) {
 } // namespace
 
 int XmReceiveBlock(XferRecord *r) {
+    GarbageWatch watch;
     for (;;) {
         if (r->ErrorRun >= xm::kMaxErrors) {
             r->Result = XferErrTooManyErrors;
             return 0;
         }
+        if (watch.Expired()) {
+            XferStatus(r, 0, "No valid block for %d seconds",
+                       static_cast<int>(xm::kNoBlockLimitMs / 1000));
+            r->Result = XferErrTooManyErrors;
+            return 0;
+        }
         if (XferCheckAbort(r)) return 0;
-        switch (ReceiveOnce(r)) {
+        switch (ReceiveOnce(r, watch)) {
         case Pass::EndOfFile:
             return 1;
         case Pass::Fail:
@@ -151,7 +185,7 @@ int XmReceiveBlock(XferRecord *r) {
                    static_cast<long>(r->BlockNumber));
         r->BlockNumber++;
         if ((r->Protocol == Ymodem || r->Protocol == YmodemG) && r->FileSize >= 1 &&
-            r->FilePos + r->BlockSize > r->FileSize)
+            int64_t{r->FilePos} + r->BlockSize > r->FileSize)
             r->BlockSize = r->FilePos < r->FileSize ? r->FileSize - r->FilePos : 0;
         return 1;
     }

@@ -1,5 +1,6 @@
 // The sending side of one block: cutting the file into blocks, putting a
 // block on the line, and the receiver's one-byte answers (NAK/'C'/'G', ACK).
+#include <climits>
 #include <cstring>
 
 #include "core/core.h"
@@ -15,6 +16,14 @@ int XmFillBlock(XferRecord *r) {
     if (r->Protocol != Xmodem && r->FileSize - r->FilePos > 896) length = 1024;
     long got = plat::FileRead(r->File, r->Buffer, length);
     if (got <= 0) {
+        r->BlockSize = 0;
+        return 0;
+    }
+    if (int64_t{r->FilePos} + got > INT32_MAX) {
+        // A file that grew past what 32-bit positions carry while it was
+        // being sent: it cannot be sent exactly.
+        XferStatus(r, 0, "File position would pass %ld", static_cast<long>(INT32_MAX));
+        r->Result = XferErrFileIo;
         r->BlockSize = 0;
         return 0;
     }

@@ -23,6 +23,12 @@ constexpr uint8_t StartStreaming = 'G';
 constexpr int32_t kReplyTimeoutMs = 15000; // sender: start character and answers
 constexpr int32_t kSliceMs = 1000;         // every wait is cut into slices of this
 constexpr int32_t kMaxErrors = 10;         // consecutive errors that end a transfer
+// A discard of noise gives up after this long without a quiet second.
+constexpr uint32_t kNoiseLimitMs = 3000;
+// A receiver that has seen bytes but no valid block for this long gives up
+// (-610): with the waits in progress and the clean-up, it ends within 60 s
+// of endless garbage at any rate, however the garbage is made.
+constexpr uint32_t kNoBlockLimitMs = 45000;
 constexpr uint32_t kBlock0Size = 128;
 } // namespace xm
 
@@ -48,8 +54,9 @@ constexpr int32_t kXmAborted = -2;  // XferCheckAbort said stop
 // Wait up to `timeoutMs` for a byte in 1000-ms slices, checking for an abort
 // after every empty slice.  Returns the byte, kXmTimedOut or kXmAborted.
 int32_t XmWaitChar(XferRecord *record, int32_t timeoutMs);
-// Read and drop bytes until a 1000-ms read finds none; false on an abort.
-// `count` (optional) receives the number of bytes dropped.
+// Read and drop bytes until a 1000-ms read finds none, or for at most
+// kNoiseLimitMs when they never stop; false on an abort.  `count`
+// (optional) receives the number of bytes dropped.
 bool XmDiscard(XferRecord *record, int *count = nullptr);
 
 // --- one block ---
@@ -76,10 +83,12 @@ uint32_t YmFormatBlock0(std::span<uint8_t, xm::kBlock0Size> out, const char *nam
                         int32_t modTime);
 
 struct Block0Facts {
-    int32_t size = 0;     // 0 when the size token is missing
-    int32_t modTime = -1; // -1 when the time token is missing
+    int32_t size = 0;          // 0 when unknown: missing, not a number, or too large
+    int32_t modTime = -1;      // -1 when unknown: missing, not a number, or too large
+    bool sizeTooLarge = false; // the size was a number beyond 2^31 - 1
 };
 // Read the size (decimal) and time (octal) tokens after the name's NUL.
+// Only plain digits count; a value that does not fit in 31 bits is unknown.
 Block0Facts YmParseBlock0(std::span<const uint8_t> data);
 
 } // namespace zvxfer

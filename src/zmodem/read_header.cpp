@@ -15,6 +15,34 @@ namespace {
 constexpr int32_t kSilentSecondsLimit = 10;
 constexpr int32_t kCancelRun = 5;
 constexpr uint32_t kHexTailMs = 55;
+// A hunt that has seen stray bytes for this long ends as if the garbage
+// limit had been reached: noise that never stops (a byte a second never
+// makes a silent second, nor 2048 bytes in reasonable time) must not hold
+// the transfer.  Honest bursts of noise are far shorter.
+constexpr uint32_t kNoiseLimitMs = 3000;
+constexpr uint32_t kNoiseGapMs = 1500;
+
+// Stray bytes (anything but ZPAD) that keep coming, none more than
+// kNoiseGapMs after the one before, form a run; a run of kNoiseLimitMs ends
+// the hunt.  A pause longer than the gap (a quiet line) ends the run.
+class NoiseRun {
+  public:
+    // A stray byte; true when the run has lasted long enough to give up.
+    bool Byte() {
+        const uint32_t now = plat::GetTickCount();
+        if (!running_ || now - last_ > kNoiseGapMs) start_ = now;
+        running_ = true;
+        last_ = now;
+        return now - start_ >= kNoiseLimitMs;
+    }
+    void Silence() {
+        if (running_ && plat::GetTickCount() - last_ > kNoiseGapMs) running_ = false;
+    }
+
+  private:
+    bool running_ = false;
+    uint32_t start_ = 0, last_ = 0;
+};
 
 // A byte of noise; the hunt gives up after kGarbageLimit of them.
 void CountGarbage(XferRecord *record) {
@@ -86,14 +114,21 @@ int GetPad(XferRecord *record) {
     cans = 0;
     int32_t silentSeconds = 0;
     bool noise = false; // stray characters (not flow control) came in this hunt
+    NoiseRun run;
     for (;;) {
         if (RxEmpty(port) != 0 && XferCheckAbort(record)) return 0;
         const int32_t c = ReadCharTimed(port, 1000);
         if (c < 0) {
             if (SilentSecond(record, noise, silentSeconds)) return 0;
+            run.Silence();
             continue;
         }
         if (c == zm::ZPAD) return 1;
+        if (run.Byte()) {
+            XferStatus(record, 0, "GetPad: noise for %d seconds",
+                       static_cast<int>(kNoiseLimitMs / 1000));
+            return 0;
+        }
         silentSeconds = 0;
         if (c == zm::CAN) {
             if (CancelSeen(record, cans)) return 0;
@@ -251,6 +286,20 @@ bool ZmForgiveSilence(XferRecord *record, bool &forgiven) {
     forgiven = true;
     record->Result = 0;
     return !ZmCountError(record);
+}
+
+bool ZmDiscardInput(XferRecord *record) {
+    XferPort *port = record->Port;
+    uint8_t scratch[64];
+    const uint32_t giveUp = plat::GetTickCount() + kNoiseLimitMs;
+    for (;;) {
+        const int32_t r = port->Ops.ReadBuffer(port, scratch, sizeof scratch);
+        if ((r < 0 && r != PortBufferEmpty) || port->Count == 0) return true;
+        if (plat::TickReached(plat::GetTickCount(), giveUp)) {
+            XferStatus(record, 0, "Discarding given up: the line is never quiet");
+            return !ZmCountError(record);
+        }
+    }
 }
 
 bool ZmCountError(XferRecord *record) {

@@ -15,6 +15,7 @@ namespace {
 constexpr std::size_t kNameLimit = 255;  // received names and composed paths
 constexpr int32_t kCrossedPauseMs = 200; // after a ZRQINIT that crossed our ZRINIT
 constexpr int32_t kPauseStepMs = 5;
+constexpr int32_t kMsgTooLarge = 28308;
 
 constexpr uint8_t kRinitData[4] = {0, 0, 0, zm::kOurRinitFlags};
 constexpr uint8_t kZeroData[4] = {0, 0, 0, 0};
@@ -122,6 +123,15 @@ void ZmodemReceive(XferRecord *r) {
         const uint8_t *header = ZmHeaderData(r);
         ZmConversion(r) = header[3]; // ZF0
         ZmManagement(r) = header[2]; // ZF1
+        if (facts.sizeTooLarge) {
+            // Positions are 32-bit: such a file cannot be received whole.
+            // It is refused before anything is created; the batch goes on.
+            XferStatusMessage(r, 1, kMsgTooLarge, name);
+            SendHexHeader(r, zm::ZSKIP, kZeroData);
+            if (XferStopped(r)) break;
+            name[0] = 0;
+            continue;
+        }
 
         if (!XferOpenFile(r)) break;
         if (r->Result == XferErrShouldSkip) {

@@ -2,6 +2,8 @@
 // of subpackets written to the file (with optional newline conversion and
 // pacing), ZACKs where the sender asks for them, ZRPOS after damage, and
 // the ZEOF that completes the file.
+#include <climits>
+
 #include "core/core.h"
 #include "core/file_writer.h"
 #include "platform/file.h"
@@ -70,6 +72,13 @@ FrameEnd TakeSubpackets(XferRecord *r, Pacing &pacing, FileWriter &out) {
         if (XferStopped(r)) return FrameEnd::Stop;
         if (end < 0) return FrameEnd::Damaged;
         r->ErrorRun = 0;
+        if (int64_t{r->FilePos} + r->BlockSize > INT32_MAX) {
+            // Positions are 32-bit: the file would pass what they carry.
+            XferStatus(r, 0, "File position would pass %ld", static_cast<long>(INT32_MAX));
+            r->Result = XferErrFileIo;
+            XferCleanup(r);
+            return FrameEnd::Stop;
+        }
         pacing.Pause();
         const bool written = WriteData(r, out);
         pacing.Restore();
@@ -101,7 +110,7 @@ bool AfterFrame(XferRecord *r, int32_t type, bool lastGood) {
     if ((lastGood || !dataHeader) && padFound && !damagedHeader) return true;
     // A damaged header was counted by its reader.
     if (padFound && type >= 0 && ZmCountError(r)) return false;
-    if (r->FilePos != r->FileSize) ClearRXBuffer(r->Port);
+    if (r->FilePos != r->FileSize && !ZmDiscardInput(r)) return false;
     SendPosHeader(r, zm::ZRPOS);
     XferStatus(r, 0, "Sending a new file offset!!!");
     return true;

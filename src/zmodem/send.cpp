@@ -98,7 +98,12 @@ int SendFileFrame(XferRecord *record) {
             return 0;
         case zm::ZRPOS:
             record->FilePos = ZmGetPosition(ZmHeaderData(record));
-            return 1;
+            if (record->FilePos >= 0) return 1;
+            // No file position is beyond 2^31 - 1: a damaged answer.
+            record->FilePos = 0;
+            XferStatus(record, 0, "SendFile: bad ZRPOS location");
+            if (ZmCountError(record)) return 0;
+            continue;
         case zm::ZRINIT: // the receiver repeating itself; ZFILE is not sent again
             continue;
         default:

@@ -18,6 +18,12 @@ constexpr int32_t kBackChannelMs = 70;
 constexpr uint32_t kAckWaitMs = 1500; // each such wait for a ZACK is an error
 constexpr uint32_t kPauseMs = 5;      // longest sleep between two looks at the line
 constexpr intptr_t kNoiseLimit = 100;
+// Stray characters that keep coming, none more than kNoiseGapMs after the
+// one before, for kNoiseRunMs end the frame like the 52nd: a byte a second
+// would otherwise take a minute to reach the count.  Scattered noise (an
+// honest line's) breaks the run and never adds up.
+constexpr uint32_t kNoiseRunMs = 3000;
+constexpr uint32_t kNoiseGapMs = 1500;
 
 void SendPosition(XferRecord *record, int type, int32_t position) {
     uint8_t data[4];
@@ -134,7 +140,7 @@ Next OnAnswer(XferRecord *record, int32_t type, bool &forgiven, bool &done) {
         if (!AtEnd(record)) return Next::Stream;
         const int32_t position = ZmGetPosition(ZmHeaderData(record));
         if (position == record->FileSize) {
-            ClearRXBuffer(record->Port);
+            if (!ZmDiscardInput(record)) return Next::Stop;
             done = true;
         } else if (position < record->FileSize && position >= 0) {
             // An older ZACK (a repeated restart is answered twice): the
@@ -146,7 +152,16 @@ Next OnAnswer(XferRecord *record, int32_t type, bool &forgiven, bool &done) {
         return Next::Stream;
     }
     if (type == zm::ZRPOS) {
-        record->FilePos = ZmGetPosition(ZmHeaderData(record));
+        const int32_t position = ZmGetPosition(ZmHeaderData(record));
+        if (position < 0) {
+            // No file position is beyond 2^31 - 1: a damaged answer.
+            XferStatus(record, 0, "SendFileData: bad ZRPOS location %ld",
+                       static_cast<long>(position));
+            if (ZmCountError(record)) return Next::Stop;
+            ZmRestartPending(record) = 1;
+            return Next::Stream;
+        }
+        record->FilePos = position;
         plat::FileSeek(record->File, record->FilePos, 0);
         XferStatus(record, 0, "SendFileData: ZRPOS location %ld",
                    static_cast<long>(record->FilePos));
@@ -169,9 +184,17 @@ int BackChannel(XferRecord *record) {
         if (c < 0) return 0;
         if (c == zm::CAN || c == zm::ZPAD) return 1;
         if (c == zm::XON || c == zm::XOFF) continue;
+        const auto now = static_cast<int32_t>(plat::GetTickCount());
+        if (garbage == 0 || now - ZmNoiseLast(record) > static_cast<int32_t>(kNoiseGapMs))
+            ZmNoiseSince(record) = now;
+        ZmNoiseLast(record) = now;
+        const bool endless = now - ZmNoiseSince(record) >= static_cast<int32_t>(kNoiseRunMs);
         // Each stray character counts twice, so the 52nd of a frame ends it.
-        if (garbage > kNoiseLimit) {
+        if (garbage > kNoiseLimit || endless) {
             XferStatusMessage(record, 1, kMsgNoise);
+            // Noise that never stops counts toward the error limit, which
+            // ends a line that stays like this.
+            if (endless && ZmCountError(record)) return 2;
             SendDataSubpacket(record, 0, zm::ZCRCE);
             return 2;
         }
@@ -194,6 +217,9 @@ int FillDataBuffer(XferRecord *record) {
         amount = static_cast<int32_t>(zm::kMaxSubpacket);
     ZmChunkSize(record) = amount;
     if (AtEnd(record)) return 1;
+    // Never past the size (a file that grew is sent as it was listed), so
+    // the position cannot pass what 32 bits carry.
+    if (amount > record->FileSize - record->FilePos) amount = record->FileSize - record->FilePos;
 
     long got = -1;
     if (amount > 0)

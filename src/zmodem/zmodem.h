@@ -115,6 +115,14 @@ inline int32_t &ZmMaxErrors(XferRecord *r) {
 inline int32_t &ZmChunkSize(XferRecord *r) {
     return r->ProtocolBytes.Words[13];
 }
+// Sender: ticks of the first and the latest stray character of the current
+// run of noise on the return channel (BackChannel).
+inline int32_t &ZmNoiseSince(XferRecord *r) {
+    return r->ProtocolBytes.Words[14];
+}
+inline int32_t &ZmNoiseLast(XferRecord *r) {
+    return r->ProtocolBytes.Words[15];
+}
 
 // A file position in header data: ZP0 is the lowest byte.
 inline void ZmPutPosition(uint8_t data[4], int32_t position) {
@@ -169,6 +177,10 @@ int32_t ReadDataSubpacket(XferRecord *record);
 // taken back and counted as an error, so the caller can say it again;
 // true then.  False, with Result as it is, otherwise.
 bool ZmForgiveSilence(XferRecord *record, bool &forgiven);
+// Drop what the host holds, as ClearRXBuffer does, but give up after three
+// seconds of bytes that never stop (counted as an error).  False when that
+// error reached the limit (Result -610).
+bool ZmDiscardInput(XferRecord *record);
 // One more error (ErrorTotal and ErrorRun); true when the run reaches the
 // limit, which sets Result -610.
 bool ZmCountError(XferRecord *record);

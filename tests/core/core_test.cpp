@@ -183,6 +183,35 @@ TEST_F(Cleanup, WaitQuietEndsAfterASilentSecondOrANulOrOnAbort) {
     EXPECT_EQ(V({XferWaitQuiet(&record), record.Result}), V({0, -605}));
 }
 
+// A line that is never quiet: the quiet wait gives up after three seconds
+// (counting one error) and the clean-up's drain stops after three seconds,
+// whether the bytes come as a flood or one a second.
+TEST_F(Cleanup, QuietWaitAndDrainEndOnALineThatNeverStops) {
+    for (const bool flood : {true, false}) {
+        SCOPED_TRACE(flood ? "flood" : "a byte a second");
+        static uint32_t next;
+        next = clock.Now();
+        host.OnRequest([this, flood](test::TestHost &h, uintptr_t request) {
+            if (request != PORT_READ) return;
+            if (flood) h.Receive(std::string(64, 'n'));
+            if (!flood && int32_t(clock.Now() - next) >= 0)
+                h.Receive("n"), next = clock.Now() + 1000;
+        });
+        ASSERT_TRUE(Fresh(Xmodem));
+        StatusLines().clear();
+        uint32_t t = clock.Now();
+        EXPECT_EQ(V({XferWaitQuiet(&record), record.ErrorRun, record.ErrorTotal,
+                     CountStatus("Line not quiet for 3 seconds")}),
+                  V({1, 1, 1, 1}));
+        EXPECT_TRUE(clock.Now() - t >= 3000 && clock.Now() - t < 5000) << clock.Now() - t;
+        record.Result = -610;
+        t = clock.Now();
+        XferCleanup(&record); // a second of settling, then the drain
+        EXPECT_LT(clock.Now() - t, 5000u);
+        host.OnRequest(nullptr);
+    }
+}
+
 TEST_F(PatientWrite, PartialWritesAreResentALostLineAnIdleStopOrAnAbortEndThem) {
     host.SetWriteLimit(100);
     std::vector<uint8_t> data(300);

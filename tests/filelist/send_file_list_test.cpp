@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "filelist/filelist.h"
@@ -101,6 +102,35 @@ TEST_F(SendList, SubfoldersFollowTheFoldersOwnMatchesNineLevelsDeep) {
     std::filesystem::current_path(tree.Path("top/l1/l2/l3/l4/l5/l6/l7/l8/l9/l10"));
     EXPECT_EQ(Run("\"f*.txt\"", true), (Names{"f.txt", "l11/f.txt"}));
     std::filesystem::current_path(previous);
+}
+
+// Files of 2^31 bytes and more (sparse: they take no disk) cannot be carried
+// in 32-bit sizes: each is passed over with its notice and the list goes on;
+// one exactly at the limit still goes.  When the list ends on one, the
+// search error says why.
+TEST_F(SendList, FilesTooLargeToCarryArePassedOverAndTheListGoesOn) {
+    auto sparse = [&](const std::string &name, off_t size) {
+        const std::string path = tree.File(name, "");
+        EXPECT_EQ(truncate(path.c_str(), size), 0) << name;
+    };
+    sparse("d/a-3gib.bin", 3LL << 30);
+    sparse("d/b-limit.bin", INT32_MAX);
+    sparse("d/c-2gib.bin", 1LL << 31);
+    tree.File("small.txt", "12345");
+    sparse("z-5gib.bin", 5LL << 30);
+    const Names files = Run(Q("d/*") + Q("small.txt") + Q("z-5gib.bin"));
+    EXPECT_EQ(files, (Names{"d/b-limit.bin", "small.txt"}));
+    EXPECT_EQ(Set(StatusLines().begin(), StatusLines().end()),
+              (Set{"1 a-3gib.bin : File too large to send: " + tree.Path("d/a-3gib.bin"),
+                   "1 c-2gib.bin : File too large to send: " + tree.Path("d/c-2gib.bin"),
+                   "1 z-5gib.bin : File too large to send: " + tree.Path("z-5gib.bin")}));
+    EXPECT_EQ(list->SearchError, 27);
+
+    // A receiving record (which reads only the first name) gets no notice.
+    record.Sending = 0;
+    StatusLines().clear();
+    EXPECT_TRUE(Run(Q("z-5gib.bin")).empty());
+    EXPECT_TRUE(StatusLines().empty());
 }
 
 } // namespace
