@@ -54,7 +54,8 @@ class Line:
     # `buf` (and kept in `seen`); waits consume it up to what they looked for.
 
     def __init__(self, rfd, wfd):
-        self.rfd, self.wfd, self.buf, self.seen, self.eof = rfd, wfd, bytearray(), bytearray(), False
+        self.rfd, self.wfd, self.eof = rfd, wfd, False
+        self.buf, self.seen = bytearray(), bytearray()
         os.set_blocking(rfd, False)
         os.set_blocking(wfd, False)
 
@@ -97,7 +98,8 @@ class Line:
                 del self.buf[:got[1]]
                 return got[0]
             check(not self.eof and time.monotonic() < end, "no %s from zvxfer (%s); it sent %r" % (
-                what, "it closed the line" if self.eof else "%d s" % timeout, bytes(self.buf[-60:])))
+                what, "it closed the line" if self.eof else "%d s" % timeout,
+                bytes(self.buf[-60:])))
             self.pump(min(0.2, end - time.monotonic()))
 
     def expect(self, data, timeout=20):
@@ -421,7 +423,8 @@ def case_names_stay_inside_receive_folder(z, work):
                 if got.get(rel) != data:
                     problems.append("%s: %s is missing or wrong in -d; it holds %s"
                                     % (what, rel, sorted(got)))
-            outside = [k for k in tree(run) if not k.startswith("out") and k not in ("deep", "deep/er")]
+            outside = [k for k in tree(run)
+                       if not k.startswith("out") and k not in ("deep", "deep/er")]
             if outside:
                 problems.append("%s: written outside -d: %s" % (what, outside))
             stray = "/tmp/%sa" % u
@@ -433,9 +436,12 @@ def case_names_stay_inside_receive_folder(z, work):
     report(problems)
 
 
-RAW = [0x1B, 0x07, 0x9B, 0x7F, 0x01]  # bytes of the names below that must never show raw
+# Bytes of the names below that must never reach the user's terminal raw.
+RAW = [0x1B, 0x07, 0x9B, 0x9C, 0x9D, 0x9E, 0x9F, 0x7F, 0x01]
 EVIL = b"e\x1b]0;x\x07y\x9bz\x7f\x01.txt"  # a title change, a bell, a C1 CSI, DEL, SOH
 EVIL_LOCAL = b"e_]0;x_y\x9bz__.txt"
+# EVIL as shown: escaped as it came, or as the local name with its 0x9b escaped
+EVIL_SHOWN = re.compile(rb"e(\\x1b|_)\]0;x(\\x07|_)y\\x9bz")
 
 
 def case_control_bytes_in_names(z, work):
@@ -455,26 +461,49 @@ def case_control_bytes_in_names(z, work):
         raw = sorted("0x%02x" % b for b in RAW if b in err)
         if raw:
             problems.append("%s: stderr carries raw %s: %r" % (protocol, ", ".join(raw), err))
-        if b"\\x1b]0;x\\x07y\\x9bz\\x7f\\x01" not in err:
+        if not EVIL_SHOWN.search(err):
             problems.append("%s: stderr never shows the escaped name: %r" % (protocol, err))
     report(problems)
+
+
+def terminal_problems(shown):
+    # What is wrong with the bytes a terminal got: raw control bytes (the
+    # bar's own "clear line" aside), bytes that are not UTF-8, a backslash that
+    # starts no escape (a name cut inside one).
+    own = shown.replace(b"\r\x1b[K", b"\r")
+    raw = sorted("0x%02x" % b for b in RAW if b in own)
+    if raw:
+        return "raw %s" % ", ".join(raw)
+    try:
+        text = own.decode("utf-8")
+    except UnicodeDecodeError as e:
+        return "bytes that are not UTF-8 (%s)" % e
+    broken = re.findall(r"\\(?!x[0-9a-f]{2}).{0,4}", re.sub(r"\\\\", "", text))
+    if broken:
+        return "a backslash that starts no escape: %s" % broken
+    if not EVIL_SHOWN.search(own):
+        return "no escaped name"
+    return None
 
 
 def case_names_escaped_in_progress_bar(z, work):
     # With stderr on a terminal the progress bar narrows names; what it shows
     # is still escaped, valid UTF-8, and never cut inside an escape.
     out = folder(work, "out")
-    names = [EVIL, b"abcdefghijklmnopqrstu\x01\x02\x03\x04\x05.bin",
+    names = [EVIL, b"abcdefghijklmnopqrstu\x9b\x9c\x9d\x9e\x9f.bin",
              ("x" + "\u00e9" * 22 + "\u20ac\u20ac\u20ac.bin").encode()]
     files = [(info(n, 3000), data_of(i, 3000)) for i, n in enumerate(names)]
     master, slave = os.openpty()
     tty.setraw(slave)
-    shown = bytearray()
+    screen, stop = Line(master, master), threading.Event()
+
+    def watch():  # the terminal is read all along, so the bar never blocks
+        while not stop.is_set():
+            screen.pump(0.05)
+    watcher = threading.Thread(target=watch)
+    watcher.start()
     try:
         far = Far(zvxfer_receive(z, "ymodem", out), work, stderr=slave)
-        os.close(slave)
-        slave = -1
-        screen = Line(master, master)
         try:
             problem = None
             try:
@@ -484,23 +513,16 @@ def case_names_escaped_in_progress_bar(z, work):
             rc = far.finish()
         finally:
             far.close()
-        screen.quiet(0.5)
-        shown = bytes(screen.seen)
+        time.sleep(0.3)
     finally:
-        if slave >= 0:
-            os.close(slave)
+        stop.set()
+        watcher.join()
+        os.close(slave)
         os.close(master)
+    shown = bytes(screen.seen)
     check(problem is None and rc == 0, "exit %d, %s; the terminal showed %r" % (rc, problem, shown))
-    own = shown.replace(b"\r\x1b[K", b"\r")  # the bar's own "clear line" stays
-    raw = sorted("0x%02x" % b for b in RAW if b in own)
-    check(not raw, "the terminal got raw %s: %r" % (", ".join(raw), shown))
-    try:
-        text = own.decode("utf-8")
-    except UnicodeDecodeError as e:
-        raise Failure("the terminal got bytes that are not UTF-8 (%s): %r" % (e, shown))
-    broken = re.findall(r"\\(?!\\|x[0-9a-f]{2}).{0,4}", re.sub(r"\\\\", "", text))
-    check(not broken, "a backslash that starts no escape %s in %r" % (broken, text))
-    check("e\\x1b]0;x\\x07y" in text, "the escaped name never showed: %r" % text)
+    wrong = terminal_problems(shown)
+    check(not wrong, "the terminal got %s: %r" % (wrong, shown))
 
 
 # --- symlinks --------------------------------------------------------------
@@ -636,7 +658,7 @@ def case_zmodem_receive_refuses_size_beyond_31_bits(z, work):
         z_finish(line)
     rc, err, problem = run_far(zvxfer_receive(z, "zmodem", out), work, script)
     check(problem is None, "%s; stderr: %r" % (problem, err))
-    check(sorted(os.listdir(out)) == ["small.bin"] and read(os.path.join(out, "small.bin")) == small,
+    check(os.listdir(out) == ["small.bin"] and read(os.path.join(out, "small.bin")) == small,
           "-d holds %s" % os.listdir(out))
     check(rc == 0 and re.search(rb"too large.*big\.bin", err, re.I), "exit %d: %r" % (rc, err))
 
@@ -911,16 +933,19 @@ def case_noise_ends_every_wait(z, work):
     # Receivers fed random bytes, a ZMODEM sender answered with them (from
     # the start, or once its data flow): each gives up with exit 1 on its own,
     # for a flood and for a byte a second alike.
-    f = write(os.path.join(work, "f.bin"), data_of(12, 200000))
     runs = []
+    # The drip comes a little faster than a byte a second, so that no read
+    # that waits a whole second ever finds the line quiet.
     for rate, interval, chunk in (("flood", 0.02, 1024), ("drip", 0.9, 1)):
         for protocol in ("xmodem", "ymodem"):
             runs.append(("%s-receive-%s" % (protocol, rate), interval, chunk, None,
                          [z, "receive", "-p", protocol, "-d", work, "-q"] +
                          ["x.bin"] * (protocol == "xmodem")))
         for opening in (None, zmodem_data_phase):
-            runs.append(("zmodem-send-%s-%s" % ("data" if opening else "start", rate), interval,
-                         chunk, opening, [z, "send", "-p", "zmodem", "-q", f]))
+            label = "zmodem-send-%s-%s" % ("data" if opening else "start", rate)
+            f = write(os.path.join(work, label + ".bin"), data_of(12, 200000))  # one file each:
+            runs.append((label, interval, chunk, opening,  # a file being sent is locked
+                         [z, "send", "-p", "zmodem", "-q", f]))
     results = {}
     threads = [threading.Thread(target=noise_run, args=(argv, work, label, interval, chunk,
                                                         opening, results))
