@@ -628,7 +628,7 @@ def case_ymodem_size_beyond_31_bits_is_unknown(z, work):
     # A block-0 size that does not fit 31 bits is no size at all: the file
     # keeps the whole 128-byte block instead of a wrapped length.
     rows = [(b"100", 100), (b"4294967396", 128), (b"2147483648", 128),
-            (b"99999999999999999999", 128), (b"2147483647", 128)]
+            (b"99999999999999999999", 128), (b"4294967297", 128)]
     out = folder(work, "out")
     data = data_of(3, 100)
     files = [(info(b"s%d.bin" % i, size), data) for i, (size, _) in enumerate(rows)]
@@ -681,7 +681,7 @@ def too_large_to_send(z, work, protocol, size):
     for files in ([big, small], [big]):
         out = folder(work, "out%d" % len(files))
         # The peer may store 64 MiB: enough to see a short file begin.
-        codes, err = pipe_pair([peer, "-q"], [z, "send", "-p", protocol, "-q"] + files, work,
+        codes, err = pipe_pair([peer, "-q"], [z, "send", "-p", protocol] + files, work,
                                a_cwd=out, deadline=30, a_limit=64 << 20)
         what = "send %s: exit %s, stderr %r, peer kept %s" % (
             " ".join(os.path.basename(f) for f in files), codes[1], err,
