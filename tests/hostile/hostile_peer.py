@@ -293,9 +293,14 @@ def z_start(line):
 
 
 def z_offer(line, text):
-    # ZFILE; the receiver's answer (ZRPOS or ZSKIP).
+    # ZFILE; the receiver's answer (ZRPOS or ZSKIP).  A receiver that has just
+    # skipped a file announces itself again with ZRINIT before it reads this
+    # ZFILE; that ZRINIT is no answer to it.
     line.send(z_bin(ZFILE) + z_sub(text, ZCRCW))
-    return z_header(line)[0]
+    while True:
+        kind = z_header(line)[0]
+        if kind != ZRINIT:
+            return kind
 
 
 def z_data(line, data, subpackets=None):
