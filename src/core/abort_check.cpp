@@ -4,10 +4,6 @@
 
 namespace zvxfer {
 
-namespace {
-constexpr int32_t kMsgCancelled = 28263;
-}
-
 int XferCheckAbort(XferRecord *record) {
     if (record->ProgressCallback != nullptr) record->ProgressCallback(record);
     if (record->Result == XferErrUserAbort) return 1;
@@ -24,7 +20,7 @@ int XferCheckAbort(XferRecord *record) {
 
     record->Result = verdict;
     if (record->Protocol == CompuServeBPlus) return 1; // the B+ engine ends it itself
-    XferStatusMessage(record, 1, kMsgCancelled);
+    XferStatusMessage(record, 1, MsgTransferCancelled);
     if (record->Protocol != Kermit) XferCleanup(record);
     return 1;
 }

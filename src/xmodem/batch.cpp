@@ -42,7 +42,7 @@ bool DeliverBlock0(XferRecord *copy, bool last) {
 void YmSendBatch(XferRecord *r) {
     XferRecord copy = *r;
     char shown[256];
-    MessageTextCopy(28311, shown, sizeof shown);
+    MessageTextCopy(MsgWaitingForFileName, shown, sizeof shown);
     copy.Sending = 1;
     copy.FileName = shown;
     copy.File = XFER_INVALID_FILE;

@@ -83,7 +83,8 @@ Pass ReadBody(XferRecord *r, const GarbageWatch &watch) {
     const int32_t complement = BodyChar(port, watch);
     if (number < 0 || complement < 0 || number != (~complement & 0xFF)) {
         const Pass pass = Reject(r);
-        if (pass == Pass::Retry) XferStatusMessage(r, 1, 28288, number, complement);
+        if (pass == Pass::Retry)
+            XferStatusMessage(r, 1, MsgBlockNumberMismatch, number, complement);
         return pass;
     }
     r->RxSeq = number;
@@ -118,7 +119,7 @@ Pass Validate(XferRecord *r) {
     if (r->RxSeq != (r->BlockNumber & 0xFF)) {
         if (!XmSendNak(r)) return Pass::Fail;
         CountError(r);
-        XferStatusMessage(r, 1, 28285, static_cast<long>(r->BlockNumber));
+        XferStatusMessage(r, 1, MsgWrongBlockNumber, static_cast<long>(r->BlockNumber));
         return Pass::Retry;
     }
     const bool crc = XmCrcMode(r);
@@ -127,7 +128,8 @@ Pass Validate(XferRecord *r) {
     if (expected != r->RxCheck) {
         if (!XmSendNak(r)) return Pass::Fail;
         CountError(r);
-        XferStatusMessage(r, 1, crc ? 28286 : 28287, static_cast<long>(r->BlockNumber));
+        XferStatusMessage(r, 1, crc ? MsgBlockCrcError : MsgBlockChecksumError,
+                          static_cast<long>(r->BlockNumber));
         return Pass::Retry;
     }
     return Pass::Accepted;

@@ -44,7 +44,7 @@ int XmSendBlock(XferRecord *r) {
         XferStatus(r, 0, "Sending YMODEM termination block");
 
     if (XferWriteChar(r, r->BlockSize == 128 ? xm::SOH : xm::STX) < 0) {
-        XferStatusMessage(r, 1, 28292);
+        XferStatusMessage(r, 1, MsgCannotSendBlockHeader);
         r->Result = XferErrSendBlock;
         return 0;
     }
@@ -52,7 +52,7 @@ int XmSendBlock(XferRecord *r) {
     bool ok = XferWriteChar(r, number) >= 0;
     ok = XferWriteChar(r, static_cast<uint8_t>(~number)) >= 0 && ok;
     if (!ok) {
-        XferStatusMessage(r, 1, 28291);
+        XferStatusMessage(r, 1, MsgCannotSendBlockNumber);
         r->Result = XferErrSendBlock;
         return 0;
     }
@@ -67,7 +67,7 @@ int XmSendBlock(XferRecord *r) {
         ok = XferWriteChar(r, XmChecksum({r->Buffer, length})) >= 0;
     }
     if (!ok) {
-        XferStatusMessage(r, 1, 28290);
+        XferStatusMessage(r, 1, MsgCannotSendCheck);
         r->Result = XferErrSendBlock;
         return 0;
     }

@@ -72,7 +72,7 @@ int32_t ReadEscaped(XferRecord *record) {
         case zm::CAN:
             if (++cans >= kCancelRun) {
                 record->Result = XferErrRemoteAbort;
-                XferStatusMessage(record, 1, 28297);
+                XferStatusMessage(record, 1, MsgRemoteCancelled);
                 return XferErrRemoteAbort;
             }
             continue;

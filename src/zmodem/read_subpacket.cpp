@@ -107,7 +107,7 @@ int32_t ReadCrc32(XferRecord *record, int end) {
         XferStatus(record, 0, "ReadCrc32:  good CRC-32");
         return 0;
     }
-    XferStatusMessage(record, 0, 28302);
+    XferStatusMessage(record, 0, MsgSubpacketCrc32);
     return -1;
 }
 

@@ -15,7 +15,6 @@ namespace {
 constexpr std::size_t kNameLimit = 255;  // received names and composed paths
 constexpr int32_t kCrossedPauseMs = 200; // after a ZRQINIT that crossed our ZRINIT
 constexpr int32_t kPauseStepMs = 5;
-constexpr int32_t kMsgTooLarge = 28308;
 
 constexpr uint8_t kRinitData[4] = {0, 0, 0, zm::kOurRinitFlags};
 constexpr uint8_t kZeroData[4] = {0, 0, 0, 0};
@@ -126,7 +125,7 @@ void ZmodemReceive(XferRecord *r) {
         if (facts.sizeTooLarge) {
             // Positions are 32-bit: such a file cannot be received whole.
             // It is refused before anything is created; the batch goes on.
-            XferStatusMessage(r, 1, kMsgTooLarge, name);
+            XferStatusMessage(r, 1, MsgTooLargeToReceive, name);
             SendHexHeader(r, zm::ZSKIP, kZeroData);
             if (XferStopped(r)) break;
             name[0] = 0;
@@ -142,7 +141,7 @@ void ZmodemReceive(XferRecord *r) {
         ReadFileData(r);
         if (XferStopped(r)) break;
         XferCloseFile(r);
-        XferStatusMessage(r, 1, 28258);
+        XferStatusMessage(r, 1, MsgFileReceived);
         name[0] = 0;
     }
 

@@ -173,7 +173,7 @@ void ReadFileData(XferRecord *r) {
 
         if (!AfterFrame(r, type, lastGood)) return;
     }
-    XferStatusMessage(r, 1, 28303);
+    XferStatusMessage(r, 1, MsgReceivingStopped);
 }
 
 } // namespace zvxfer

@@ -10,12 +10,6 @@
 namespace zvxfer {
 namespace {
 
-constexpr int32_t kMsgFileSent = 28259;
-constexpr int32_t kMsgSkipped = 28283;
-constexpr int32_t kMsgNoStart = 28304;
-constexpr int32_t kMsgNoClose = 28305;
-constexpr int32_t kMsgWaitingName = 28311;
-
 constexpr uint8_t kNoData[4] = {0, 0, 0, 0};
 
 // The transfer has failed, or an abort during a wait has already run the
@@ -28,7 +22,7 @@ bool Ended(const XferRecord *record) {
 
 int OpenLink(XferRecord *record) {
     if (SendHexHeader(record, zm::ZRQINIT, kNoData) < 0) {
-        XferStatusMessage(record, 1, kMsgNoStart);
+        XferStatusMessage(record, 1, MsgSessionNotStarted);
         return 0;
     }
     // ZRQINIT goes out once; a receiver that missed it announces itself
@@ -93,7 +87,7 @@ int SendFileFrame(XferRecord *record) {
         const int32_t type = ReadFrameHeader(record, 0);
         switch (type) {
         case zm::ZSKIP:
-            XferStatusMessage(record, 1, kMsgSkipped);
+            XferStatusMessage(record, 1, MsgFileSkipped);
             XferStatus(record, 0, "SendFile: received a ZSKIP frame");
             return 0;
         case zm::ZRPOS:
@@ -118,7 +112,7 @@ int32_t CloseLink(XferRecord *record) {
     for (;;) {
         SendHexHeader(record, zm::ZFIN, kNoData);
         if (XferStopped(record)) {
-            XferStatusMessage(record, 1, kMsgNoClose);
+            XferStatusMessage(record, 1, MsgSessionNotClosed);
             break;
         }
         int32_t type = ReadFrameHeader(record, 0);
@@ -137,7 +131,7 @@ int32_t CloseLink(XferRecord *record) {
 
 void ZmodemSend(XferRecord *record) {
     char shown[256];
-    MessageTextCopy(kMsgWaitingName, shown, sizeof shown);
+    MessageTextCopy(MsgWaitingForFileName, shown, sizeof shown);
     record->FileName = shown;
     record->Sending = 1;
     record->FileTime = -1;
@@ -150,7 +144,7 @@ void ZmodemSend(XferRecord *record) {
         while (NextFileInfo(record)) {
             if (SendFileFrame(record)) {
                 SendFileData(record);
-                if (record->Result == 0) XferStatusMessage(record, 1, kMsgFileSent);
+                if (record->Result == 0) XferStatusMessage(record, 1, MsgFileSent);
             }
             if (Ended(record)) break;
             XferCloseFile(record);

@@ -29,7 +29,7 @@ int32_t SendDataSubpacket(XferRecord *record, uint32_t count, uint8_t end) {
     const std::size_t n =
         ZmFormatSubpacket(out, {record->Buffer, count}, end, PeerTakesCrc32(record));
     const int32_t r = XferWriteBuffer(record, out, static_cast<uint32_t>(n));
-    if (r < 0) XferStatusMessage(record, 1, 28301);
+    if (r < 0) XferStatusMessage(record, 1, MsgCannotSendSubpacket);
     return r;
 }
 

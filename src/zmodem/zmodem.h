@@ -157,7 +157,7 @@ std::size_t ZmEscape(uint8_t *out, uint8_t byte);
 // --- sending (one XferWriteBuffer per header or subpacket) ---
 int32_t SendHexHeader(XferRecord *record, int type, const uint8_t data[4]);
 void SendBinHeader(XferRecord *record, int type, const uint8_t data[4]);
-// The first `count` bytes of Buffer; notice 28301 when the write fails.
+// The first `count` bytes of Buffer; notice MsgCannotSendSubpacket when the write fails.
 int32_t SendDataSubpacket(XferRecord *record, uint32_t count, uint8_t end);
 
 // --- reading ---
