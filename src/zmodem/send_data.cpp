@@ -10,7 +10,7 @@
 #include "port/port.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 constexpr int32_t kMsgNoise = 28306;
@@ -341,4 +341,4 @@ void SendFileData(XferRecord *record) {
     if (!XferStopped(record)) ReadFrameHeader(record, 0);
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <string>
 
+#include "core/crc16.h"
+#include "core/file_facts.h"
 #include "fake_clock.h"
 #include "garbage_feed.h"
 #include "status_log.h"
@@ -14,7 +16,7 @@
 #include "test_host.h"
 #include "xmodem/xmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::xm {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -79,7 +81,7 @@ TEST_F(HostileLine, ReceiversGiveUpWithinAMinuteOfGarbage) {
 // A block 0 whose size or time does not fit in 31 bits (or is no number)
 // leaves it unknown, never cut down to its low bits; the size says whether
 // it was a number too large.
-TEST(Block0Facts, SizesAndTimesThatDoNotFitAreUnknown) {
+TEST(FileFacts, SizesAndTimesThatDoNotFitAreUnknown) {
     struct Case {
         std::string facts;
         int32_t size, time;
@@ -99,7 +101,7 @@ TEST(Block0Facts, SizesAndTimesThatDoNotFitAreUnknown) {
     for (const Case &c : cases) {
         std::string text = std::string("name") + '\0' + c.facts;
         text.resize(128);
-        const Block0Facts f = YmParseBlock0({reinterpret_cast<uint8_t *>(text.data()), 128});
+        const FileFacts f = ParseFileFacts({reinterpret_cast<uint8_t *>(text.data()), 128});
         EXPECT_EQ(f.size, c.size) << c.facts;
         EXPECT_EQ(f.modTime, c.time) << c.facts;
         EXPECT_EQ(f.sizeTooLarge, c.tooLarge) << c.facts;
@@ -143,4 +145,4 @@ TEST_F(HostileLine, ReceiverStopsBeforeItsPositionPassesTheLimit) {
 }
 
 } // namespace
-} // namespace zvxfer
+} // namespace zvxfer::xm

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "core/crc16.h"
+#include "core/file_facts.h"
 #include "fake_clock.h"
 #include "link_files.h"
 #include "link_pair.h"
@@ -15,7 +17,7 @@
 #include "test_host.h"
 #include "xmodem/xmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::xm {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -81,11 +83,11 @@ TEST(XmodemCodec, Crc16ChecksumAndBlock0Limits) {
     auto parse = [](std::string text) {
         text.resize(128);
         std::replace(text.begin(), text.end(), '|', '\0');
-        const Block0Facts f = YmParseBlock0({reinterpret_cast<uint8_t *>(text.data()), 128});
+        const FileFacts f = ParseFileFacts({reinterpret_cast<uint8_t *>(text.data()), 128});
         return std::pair(f.size, f.modTime);
     };
     uint8_t block[128];
-    EXPECT_EQ(YmFormatBlock0(block, std::string(140, 'n').c_str(), 5, 7), 128u);
+    EXPECT_EQ(FormatFileFacts(block, std::string(140, 'n').c_str(), 5, 7), 128u);
     EXPECT_EQ(parse(std::string(block, block + 128)), std::pair(0, -1));
     EXPECT_EQ(parse("a|42"), std::pair(42, -1));
     EXPECT_EQ(parse("a|7 0 0"), std::pair(7, 0));
@@ -271,4 +273,4 @@ TEST(XmodemLinkPair, CleanAndNoisyLines) {
 }
 
 } // namespace
-} // namespace zvxfer
+} // namespace zvxfer::xm
