@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <string>
 
-#include "core/crc16.h"
 #include "core/file_facts.h"
 #include "fake_clock.h"
 #include "garbage_feed.h"
@@ -120,13 +119,9 @@ TEST_F(HostileLine, ReceiverStopsBeforeItsPositionPassesTheLimit) {
     std::string name = tree.Path("near.bin");
     r.FileName = name.data();
     // The block the receiver will take next, and the position it has reached.
-    Bytes block = {1, 1, 0xFE};
-    Bytes data(128, 'd');
-    block.insert(block.end(), data.begin(), data.end());
-    const uint16_t crc = Crc16Block(128, 0, data.data());
-    block.push_back(static_cast<uint8_t>(crc >> 8));
-    block.push_back(static_cast<uint8_t>(crc));
-    host.Receive(block);
+    const Bytes data(128, 'd');
+    uint8_t block[kMaxBlockWire];
+    host.Receive(std::span(block, XmBuildBlock(block, 1, data, true)));
     // The position starts where the file open leaves it (0): the abort hook,
     // called before the first block, moves it near the limit.
     static int32_t start;
