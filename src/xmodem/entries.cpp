@@ -33,7 +33,7 @@ struct Entry {
 void InitRecord(XferRecord &r, XferPort *port, XferStatusFn status, XferProgressFn progress,
                 const Entry &entry) {
     InitEntryRecord(r, static_cast<int8_t>(entry.protocol), port, status, progress);
-    XmSetCrcMode(&r, true);
+    xm::XmSetCrcMode(&r, true);
     r.ProtocolParam = xm::kReplyTimeoutMs;
 }
 
@@ -41,7 +41,7 @@ void ApplyOption(XferRecord &r, const Option &o, const Entry &entry) {
     if (ApplySharedOption(r, o)) return;
     switch (o.code) {
     case XferOptChecksum:
-        XmSetCrcMode(&r, false);
+        xm::XmSetCrcMode(&r, false);
         break;
     case XferOptStreaming:
         r.Protocol = static_cast<int8_t>(entry.streaming);
@@ -69,10 +69,10 @@ int32_t Run(const Entry &entry, XferPort *port, char *name, XferStatusFn status,
     case Engine::XmodemReceive:
         std::snprintf(fileName, sizeof fileName, "%s", name ? name : "");
         r.FileName = fileName;
-        XmReceiveFile(&r);
+        xm::XmReceiveFile(&r);
         break;
     case Engine::YmodemReceive:
-        YmReceiveBatch(&r);
+        xm::YmReceiveBatch(&r);
         break;
     case Engine::XmodemSend:
     case Engine::YmodemSend: {
@@ -80,9 +80,9 @@ int32_t Run(const Entry &entry, XferPort *port, char *name, XferStatusFn status,
         r.SendList = SendFileListCreate(name ? name : empty, false);
         if (!r.SendList) return XferErrNoBuffer;
         if (entry.engine == Engine::XmodemSend)
-            XmSendFile(&r);
+            xm::XmSendFile(&r);
         else
-            YmSendBatch(&r);
+            xm::YmSendBatch(&r);
         if (r.SendList) { // the engines' clean-up normally releases it
             r.SendList->Destroy(r.SendList);
             r.SendList = nullptr;

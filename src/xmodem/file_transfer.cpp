@@ -10,7 +10,7 @@
 #include "port/port.h"
 #include "xmodem/xmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::xm {
 namespace {
 
 int32_t ReplyTimeout(const XferRecord *r) {
@@ -259,4 +259,4 @@ void XmReceiveFile(XferRecord *r) {
     XferCleanup(r);
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::xm

@@ -6,7 +6,7 @@
 #include "port/port.h"
 #include "xmodem/xmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::xm {
 namespace {
 
 enum class Pass { Accepted, EndOfFile, Retry, Fail };
@@ -81,7 +81,7 @@ Pass ReadBody(XferRecord *r, const GarbageWatch &watch) {
     XferPort *port = r->Port;
     const int32_t number = BodyChar(port, watch);
     const int32_t complement = BodyChar(port, watch);
-    if (number < 0 || complement < 0 || number != (~complement & 0xFF)) {
+    if (!XmNumberValid(number, complement)) {
         const Pass pass = Reject(r);
         if (pass == Pass::Retry)
             XferStatusMessage(r, 1, MsgBlockNumberMismatch, number, complement);
@@ -123,9 +123,7 @@ Pass Validate(XferRecord *r) {
         return Pass::Retry;
     }
     const bool crc = XmCrcMode(r);
-    const int32_t expected =
-        crc ? Crc16Block(length, 0, r->Buffer) : XmChecksum({r->Buffer, length});
-    if (expected != r->RxCheck) {
+    if (XmBlockCheck({r->Buffer, length}, crc) != r->RxCheck) {
         if (!XmSendNak(r)) return Pass::Fail;
         CountError(r);
         XferStatusMessage(r, 1, crc ? MsgBlockCrcError : MsgBlockChecksumError,
@@ -193,4 +191,4 @@ int XmReceiveBlock(XferRecord *r) {
     }
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::xm

@@ -31,7 +31,7 @@ int32_t ManagementOf(int32_t code) {
 
 void ZmInitRecord(XferRecord &r, XferPort *port, XferStatusFn status, XferProgressFn progress) {
     InitEntryRecord(r, Zmodem, port, status, progress);
-    ZmMaxErrors(&r) = zm::kDefaultMaxErrors;
+    zm::ZmMaxErrors(&r) = zm::kDefaultMaxErrors;
 }
 
 bool ZmApplyOptions(XferRecord &r, const std::vector<Option> &options) {
@@ -43,22 +43,22 @@ bool ZmApplyOptions(XferRecord &r, const std::vector<Option> &options) {
             subfolders = true;
             break;
         case XferOptZmResume:
-            ZmResumeFlag(&r) = 1;
+            zm::ZmResumeFlag(&r) = 1;
             break;
         case XferOptZmPacing:
-            ZmPacingFlag(&r) = 1;
+            zm::ZmPacingFlag(&r) = 1;
             break;
         case XferOptZmNoWindow:
-            ZmWindowMode(&r) = 0;
+            zm::ZmWindowMode(&r) = 0;
             break;
         case XferOptMaxErrors:
-            ZmMaxErrors(&r) = o.value;
+            zm::ZmMaxErrors(&r) = o.value;
             break;
         case XferOptZmWindowSize:
-            ZmWindowSize(&r) = o.value;
+            zm::ZmWindowSize(&r) = o.value;
             break;
         default: // the file management codes; the last one given wins
-            ZmManagement(&r) = ManagementOf(o.code);
+            zm::ZmManagement(&r) = ManagementOf(o.code);
             break;
         }
     }

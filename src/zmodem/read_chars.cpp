@@ -6,7 +6,7 @@
 #include "port/port.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 constexpr int32_t kCharTimeoutMs = 2500;
@@ -91,4 +91,4 @@ int32_t ReadEscaped(XferRecord *record) {
     }
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

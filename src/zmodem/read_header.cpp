@@ -4,12 +4,12 @@
 #include <cctype>
 
 #include "core/core.h"
+#include "core/crc16.h"
 #include "platform/tick.h"
 #include "port/port.h"
-#include "xmodem/xmodem.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 constexpr int32_t kSilentSecondsLimit = 10;
@@ -309,4 +309,4 @@ bool ZmCountError(XferRecord *record) {
     return true;
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

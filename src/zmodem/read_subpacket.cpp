@@ -4,12 +4,12 @@
 #include <array>
 
 #include "core/core.h"
+#include "core/crc16.h"
 #include "port/port.h"
-#include "xmodem/xmodem.h"
 #include "zmodem/plain_runs.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 // What the character after a ZDLE decodes to when it simply stands for one
@@ -111,4 +111,4 @@ int32_t ReadCrc32(XferRecord *record, int end) {
     return -1;
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

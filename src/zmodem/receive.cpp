@@ -4,12 +4,12 @@
 #include <cstring>
 
 #include "core/core.h"
+#include "core/file_facts.h"
 #include "platform/heap.h"
 #include "port/port.h"
-#include "xmodem/xmodem.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 constexpr std::size_t kNameLimit = 255;  // received names and composed paths
@@ -115,8 +115,7 @@ void ZmodemReceive(XferRecord *r) {
 
     while (GetFileName(r)) {
         ComposeName(r, name);
-        const Block0Facts facts =
-            YmParseBlock0({r->Buffer, static_cast<std::size_t>(r->BlockSize)});
+        const FileFacts facts = ParseFileFacts({r->Buffer, static_cast<std::size_t>(r->BlockSize)});
         r->FileSize = facts.size;
         r->FileTime = facts.modTime == 0 ? -1 : facts.modTime;
         const uint8_t *header = ZmHeaderData(r);
@@ -152,4 +151,4 @@ void ZmodemReceive(XferRecord *r) {
     XferCleanup(r);
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

@@ -10,7 +10,7 @@
 #include "port/port.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 constexpr int32_t kPacingMs = 70;
@@ -176,4 +176,4 @@ void ReadFileData(XferRecord *r) {
     XferStatusMessage(r, 1, MsgReceivingStopped);
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

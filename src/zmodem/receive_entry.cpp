@@ -24,7 +24,7 @@ int32_t ZmodemReceiveOptions(XferPort *port, XferStatusFn status, XferProgressFn
     XferRecord r{};
     ZmInitRecord(r, port, status, progress);
     ZmApplyOptions(r, options);
-    ZmodemReceive(&r);
+    zm::ZmodemReceive(&r);
     return r.Result != 0 ? r.Result : r.FileCount;
 }
 

@@ -1,13 +1,12 @@
 // The ZMODEM sender's conversation around the data: the main loop over the
 // send list, opening the link (ZRQINIT, ZRINIT), offering each file (ZFILE,
 // answered by ZRPOS or ZSKIP) and closing the link (ZFIN, "OO").
-#include <cstdio>
-
 #include "core/core.h"
+#include "core/file_facts.h"
 #include "locale/locale.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 constexpr uint8_t kNoData[4] = {0, 0, 0, 0};
@@ -61,14 +60,10 @@ int NextFileInfo(XferRecord *record) {
         name = BareName(list->Path);
         XferStatus(record, 0, "Stripped filename: %s", name);
     }
-    // The modification time travels in octal, without leading zeros.
-    char octalTime[12];
-    std::snprintf(octalTime, sizeof octalTime, "%lo",
-                  static_cast<unsigned long>(static_cast<uint32_t>(list->ModTime)));
-    const int n = std::snprintf(reinterpret_cast<char *>(record->Buffer), zm::kMaxSubpacket,
-                                "%s%c%ld %s 0", name, 0, static_cast<long>(list->Size), octalTime);
-    const int limit = static_cast<int>(zm::kMaxSubpacket) - 1;
-    record->BlockSize = n < 0 ? 0 : (n > limit ? limit : n);
+    // The text ends before the last byte of the buffer, as a C string
+    // formatted into it would.
+    record->BlockSize = static_cast<int32_t>(
+        FormatFileFacts({record->Buffer, zm::kMaxSubpacket - 1}, name, list->Size, list->ModTime));
     return 1;
 }
 
@@ -156,4 +151,4 @@ void ZmodemSend(XferRecord *record) {
     if (record->Result == 0 && record->FileCount == 0) record->Result = XferErrNoFilesSent;
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

@@ -10,7 +10,7 @@
 #include "port/port.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 constexpr int32_t kBackChannelMs = 70;
@@ -340,4 +340,4 @@ void SendFileData(XferRecord *record) {
     if (!XferStopped(record)) ReadFrameHeader(record, 0);
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

@@ -26,14 +26,14 @@ int32_t ZmodemSendOptions(XferPort *port, char *names, XferStatusFn status, Xfer
 
     XferRecord r{};
     ZmInitRecord(r, port, status, progress);
-    ZmWindowMode(&r) = 1;
-    ZmWindowSize(&r) = zm::kDefaultWindow;
+    zm::ZmWindowMode(&r) = 1;
+    zm::ZmWindowSize(&r) = zm::kDefaultWindow;
     const bool subfolders = ZmApplyOptions(r, options);
 
     static char empty[1] = "";
     r.SendList = SendFileListCreate(names ? names : empty, subfolders);
     if (!r.SendList) return XferErrNoBuffer;
-    ZmodemSend(&r);
+    zm::ZmodemSend(&r);
     if (r.SendList) { // the clean-up normally releases it
         r.SendList->Destroy(r.SendList);
         r.SendList = nullptr;

@@ -3,7 +3,7 @@
 #include "core/core.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 bool PeerTakesCrc32(const XferRecord *record) {
@@ -33,4 +33,4 @@ int32_t SendDataSubpacket(XferRecord *record, uint32_t count, uint8_t end) {
     return r;
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm
