@@ -26,7 +26,7 @@ Bytes RandomBytes(std::size_t n, uint32_t seed) {
 void BM_Crc32Block(benchmark::State &state) {
     const Bytes data = RandomBytes(kData, 1);
     uint32_t crc = 0;
-    for (auto _ : state) crc ^= zvxfer::Crc32Block(kData, 0xFFFFFFFFu, data.data());
+    for (auto _ : state) crc ^= zvxfer::zm::Crc32Block(kData, 0xFFFFFFFFu, data.data());
     benchmark::DoNotOptimize(crc);
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kData);
 }
@@ -37,7 +37,7 @@ void BM_FormatSubpacket(benchmark::State &state) {
     Bytes out(zvxfer::zm::kMaxSubpacketWire);
     std::size_t n = 0;
     for (auto _ : state) {
-        n += zvxfer::ZmFormatSubpacket(out.data(), data, zvxfer::zm::ZCRCG, true);
+        n += zvxfer::zm::ZmFormatSubpacket(out.data(), data, zvxfer::zm::ZCRCG, true);
         benchmark::ClobberMemory();
     }
     benchmark::DoNotOptimize(n);
@@ -63,8 +63,8 @@ void BM_ReadDataSubpacket(benchmark::State &state) {
     LineHost host;
     for (uint32_t i = 0; i < 64; ++i) {
         Bytes wire(zvxfer::zm::kMaxSubpacketWire);
-        wire.resize(zvxfer::ZmFormatSubpacket(wire.data(), RandomBytes(kData, 10 + i),
-                                              zvxfer::zm::ZCRCG, true));
+        wire.resize(zvxfer::zm::ZmFormatSubpacket(wire.data(), RandomBytes(kData, 10 + i),
+                                                  zvxfer::zm::ZCRCG, true));
         host.line.insert(host.line.end(), wire.begin(), wire.end());
     }
     ZvHwnd window = ZvCreateWindow(LineHost::Proc, &host);
@@ -72,9 +72,9 @@ void BM_ReadDataSubpacket(benchmark::State &state) {
     XferRecord record{};
     record.Port = port;
     record.Buffer = static_cast<uint8_t *>(zvxfer::plat::HeapAllocZero(kData));
-    zvxfer::ZmHeaderFormat(&record) = zvxfer::zm::ZBIN32;
+    zvxfer::zm::ZmHeaderFormat(&record) = zvxfer::zm::ZBIN32;
     int32_t end = 0;
-    for (auto _ : state) end = zvxfer::ReadDataSubpacket(&record);
+    for (auto _ : state) end = zvxfer::zm::ReadDataSubpacket(&record);
     if (end != zvxfer::zm::ZCRCG || record.BlockSize != static_cast<int32_t>(kData))
         state.SkipWithError("a subpacket did not read back whole and good");
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kData);

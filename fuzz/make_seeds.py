@@ -65,6 +65,19 @@ write(b0, "empty-termination", bytes(128))
 write(b0, "long-name-no-nul", b"n" * 128)
 write(b0, "blanks-and-huge-numbers", b"a\x00   99999999999999999999   777777777777777 0 extra")
 write(b0, "negative-size", b"a\x00-5 17")
+write(b0, "zfile-text-name-size-time", b"dir/report.txt\x001000 13727410000 0")
+
+# --- the XMODEM block codec: a set-up byte (bit 0 checksum, bit 1 1024-byte
+# block), then bytes read as a block and used for a built one (number, bit to
+# flip, data) ---
+xb = "xmodem_block"
+write(xb, "crc-128", bytes([0]) + block(1, text[:128]))
+write(xb, "checksum-128", bytes([1]) + block(7, text[:128], crc=False))
+write(xb, "crc-1024", bytes([2]) + block(255, text, size=1024))
+write(xb, "checksum-1024-flip-in-check", bytes([3]) + bytes([0, 0x28, 0x20]) + text)
+write(xb, "complement-disagrees", bytes([0, SOH, 3, 3]) + text[:130])
+write(xb, "cut-short", bytes([0]) + block(2, text[:128])[:60])
+write(xb, "not-a-block", bytes([0]) + b"C" + text[:20])
 
 
 # --- ZMODEM frames --------------------------------------------------------

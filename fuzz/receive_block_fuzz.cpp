@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "core/core.h"
+#include "core/crc16.h"
 #include "fuzz_check.h"
 #include "fuzz_line.h"
 #include "port/port.h"
@@ -20,6 +21,7 @@
 #include "zvxfer.h"
 
 using namespace zvxfer;
+using namespace zvxfer::xm;
 
 namespace {
 

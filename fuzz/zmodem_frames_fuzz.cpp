@@ -18,6 +18,7 @@
 #include "zvxfer.h"
 
 using namespace zvxfer;
+using namespace zvxfer::zm;
 
 namespace {
 

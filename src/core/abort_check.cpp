@@ -5,10 +5,6 @@
 
 namespace zvxfer {
 
-namespace {
-constexpr int32_t kMsgCancelled = 28263;
-}
-
 int XferCheckAbort(XferRecord *record) {
     if (record->ProgressCallback != nullptr) record->ProgressCallback(record);
     if (record->Result == XferErrUserAbort) return 1;
@@ -25,7 +21,7 @@ int XferCheckAbort(XferRecord *record) {
 
     record->Result = verdict;
     const ProtocolInfo &protocol = ProtocolOf(record->Protocol);
-    if (protocol.abortPostsStatus) XferStatusMessage(record, 1, kMsgCancelled);
+    if (protocol.abortPostsStatus) XferStatusMessage(record, 1, MsgTransferCancelled);
     if (!protocol.endsAbortedTransfer) XferCleanup(record);
     return 1;
 }

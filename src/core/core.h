@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "locale/messages.h"
 #include "zvxfer.h"
 
 namespace zvxfer {
@@ -24,7 +25,7 @@ int XferInit(XferRecord *record);
 // A status line "<name> : <message>" to the record's StatusCallback (none
 // when it is null).  The message is formatted into 256 bytes; when the full
 // FileName is too long for the format (length >= 256 - strlen(format)) it
-// is replaced by the texts of messages 28264 and 28263.  The line lives in a
+// is replaced by the texts of MsgNameTooLong and MsgTransferCancelled.  The line lives in a
 // 342-byte global-heap block freed after the callback (a stack block when
 // the heap fails).  Texts are cut, never overflowed.
 void XferStatus(XferRecord *record, int32_t level, const char *format, ...)
@@ -48,7 +49,7 @@ inline int32_t XferStopCode(const XferRecord *record) {
 }
 
 // Progress callback, then the host's abort hook.  1 = stop now.  A non-zero
-// hook value becomes Result; then (not for B+) notice 28263 and (not for
+// hook value becomes Result; then (not for B+) notice MsgTransferCancelled and (not for
 // Kermit, not for B+) XferCleanup.
 int XferCheckAbort(XferRecord *record);
 

@@ -10,10 +10,6 @@ namespace zvxfer {
 
 namespace {
 
-constexpr int32_t kMsgOpenFailed = 28282;
-constexpr int32_t kMsgZmodemSkip = 28283;
-constexpr int32_t kMsgSkip = 28284;
-
 XferFile OpenThroughHook(XferRecord *record, const char *mode) {
     ThreadHooks *hooks = record->Port != nullptr ? record->Port->Hooks : nullptr;
     XferFileOpenFn open = hooks != nullptr ? LoadHook(hooks->FileOpenFunction) : nullptr;
@@ -32,10 +28,10 @@ void OpenForReceive(XferRecord *record) {
         record->SkipFile = 1;
         record->File = XFER_INVALID_FILE;
         if (ProtocolOf(record->Protocol).skipReport == SkipReport::AskSenderToSkip) {
-            XferStatusMessage(record, 1, kMsgZmodemSkip);
+            XferStatusMessage(record, 1, MsgFileSkipped);
             record->Result = XferErrShouldSkip;
         } else {
-            XferStatusMessage(record, 1, kMsgSkip);
+            XferStatusMessage(record, 1, MsgExistingFileSkipped);
             ++record->FileCount;
         }
         return;
@@ -76,7 +72,7 @@ int XferOpenFile(XferRecord *record) {
     if (record->SkipFile == 1) return 1;
 
     record->Result = XferErrOpenFile;
-    XferStatusMessage(record, 1, kMsgOpenFailed);
+    XferStatusMessage(record, 1, MsgCannotOpenFile);
     XferCleanup(record);
     return 0;
 }

@@ -13,8 +13,6 @@ namespace {
 
 constexpr std::size_t kMessageSize = 256;
 constexpr std::size_t kLineSize = 342;
-constexpr int32_t kMsgTooLong = 28264;
-constexpr int32_t kMsgCancelled = 28263;
 
 // The message part: formatted when the name leaves room for the format,
 // else the fixed substitute of two numbered texts.
@@ -26,8 +24,8 @@ void BuildMessage(const XferRecord *record, const char *format, va_list args, ch
         return;
     }
     char first[kMessageSize], second[kMessageSize];
-    MessageTextCopy(kMsgTooLong, first, sizeof first);
-    MessageTextCopy(kMsgCancelled, second, sizeof second);
+    MessageTextCopy(MsgNameTooLong, first, sizeof first);
+    MessageTextCopy(MsgTransferCancelled, second, sizeof second);
     plat::Format(out, kMessageSize, "%s. %s", first, second);
 }
 

@@ -11,7 +11,6 @@ namespace zvxfer {
 
 namespace {
 
-constexpr int32_t kMsgWriteTimedOut = 28295;
 // Longest pause between two tries; short enough that a port that frees up
 // is used at once, long enough that a full port does not spin a core.
 constexpr uint32_t kRetryPauseMs = 1;
@@ -42,7 +41,7 @@ class RetryClock {
         if (answer != PortBufferFull && answer != PortBlockedByHandshake) {
             XferStatus(record, 0, "Error %d sending buffer", answer);
         } else if (Expired()) {
-            XferStatusMessage(record, 1, kMsgWriteTimedOut);
+            XferStatusMessage(record, 1, MsgWriteTimedOut);
         } else {
             return true;
         }

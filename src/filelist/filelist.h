@@ -29,7 +29,7 @@ constexpr int32_t kSearchTooLarge = 27;
 // Next(record, list) returns 1 with Path, Size and ModTime of the next file,
 // or 0 when the list is exhausted; only a sending record (Sending == 1)
 // reads past the first name, and only a sending record gets the level-1
-// status lines 28260 for a name that matches nothing and 28307 for a file
+// status lines MsgNoFileMatches for a name that matches nothing and MsgTooLargeToSend for a file
 // passed over as too large (the list goes on with the next file).  Destroy closes every
 // search and frees the list.
 SendFileList *SendFileListCreate(char *names, bool subfolders);

@@ -15,8 +15,6 @@ namespace zvxfer {
 namespace {
 
 constexpr int kLevels = 10;
-constexpr int32_t kMsgNoMatch = 28260;
-constexpr int32_t kMsgTooLarge = 28307;
 constexpr std::size_t kWorkSize = 512;
 
 enum class Step {
@@ -80,7 +78,7 @@ bool FillFacts(ListState &s, XferRecord *record) {
         s.SearchError = kSearchTooLarge;
         if (record != nullptr) {
             record->FileName = s.Path;
-            if (record->Sending) XferStatusMessage(record, 1, kMsgTooLarge, s.Path);
+            if (record->Sending) XferStatusMessage(record, 1, MsgTooLargeToSend, s.Path);
         }
         return false;
     }
@@ -122,7 +120,8 @@ Step ParseName(ListState &s, XferRecord *record) {
         s.Path[sizeof s.Path - 1] = '\0';
         s.SearchError = kSearchNameTooLong;
         if (record != nullptr) record->FileName = s.Path;
-        if (record != nullptr && record->Sending) XferStatusMessage(record, 1, kMsgNoMatch, s.Path);
+        if (record != nullptr && record->Sending)
+            XferStatusMessage(record, 1, MsgNoFileMatches, s.Path);
         return Step::ParseName;
     }
     std::memcpy(s.folder, name, folderLength);
@@ -154,7 +153,7 @@ Step FirstMatch(ListState &s, XferRecord *record) {
         Join(s.Path, sizeof s.Path, s.folder, s.pattern);
         if (record != nullptr) {
             record->FileName = s.Path;
-            if (record->Sending) XferStatusMessage(record, 1, kMsgNoMatch, s.Path);
+            if (record->Sending) XferStatusMessage(record, 1, MsgNoFileMatches, s.Path);
         }
     }
     return Step::StartSubfolders;

@@ -4,11 +4,13 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "locale/messages.h"
 #include "platform/module.h"
 
 namespace zvxfer {
 
-// Text of a numbered message (at most 255 characters).  Valid until three
+// Text of a numbered message (at most 255 characters); the library's
+// numbers are named in `messages.h`.  Valid until three
 // lookups of other numbers have been made; never null.
 const char *MessageText(int32_t number);
 

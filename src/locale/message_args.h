@@ -1,68 +1,33 @@
-// The arguments each numbered message is formatted with.  Engines pass a
-// block counter as long (%ld), byte values and other ints as int (%d) and
-// names as char * (%s); every catalogue text must use exactly the
-// conversions listed here, or formatting it would read the wrong arguments.
+// The arguments each numbered message is formatted with, made from the
+// message table in `messages.h`.  Engines pass a block counter as long
+// (%ld), byte values and other ints as int (%d) and names as char * (%s);
+// every catalogue text must use exactly the conversions listed there, or
+// formatting it would read the wrong arguments.
 #pragma once
 #include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
 
+#include "locale/messages.h"
+
 namespace zvxfer {
 
 struct MessageArguments {
     int32_t number;
+    // The message's name in the library ("MsgFileReceived").
+    std::string_view name;
     // Conversions in order, each as its length modifier and conversion
     // letter: "ld" is one %ld, "dd" two %d, "" none.
     std::string_view conversions;
 };
 
+// One entry per message of ZVXFER_MESSAGE_MAP, in its order.
 inline constexpr std::array kMessageArguments{
-    MessageArguments{28258, ""},   // file received
-    MessageArguments{28259, ""},   // file sent
-    MessageArguments{28260, "s"},  // no file matches the name
-    MessageArguments{28261, ""},   // B+ CRC error
-    MessageArguments{28262, ""},   // B+ checksum error
-    MessageArguments{28263, ""},   // transfer cancelled
-    MessageArguments{28264, ""},   // file cannot be created
-    MessageArguments{28265, ""},   // B+ resume point not acknowledged
-    MessageArguments{28266, ""},   // B+ write error
-    MessageArguments{28267, ""},   // B+ failure from the service (its text follows)
-    MessageArguments{28268, ""},   // B+ file to send cannot be opened
-    MessageArguments{28270, ""},   // B+ read error
-    MessageArguments{28271, ""},   // B+ unsupported direction
-    MessageArguments{28272, ""},   // B+ unsupported file type
-    MessageArguments{28273, ""},   // B+ request cannot be read
-    MessageArguments{28280, ""},   // XMODEM: no block arrived in time
-    MessageArguments{28281, ""},   // XMODEM: block rejected
-    MessageArguments{28282, ""},   // file cannot be opened
-    MessageArguments{28283, ""},   // file skipped (ZMODEM)
-    MessageArguments{28284, ""},   // existing file skipped
-    MessageArguments{28285, "ld"}, // wrong block number: block counter
-    MessageArguments{28286, "ld"}, // CRC mismatch: block counter
-    MessageArguments{28287, "ld"}, // checksum mismatch: block counter
-    MessageArguments{28288, "dd"}, // block number and complement: the two bytes read
-    MessageArguments{28289, ""},   // too many retries
-    MessageArguments{28290, ""},   // check bytes not sent
-    MessageArguments{28291, ""},   // block number not sent
-    MessageArguments{28292, ""},   // SOH/STX not sent
-    MessageArguments{28293, ""},   // receiver cancelled at start-up
-    MessageArguments{28294, ""},   // receiver asked for checksum mode
-    MessageArguments{28295, ""},   // patient write timed out
-    MessageArguments{28296, ""},   // ten silent seconds
-    MessageArguments{28297, ""},   // remote cancel
-    MessageArguments{28298, ""},   // hex header CRC
-    MessageArguments{28299, ""},   // binary header CRC-16
-    MessageArguments{28300, ""},   // binary header CRC-32
-    MessageArguments{28301, ""},   // subpacket not sent
-    MessageArguments{28302, ""},   // subpacket CRC-32
-    MessageArguments{28303, ""},   // data phase ended with an error
-    MessageArguments{28304, ""},   // ZRQINIT not sent
-    MessageArguments{28305, ""},   // ZFIN exchange failed
-    MessageArguments{28306, ""},   // too much noise on the return channel
-    MessageArguments{28307, "s"},  // file too large to send: its name
-    MessageArguments{28308, "s"},  // file too large to receive: its name
-    MessageArguments{28311, ""},   // display name before the first file
+#define ZVXFER_MESSAGE_ARGUMENTS_(number, name, conversions)                                       \
+    MessageArguments{(number), #name, (conversions)},
+    ZVXFER_MESSAGE_MAP(ZVXFER_MESSAGE_ARGUMENTS_)
+#undef ZVXFER_MESSAGE_ARGUMENTS_
 };
 
 // The conversions of a message number, or nullptr for a number the library

@@ -4,11 +4,12 @@
 #include <cstring>
 
 #include "core/core.h"
+#include "core/file_facts.h"
 #include "locale/locale.h"
 #include "port/port.h"
 #include "xmodem/xmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::xm {
 namespace {
 
 void PrepareBlock0(XferRecord *copy) {
@@ -42,7 +43,7 @@ bool DeliverBlock0(XferRecord *copy, bool last) {
 void YmSendBatch(XferRecord *r) {
     XferRecord copy = *r;
     char shown[256];
-    MessageTextCopy(28311, shown, sizeof shown);
+    MessageTextCopy(MsgWaitingForFileName, shown, sizeof shown);
     copy.Sending = 1;
     copy.FileName = shown;
     copy.File = XFER_INVALID_FILE;
@@ -61,8 +62,7 @@ void YmSendBatch(XferRecord *r) {
                     name = BareName(list->Path);
                     XferStatus(&copy, 0, "Stripped name: %s", name);
                 }
-                YmFormatBlock0(std::span<uint8_t, xm::kBlock0Size>(copy.Buffer, xm::kBlock0Size),
-                               name, list->Size, list->ModTime);
+                FormatFileFacts({copy.Buffer, xm::kBlock0Size}, name, list->Size, list->ModTime);
             }
             if (!DeliverBlock0(&copy, last)) break;
             if (last) break;
@@ -103,7 +103,7 @@ void YmReceiveBatch(XferRecord *r) {
         XferReceivedName(r, received, name, "Stripped name: ");
         r->FileName = name;
 
-        const Block0Facts facts = YmParseBlock0({copy.Buffer, length});
+        const FileFacts facts = ParseFileFacts({copy.Buffer, length});
         r->FileSize = facts.size;
         r->FileTime = facts.modTime;
         r->SendList = nullptr;
@@ -116,4 +116,4 @@ void YmReceiveBatch(XferRecord *r) {
     if (copy.Result != 0) r->Result = copy.Result;
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::xm

@@ -10,7 +10,7 @@
 #include "port/port.h"
 #include "xmodem/xmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::xm {
 namespace {
 
 int32_t ReplyTimeout(const XferRecord *r) {
@@ -76,7 +76,7 @@ StartSeen OnStartChar(XferRecord *r, int32_t c) {
     const intptr_t previous = NoteControl(r, c);
     if (c == xm::NAK) {
         if (XmCrcMode(r)) {
-            XferStatusMessage(r, 1, 28294);
+            XferStatusMessage(r, 1, MsgReceiverWantsChecksum);
             XmSetCrcMode(r, false);
         }
         return StartSeen::Start;
@@ -85,7 +85,7 @@ StartSeen OnStartChar(XferRecord *r, int32_t c) {
     if (c == xm::StartStreaming && XmStreaming(r)) return StartSeen::Start;
     if (c == xm::CAN && previous == xm::CAN) {
         r->Result = XferErrRemoteAbort;
-        XferStatusMessage(r, 1, 28293);
+        XferStatusMessage(r, 1, MsgReceiverCancelled);
         return StartSeen::Stop;
     }
     if (c != xm::CAN && c != xm::StartCrc && c != xm::StartStreaming && !XmDiscard(r))
@@ -180,7 +180,7 @@ void XmSendFile(XferRecord *r) {
         if (r->BlockSize == 0) {
             XferStatus(r, 0, "File transmission complete");
             sent = XmSendEot(r);
-            XferStatusMessage(r, 1, 28259);
+            XferStatusMessage(r, 1, MsgFileSent);
         } else {
             sent = XmSendBlock(r);
         }
@@ -195,7 +195,7 @@ void XmSendFile(XferRecord *r) {
         if (r->Result != 0) break;
         r->ErrorTotal++;
         if (++r->ErrorRun >= xm::kMaxErrors) {
-            XferStatusMessage(r, 1, 28289);
+            XferStatusMessage(r, 1, MsgTooManyRetries);
             r->Result = XferErrTooManyErrors;
             break;
         }
@@ -246,7 +246,7 @@ void XmReceiveFile(XferRecord *r) {
             XmSendAck(r);
             if (!r->SkipFile) {
                 XferStatus(r, 0, "End of file, cleaning up");
-                XferStatusMessage(r, 1, 28258);
+                XferStatusMessage(r, 1, MsgFileReceived);
             }
             break;
         } else {
@@ -259,4 +259,4 @@ void XmReceiveFile(XferRecord *r) {
     XferCleanup(r);
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::xm

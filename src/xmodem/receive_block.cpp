@@ -6,7 +6,7 @@
 #include "port/port.h"
 #include "xmodem/xmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::xm {
 namespace {
 
 enum class Pass { Accepted, EndOfFile, Retry, Fail };
@@ -81,9 +81,10 @@ Pass ReadBody(XferRecord *r, const GarbageWatch &watch) {
     XferPort *port = r->Port;
     const int32_t number = BodyChar(port, watch);
     const int32_t complement = BodyChar(port, watch);
-    if (number < 0 || complement < 0 || number != (~complement & 0xFF)) {
+    if (!XmNumberValid(number, complement)) {
         const Pass pass = Reject(r);
-        if (pass == Pass::Retry) XferStatusMessage(r, 1, 28288, number, complement);
+        if (pass == Pass::Retry)
+            XferStatusMessage(r, 1, MsgBlockNumberMismatch, number, complement);
         return pass;
     }
     r->RxSeq = number;
@@ -118,16 +119,15 @@ Pass Validate(XferRecord *r) {
     if (r->RxSeq != (r->BlockNumber & 0xFF)) {
         if (!XmSendNak(r)) return Pass::Fail;
         CountError(r);
-        XferStatusMessage(r, 1, 28285, static_cast<long>(r->BlockNumber));
+        XferStatusMessage(r, 1, MsgWrongBlockNumber, static_cast<long>(r->BlockNumber));
         return Pass::Retry;
     }
     const bool crc = XmCrcMode(r);
-    const int32_t expected =
-        crc ? Crc16Block(length, 0, r->Buffer) : XmChecksum({r->Buffer, length});
-    if (expected != r->RxCheck) {
+    if (XmBlockCheck({r->Buffer, length}, crc) != r->RxCheck) {
         if (!XmSendNak(r)) return Pass::Fail;
         CountError(r);
-        XferStatusMessage(r, 1, crc ? 28286 : 28287, static_cast<long>(r->BlockNumber));
+        XferStatusMessage(r, 1, crc ? MsgBlockCrcError : MsgBlockChecksumError,
+                          static_cast<long>(r->BlockNumber));
         return Pass::Retry;
     }
     return Pass::Accepted;
@@ -191,4 +191,4 @@ int XmReceiveBlock(XferRecord *r) {
     }
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::xm

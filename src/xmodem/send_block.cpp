@@ -7,7 +7,7 @@
 #include "platform/file.h"
 #include "xmodem/xmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::xm {
 
 // XMODEM always uses 128-byte blocks; the other variants use 1024-byte
 // blocks until at most 896 bytes (seven short blocks) remain.
@@ -43,31 +43,30 @@ int XmSendBlock(XferRecord *r) {
     else
         XferStatus(r, 0, "Sending YMODEM termination block");
 
-    if (XferWriteChar(r, r->BlockSize == 128 ? xm::SOH : xm::STX) < 0) {
-        XferStatusMessage(r, 1, 28292);
-        r->Result = XferErrSendBlock;
-        return 0;
-    }
-    const auto number = static_cast<uint8_t>(r->RxSeq);
-    bool ok = XferWriteChar(r, number) >= 0;
-    ok = XferWriteChar(r, static_cast<uint8_t>(~number)) >= 0 && ok;
-    if (!ok) {
-        XferStatusMessage(r, 1, 28291);
-        r->Result = XferErrSendBlock;
-        return 0;
-    }
+    // Header bytes, the data straight from the record's buffer in one
+    // write, then the check: each part's failure has its own notice.
     const auto length = static_cast<uint32_t>(r->BlockSize);
+    const XmBlockFrame frame =
+        XmFrameBlock(static_cast<uint8_t>(r->RxSeq), {r->Buffer, length}, XmCrcMode(r));
+    if (XferWriteChar(r, frame.head[0]) < 0) {
+        XferStatusMessage(r, 1, MsgCannotSendBlockHeader);
+        r->Result = XferErrSendBlock;
+        return 0;
+    }
+    bool ok = XferWriteChar(r, frame.head[1]) >= 0;
+    ok = XferWriteChar(r, frame.head[2]) >= 0 && ok;
+    if (!ok) {
+        XferStatusMessage(r, 1, MsgCannotSendBlockNumber);
+        r->Result = XferErrSendBlock;
+        return 0;
+    }
     if (XferWriteBuffer(r, r->Buffer, length) < 0) return 0;
 
-    if (XmCrcMode(r)) {
-        const uint16_t crc = Crc16Block(length, 0, r->Buffer);
-        ok = XferWriteChar(r, static_cast<uint8_t>(crc >> 8)) >= 0;
-        ok = XferWriteChar(r, static_cast<uint8_t>(crc & 0xFF)) >= 0 && ok;
-    } else {
-        ok = XferWriteChar(r, XmChecksum({r->Buffer, length})) >= 0;
-    }
+    ok = true;
+    for (uint8_t i = 0; i < frame.checkLength; ++i)
+        ok = XferWriteChar(r, frame.check[i]) >= 0 && ok;
     if (!ok) {
-        XferStatusMessage(r, 1, 28290);
+        XferStatusMessage(r, 1, MsgCannotSendCheck);
         r->Result = XferErrSendBlock;
         return 0;
     }
@@ -99,4 +98,4 @@ int XmSendAck(XferRecord *r) {
     return 1;
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::xm

@@ -7,7 +7,7 @@
 #include "port/port.h"
 #include "xmodem/xmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::xm {
 
 int32_t XmWaitChar(XferRecord *r, int32_t timeoutMs) {
     for (int32_t left = timeoutMs; left > 0;) {
@@ -41,4 +41,4 @@ bool XmDiscard(XferRecord *r, int *count) {
     return true;
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::xm

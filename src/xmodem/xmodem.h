@@ -3,14 +3,15 @@
 // loops.  Every routine works on the transfer's XferRecord and reports a
 // failure through its Result.
 #pragma once
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
 #include "zvxfer.h"
 
-namespace zvxfer {
+namespace zvxfer::xm {
 
-namespace xm {
 constexpr uint8_t SOH = 0x01;
 constexpr uint8_t STX = 0x02;
 constexpr uint8_t EOT = 0x04;
@@ -30,12 +31,51 @@ constexpr uint32_t kNoiseLimitMs = 3000;
 // of endless garbage at any rate, however the garbage is made.
 constexpr uint32_t kNoBlockLimitMs = 45000;
 constexpr uint32_t kBlock0Size = 128;
-} // namespace xm
 
-// --- block checks (pure) ---
-uint16_t Crc16Update(uint16_t crc, uint8_t byte);
-uint16_t Crc16Block(uint32_t count, uint16_t crc, const uint8_t *bytes);
+// --- one block on the line (pure) ---
+// The 8-bit arithmetic checksum: the sum of the bytes modulo 256.
 uint8_t XmChecksum(std::span<const uint8_t> data);
+// The check a block of `data` carries: its CRC-16 from 0, or its checksum.
+int32_t XmBlockCheck(std::span<const uint8_t> data, bool crc);
+// A block number is valid when its complement byte is its one's complement.
+inline bool XmNumberValid(int32_t number, int32_t complement) {
+    return number >= 0 && complement >= 0 && number == (~complement & 0xFF);
+}
+
+// What surrounds a block's data on the line: SOH (128 data bytes) or STX,
+// the number and its complement before; the CRC (high byte first) or the
+// checksum after.
+struct XmBlockFrame {
+    std::array<uint8_t, 3> head;
+    std::array<uint8_t, 2> check;
+    uint8_t checkLength; // 2 with CRC-16, 1 with the checksum
+};
+XmBlockFrame XmFrameBlock(uint8_t number, std::span<const uint8_t> data, bool crc);
+// The longest block on the line: STX, number, complement, 1024 data bytes
+// and a CRC.
+constexpr std::size_t kMaxBlockWire = 3 + 1024 + 2;
+// The whole block (head, data, check) into `out`, which holds
+// data.size() + 5 bytes; returns its length.
+std::size_t XmBuildBlock(std::span<uint8_t> out, uint8_t number, std::span<const uint8_t> data,
+                         bool crc);
+
+// Reading a block from bytes already at hand: what the receiver decides
+// about a block with the same bytes, except the sequence, which depends on
+// the block counter.
+enum class XmBlockVerdict {
+    Good,       // a whole block with a valid number and check
+    Incomplete, // a valid start, but the block's bytes run out
+    NotBlock,   // the first byte is not SOH or STX
+    BadNumber,  // number and complement disagree
+    BadCheck,   // the check does not match the data
+};
+struct XmParsedBlock {
+    XmBlockVerdict verdict = XmBlockVerdict::NotBlock;
+    uint8_t number = 0;
+    std::span<const uint8_t> data; // inside the bytes given
+    std::size_t length = 0;        // bytes of the whole block on the line
+};
+XmParsedBlock XmParseBlock(std::span<const uint8_t> bytes, bool crc);
 
 // --- record fields as this engine names them ---
 inline bool XmCrcMode(const XferRecord *r) {
@@ -77,18 +117,4 @@ void XmReceiveFile(XferRecord *record);
 void YmSendBatch(XferRecord *record);
 void YmReceiveBatch(XferRecord *record);
 
-// Block 0: "name\0size octal-time 0", cut at 128 bytes.  Returns the bytes
-// of text written (at most 128); `out` is cleared first.
-uint32_t YmFormatBlock0(std::span<uint8_t, xm::kBlock0Size> out, const char *name, int32_t size,
-                        int32_t modTime);
-
-struct Block0Facts {
-    int32_t size = 0;          // 0 when unknown: missing, not a number, or too large
-    int32_t modTime = -1;      // -1 when unknown: missing, not a number, or too large
-    bool sizeTooLarge = false; // the size was a number beyond 2^31 - 1
-};
-// Read the size (decimal) and time (octal) tokens after the name's NUL.
-// Only plain digits count; a value that does not fit in 31 bits is unknown.
-Block0Facts YmParseBlock0(std::span<const uint8_t> data);
-
-} // namespace zvxfer
+} // namespace zvxfer::xm

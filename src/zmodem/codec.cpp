@@ -4,11 +4,11 @@
 #include <array>
 #include <cstdio>
 
-#include "xmodem/xmodem.h"
+#include "core/crc16.h"
 #include "zmodem/plain_runs.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 constexpr auto &kEscaped = zm::kRunEnd<zm::RunEnd::Escaped>;
@@ -91,4 +91,4 @@ std::size_t ZmFormatSubpacket(uint8_t *out, std::span<const uint8_t> data, uint8
     return static_cast<std::size_t>(p - out);
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

@@ -13,7 +13,7 @@
 #include <immintrin.h>
 #endif
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 using Table = std::array<uint32_t, 256>;
@@ -128,4 +128,4 @@ uint32_t Crc32Block(uint32_t count, uint32_t crc, const uint8_t *bytes) {
     return TableBlock(count, crc, bytes);
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

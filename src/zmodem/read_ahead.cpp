@@ -11,7 +11,7 @@
 #include "platform/file.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 struct ReadAhead {
@@ -51,4 +51,4 @@ long ZmReadFile(XferFile file, int64_t position, uint8_t *out, std::size_t count
     return static_cast<long>(n);
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

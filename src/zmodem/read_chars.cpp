@@ -6,7 +6,7 @@
 #include "port/port.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 constexpr int32_t kCharTimeoutMs = 2500;
@@ -72,7 +72,7 @@ int32_t ReadEscaped(XferRecord *record) {
         case zm::CAN:
             if (++cans >= kCancelRun) {
                 record->Result = XferErrRemoteAbort;
-                XferStatusMessage(record, 1, 28297);
+                XferStatusMessage(record, 1, MsgRemoteCancelled);
                 return XferErrRemoteAbort;
             }
             continue;
@@ -91,4 +91,4 @@ int32_t ReadEscaped(XferRecord *record) {
     }
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

@@ -4,12 +4,12 @@
 #include <cctype>
 
 #include "core/core.h"
+#include "core/crc16.h"
 #include "platform/tick.h"
 #include "port/port.h"
-#include "xmodem/xmodem.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 constexpr int32_t kSilentSecondsLimit = 10;
@@ -79,7 +79,7 @@ bool SilentSecond(XferRecord *record, bool noise, int32_t &silentSeconds) {
         return true;
     }
     if (++silentSeconds >= kSilentSecondsLimit) {
-        XferStatusMessage(record, 1, 28296);
+        XferStatusMessage(record, 1, MsgNoResponse);
         record->Result = XferErrNoFilesSent;
         return true;
     }
@@ -91,7 +91,7 @@ bool SilentSecond(XferRecord *record, bool noise, int32_t &silentSeconds) {
 bool CancelSeen(XferRecord *record, intptr_t &cans) {
     if (++cans >= kCancelRun) {
         record->Result = XferErrRemoteAbort;
-        XferStatusMessage(record, 1, 28297);
+        XferStatusMessage(record, 1, MsgRemoteCancelled);
         XferCleanup(record);
         return true;
     }
@@ -173,7 +173,7 @@ int32_t ReadHexHeader(XferRecord *record) {
     });
     if (r < 0) return r;
     if (crc != 0) {
-        XferStatusMessage(record, 0, 28298);
+        XferStatusMessage(record, 0, MsgHexHeaderCrc);
         return -1;
     }
     // The header line ends with CR LF (and XON after most types).  Take up
@@ -217,7 +217,7 @@ int32_t ReadBinHeader16(XferRecord *record) {
     });
     if (r < 0) return r;
     if (crc != 0) {
-        XferStatusMessage(record, 0, 28299);
+        XferStatusMessage(record, 0, MsgBinaryHeaderCrc16);
         return -1;
     }
     return type;
@@ -232,7 +232,7 @@ int32_t ReadBinHeader32(XferRecord *record) {
     });
     if (r < 0) return r;
     if (crc != zm::kCrc32Good) {
-        XferStatusMessage(record, 0, 28300);
+        XferStatusMessage(record, 0, MsgBinaryHeaderCrc32);
         return -1;
     }
     return type;
@@ -309,4 +309,4 @@ bool ZmCountError(XferRecord *record) {
     return true;
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

@@ -4,12 +4,12 @@
 #include <array>
 
 #include "core/core.h"
+#include "core/crc16.h"
 #include "port/port.h"
-#include "xmodem/xmodem.h"
 #include "zmodem/plain_runs.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 // What the character after a ZDLE decodes to when it simply stands for one
@@ -107,8 +107,8 @@ int32_t ReadCrc32(XferRecord *record, int end) {
         XferStatus(record, 0, "ReadCrc32:  good CRC-32");
         return 0;
     }
-    XferStatusMessage(record, 0, 28302);
+    XferStatusMessage(record, 0, MsgSubpacketCrc32);
     return -1;
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

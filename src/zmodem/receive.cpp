@@ -4,18 +4,17 @@
 #include <cstring>
 
 #include "core/core.h"
+#include "core/file_facts.h"
 #include "platform/heap.h"
 #include "port/port.h"
-#include "xmodem/xmodem.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 constexpr std::size_t kNameLimit = 255;  // received names and composed paths
 constexpr int32_t kCrossedPauseMs = 200; // after a ZRQINIT that crossed our ZRINIT
 constexpr int32_t kPauseStepMs = 5;
-constexpr int32_t kMsgTooLarge = 28308;
 
 constexpr uint8_t kRinitData[4] = {0, 0, 0, zm::kOurRinitFlags};
 constexpr uint8_t kZeroData[4] = {0, 0, 0, 0};
@@ -116,8 +115,7 @@ void ZmodemReceive(XferRecord *r) {
 
     while (GetFileName(r)) {
         ComposeName(r, name);
-        const Block0Facts facts =
-            YmParseBlock0({r->Buffer, static_cast<std::size_t>(r->BlockSize)});
+        const FileFacts facts = ParseFileFacts({r->Buffer, static_cast<std::size_t>(r->BlockSize)});
         r->FileSize = facts.size;
         r->FileTime = facts.modTime == 0 ? -1 : facts.modTime;
         const uint8_t *header = ZmHeaderData(r);
@@ -126,7 +124,7 @@ void ZmodemReceive(XferRecord *r) {
         if (facts.sizeTooLarge) {
             // Positions are 32-bit: such a file cannot be received whole.
             // It is refused before anything is created; the batch goes on.
-            XferStatusMessage(r, 1, kMsgTooLarge, name);
+            XferStatusMessage(r, 1, MsgTooLargeToReceive, name);
             SendHexHeader(r, zm::ZSKIP, kZeroData);
             if (XferStopped(r)) break;
             name[0] = 0;
@@ -142,7 +140,7 @@ void ZmodemReceive(XferRecord *r) {
         ReadFileData(r);
         if (XferStopped(r)) break;
         XferCloseFile(r);
-        XferStatusMessage(r, 1, 28258);
+        XferStatusMessage(r, 1, MsgFileReceived);
         name[0] = 0;
     }
 
@@ -153,4 +151,4 @@ void ZmodemReceive(XferRecord *r) {
     XferCleanup(r);
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

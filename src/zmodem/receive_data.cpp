@@ -10,7 +10,7 @@
 #include "port/port.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 constexpr int32_t kPacingMs = 70;
@@ -173,7 +173,7 @@ void ReadFileData(XferRecord *r) {
 
         if (!AfterFrame(r, type, lastGood)) return;
     }
-    XferStatusMessage(r, 1, 28303);
+    XferStatusMessage(r, 1, MsgReceivingStopped);
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

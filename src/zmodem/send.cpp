@@ -1,20 +1,13 @@
 // The ZMODEM sender's conversation around the data: the main loop over the
 // send list, opening the link (ZRQINIT, ZRINIT), offering each file (ZFILE,
 // answered by ZRPOS or ZSKIP) and closing the link (ZFIN, "OO").
-#include <cstdio>
-
 #include "core/core.h"
+#include "core/file_facts.h"
 #include "locale/locale.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
-
-constexpr int32_t kMsgFileSent = 28259;
-constexpr int32_t kMsgSkipped = 28283;
-constexpr int32_t kMsgNoStart = 28304;
-constexpr int32_t kMsgNoClose = 28305;
-constexpr int32_t kMsgWaitingName = 28311;
 
 constexpr uint8_t kNoData[4] = {0, 0, 0, 0};
 
@@ -28,7 +21,7 @@ bool Ended(const XferRecord *record) {
 
 int OpenLink(XferRecord *record) {
     if (SendHexHeader(record, zm::ZRQINIT, kNoData) < 0) {
-        XferStatusMessage(record, 1, kMsgNoStart);
+        XferStatusMessage(record, 1, MsgSessionNotStarted);
         return 0;
     }
     // ZRQINIT goes out once; a receiver that missed it announces itself
@@ -67,14 +60,10 @@ int NextFileInfo(XferRecord *record) {
         name = BareName(list->Path);
         XferStatus(record, 0, "Stripped filename: %s", name);
     }
-    // The modification time travels in octal, without leading zeros.
-    char octalTime[12];
-    std::snprintf(octalTime, sizeof octalTime, "%lo",
-                  static_cast<unsigned long>(static_cast<uint32_t>(list->ModTime)));
-    const int n = std::snprintf(reinterpret_cast<char *>(record->Buffer), zm::kMaxSubpacket,
-                                "%s%c%ld %s 0", name, 0, static_cast<long>(list->Size), octalTime);
-    const int limit = static_cast<int>(zm::kMaxSubpacket) - 1;
-    record->BlockSize = n < 0 ? 0 : (n > limit ? limit : n);
+    // The text ends before the last byte of the buffer, as a C string
+    // formatted into it would.
+    record->BlockSize = static_cast<int32_t>(
+        FormatFileFacts({record->Buffer, zm::kMaxSubpacket - 1}, name, list->Size, list->ModTime));
     return 1;
 }
 
@@ -93,7 +82,7 @@ int SendFileFrame(XferRecord *record) {
         const int32_t type = ReadFrameHeader(record, 0);
         switch (type) {
         case zm::ZSKIP:
-            XferStatusMessage(record, 1, kMsgSkipped);
+            XferStatusMessage(record, 1, MsgFileSkipped);
             XferStatus(record, 0, "SendFile: received a ZSKIP frame");
             return 0;
         case zm::ZRPOS:
@@ -118,7 +107,7 @@ int32_t CloseLink(XferRecord *record) {
     for (;;) {
         SendHexHeader(record, zm::ZFIN, kNoData);
         if (XferStopped(record)) {
-            XferStatusMessage(record, 1, kMsgNoClose);
+            XferStatusMessage(record, 1, MsgSessionNotClosed);
             break;
         }
         int32_t type = ReadFrameHeader(record, 0);
@@ -137,7 +126,7 @@ int32_t CloseLink(XferRecord *record) {
 
 void ZmodemSend(XferRecord *record) {
     char shown[256];
-    MessageTextCopy(kMsgWaitingName, shown, sizeof shown);
+    MessageTextCopy(MsgWaitingForFileName, shown, sizeof shown);
     record->FileName = shown;
     record->Sending = 1;
     record->FileTime = -1;
@@ -150,7 +139,7 @@ void ZmodemSend(XferRecord *record) {
         while (NextFileInfo(record)) {
             if (SendFileFrame(record)) {
                 SendFileData(record);
-                if (record->Result == 0) XferStatusMessage(record, 1, kMsgFileSent);
+                if (record->Result == 0) XferStatusMessage(record, 1, MsgFileSent);
             }
             if (Ended(record)) break;
             XferCloseFile(record);
@@ -162,4 +151,4 @@ void ZmodemSend(XferRecord *record) {
     if (record->Result == 0 && record->FileCount == 0) record->Result = XferErrNoFilesSent;
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

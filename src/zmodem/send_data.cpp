@@ -10,10 +10,9 @@
 #include "port/port.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
-constexpr int32_t kMsgNoise = 28306;
 constexpr int32_t kBackChannelMs = 70;
 constexpr uint32_t kAckWaitMs = 1500; // each such wait for a ZACK is an error
 constexpr uint32_t kPauseMs = 5;      // longest sleep between two looks at the line
@@ -191,7 +190,7 @@ int BackChannel(XferRecord *record) {
         const bool endless = now - ZmNoiseSince(record) >= static_cast<int32_t>(kNoiseRunMs);
         // Each stray character counts twice, so the 52nd of a frame ends it.
         if (garbage > kNoiseLimit || endless) {
-            XferStatusMessage(record, 1, kMsgNoise);
+            XferStatusMessage(record, 1, MsgTooMuchNoise);
             // Noise that never stops counts toward the error limit, which
             // ends a line that stays like this.
             if (endless && ZmCountError(record)) return 2;
@@ -341,4 +340,4 @@ void SendFileData(XferRecord *record) {
     if (!XferStopped(record)) ReadFrameHeader(record, 0);
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

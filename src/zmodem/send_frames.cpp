@@ -3,7 +3,7 @@
 #include "core/core.h"
 #include "zmodem/zmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 bool PeerTakesCrc32(const XferRecord *record) {
@@ -29,8 +29,8 @@ int32_t SendDataSubpacket(XferRecord *record, uint32_t count, uint8_t end) {
     const std::size_t n =
         ZmFormatSubpacket(out, {record->Buffer, count}, end, PeerTakesCrc32(record));
     const int32_t r = XferWriteBuffer(record, out, static_cast<uint32_t>(n));
-    if (r < 0) XferStatusMessage(record, 1, 28301);
+    if (r < 0) XferStatusMessage(record, 1, MsgCannotSendSubpacket);
     return r;
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

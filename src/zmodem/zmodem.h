@@ -10,9 +10,8 @@
 
 #include "zvxfer.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 
-namespace zm {
 // --- characters ---
 constexpr uint8_t ZPAD = '*';
 constexpr uint8_t ZDLE = 0x18; // same value as CAN
@@ -59,7 +58,6 @@ constexpr uint32_t kCrc32Good = 0xDEBB20E3; // residue over data, end and check
 
 // A subpacket end as ReadEscaped returns it: the end character plus 0x100.
 constexpr int32_t kEndFlag = 0x100;
-} // namespace zm
 
 // --- the record's ZMODEM fields ---
 // CanCount, GarbageCount and PeerFlags reuse the record's protocol words;
@@ -157,7 +155,7 @@ std::size_t ZmEscape(uint8_t *out, uint8_t byte);
 // --- sending (one XferWriteBuffer per header or subpacket) ---
 int32_t SendHexHeader(XferRecord *record, int type, const uint8_t data[4]);
 void SendBinHeader(XferRecord *record, int type, const uint8_t data[4]);
-// The first `count` bytes of Buffer; notice 28301 when the write fails.
+// The first `count` bytes of Buffer; notice MsgCannotSendSubpacket when the write fails.
 int32_t SendDataSubpacket(XferRecord *record, uint32_t count, uint8_t end);
 
 // --- reading ---
@@ -209,4 +207,4 @@ int FillDataBuffer(XferRecord *record);
 int BackChannel(XferRecord *record);
 int32_t CloseLink(XferRecord *record);
 
-} // namespace zvxfer
+} // namespace zvxfer::zm

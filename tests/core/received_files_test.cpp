@@ -13,11 +13,11 @@
 #include <vector>
 
 #include "core/core.h"
+#include "core/crc16.h"
 #include "fake_clock.h"
 #include "link_files.h"
 #include "temp_tree.h"
 #include "test_host.h"
-#include "xmodem/xmodem.h"
 
 namespace zvxfer {
 namespace {

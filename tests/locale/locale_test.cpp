@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -192,8 +193,20 @@ TEST(Catalogues, EveryLanguageHasEveryMessageWithItsArguments) {
     plat::ModuleHandle english = plat::LoadModule((folder / "zvui32.eng.nls").c_str());
     for (const std::string &name : names) {
         SCOPED_TRACE(name);
+        // No text for a number the library has no message for (a mistyped
+        // number, or a message taken out of the table but left here).
+        std::ifstream lines(folder / name);
+        int numbered = 0;
+        for (std::string line; std::getline(lines, line);) {
+            if (line.empty() || line[0] == '#') continue;
+            ++numbered;
+            int32_t number = std::atoi(line.substr(0, line.find('\t')).c_str());
+            EXPECT_NE(ExpectedConversions(number), nullptr) << "text for no message: " << line;
+        }
+        EXPECT_EQ(numbered, static_cast<int>(kMessageArguments.size()));
         plat::ModuleHandle m = plat::LoadModule((folder / name).c_str());
         for (const MessageArguments &message : kMessageArguments) {
+            SCOPED_TRACE(message.name);
             char text[400] = "", eng[400] = "";
             int length = plat::LoadString(m, message.number, text, sizeof text);
             EXPECT_EQ(FormatConversions(text), message.conversions) << text;
@@ -205,6 +218,53 @@ TEST(Catalogues, EveryLanguageHasEveryMessageWithItsArguments) {
         plat::FreeModule(m);
     }
     plat::FreeModule(english);
+}
+
+TEST(MessageTable, EachNumberIsWrittenOnceInTheLibrary) {
+    // The library names its messages; a number written anywhere but the
+    // table could drift from it.  Count every number of the table as it
+    // appears in the library's code and comments (digit runs, whole).
+    const char *source = std::getenv("ZVXFER_SOURCE_DIR");
+    ASSERT_NE(source, nullptr) << "run through ctest";
+    std::map<int32_t, std::vector<std::string>> seen;
+    for (const MessageArguments &message : kMessageArguments) seen[message.number];
+    int files = 0;
+    for (const auto &entry : fs::recursive_directory_iterator(fs::path(source) / "src")) {
+        const std::string extension = entry.path().extension().string();
+        if (extension != ".h" && extension != ".cpp") continue;
+        ++files;
+        std::ifstream in(entry.path());
+        const std::string where = fs::relative(entry.path(), source).string();
+        int lineNumber = 0;
+        for (std::string line; std::getline(in, line);) {
+            ++lineNumber;
+            for (std::size_t i = 0; i < line.size();) {
+                if (!std::isdigit(static_cast<unsigned char>(line[i]))) {
+                    ++i;
+                    continue;
+                }
+                std::size_t end = i;
+                while (end < line.size() && std::isdigit(static_cast<unsigned char>(line[end])))
+                    ++end;
+                const bool word =
+                    i == 0 ||
+                    !(std::isalpha(static_cast<unsigned char>(line[i - 1])) || line[i - 1] == '_');
+                if (word && end - i == 5) {
+                    auto it = seen.find(std::stoi(line.substr(i, end - i)));
+                    if (it != seen.end())
+                        it->second.push_back(where + ":" + std::to_string(lineNumber));
+                }
+                i = end;
+            }
+        }
+    }
+    EXPECT_GT(files, 50) << "the library's sources were not found";
+    for (const auto &[number, places] : seen) {
+        std::string all;
+        for (const std::string &place : places) all += " " + place;
+        EXPECT_TRUE(places.size() == 1 && places[0].starts_with("src/locale/messages.h:"))
+            << number << " is written at" << (all.empty() ? " no place" : all);
+    }
 }
 
 std::string Fallback(int number) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <string>
 
+#include "core/file_facts.h"
 #include "fake_clock.h"
 #include "garbage_feed.h"
 #include "status_log.h"
@@ -14,7 +15,7 @@
 #include "test_host.h"
 #include "xmodem/xmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::xm {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -79,7 +80,7 @@ TEST_F(HostileLine, ReceiversGiveUpWithinAMinuteOfGarbage) {
 // A block 0 whose size or time does not fit in 31 bits (or is no number)
 // leaves it unknown, never cut down to its low bits; the size says whether
 // it was a number too large.
-TEST(Block0Facts, SizesAndTimesThatDoNotFitAreUnknown) {
+TEST(FileFacts, SizesAndTimesThatDoNotFitAreUnknown) {
     struct Case {
         std::string facts;
         int32_t size, time;
@@ -99,7 +100,7 @@ TEST(Block0Facts, SizesAndTimesThatDoNotFitAreUnknown) {
     for (const Case &c : cases) {
         std::string text = std::string("name") + '\0' + c.facts;
         text.resize(128);
-        const Block0Facts f = YmParseBlock0({reinterpret_cast<uint8_t *>(text.data()), 128});
+        const FileFacts f = ParseFileFacts({reinterpret_cast<uint8_t *>(text.data()), 128});
         EXPECT_EQ(f.size, c.size) << c.facts;
         EXPECT_EQ(f.modTime, c.time) << c.facts;
         EXPECT_EQ(f.sizeTooLarge, c.tooLarge) << c.facts;
@@ -118,13 +119,9 @@ TEST_F(HostileLine, ReceiverStopsBeforeItsPositionPassesTheLimit) {
     std::string name = tree.Path("near.bin");
     r.FileName = name.data();
     // The block the receiver will take next, and the position it has reached.
-    Bytes block = {1, 1, 0xFE};
-    Bytes data(128, 'd');
-    block.insert(block.end(), data.begin(), data.end());
-    const uint16_t crc = Crc16Block(128, 0, data.data());
-    block.push_back(static_cast<uint8_t>(crc >> 8));
-    block.push_back(static_cast<uint8_t>(crc));
-    host.Receive(block);
+    const Bytes data(128, 'd');
+    uint8_t block[kMaxBlockWire];
+    host.Receive(std::span(block, XmBuildBlock(block, 1, data, true)));
     // The position starts where the file open leaves it (0): the abort hook,
     // called before the first block, moves it near the limit.
     static int32_t start;
@@ -143,4 +140,4 @@ TEST_F(HostileLine, ReceiverStopsBeforeItsPositionPassesTheLimit) {
 }
 
 } // namespace
-} // namespace zvxfer
+} // namespace zvxfer::xm

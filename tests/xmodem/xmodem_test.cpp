@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "core/crc16.h"
+#include "core/file_facts.h"
 #include "fake_clock.h"
 #include "link_files.h"
 #include "link_pair.h"
@@ -15,7 +17,7 @@
 #include "test_host.h"
 #include "xmodem/xmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::xm {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -38,11 +40,9 @@ Bytes Cat(std::initializer_list<Bytes> parts) {
 // CRC-16 (high byte first) or the checksum.
 Bytes Block(uint8_t number, Bytes data, bool crc = true, std::size_t size = 128) {
     data.resize(size, 0);
-    const uint16_t c = Crc16Block(static_cast<uint32_t>(size), 0, data.data());
-    return Cat({{static_cast<uint8_t>(size == 128 ? 1 : 2), number, static_cast<uint8_t>(~number)},
-                data,
-                crc ? Bytes{static_cast<uint8_t>(c >> 8), static_cast<uint8_t>(c)}
-                    : Bytes{XmChecksum(data)}});
+    Bytes out(kMaxBlockWire);
+    out.resize(XmBuildBlock(out, number, data, crc));
+    return out;
 }
 
 // Block 0: name, NUL, size, octal time.
@@ -65,6 +65,7 @@ void WriteFile(const std::string &path, const Bytes &data, time_t mtime = 0) {
 TEST(XmodemCodec, Crc16ChecksumAndBlock0Limits) {
     EXPECT_EQ(Crc16Block(9, 0, reinterpret_cast<const uint8_t *>("123456789")), 0x31C3);
     EXPECT_EQ(XmChecksum(Bytes{'a', 'b', 'c'}), 0x26);
+    EXPECT_EQ(Crc16Block(3, 0, reinterpret_cast<const uint8_t *>("abc")), 0x9DD6);
     // The block routine takes eight bytes per step: every length, alignment
     // and starting value must give what the byte-wise update gives.
     const Bytes data = Pattern(1100, 3);
@@ -81,14 +82,41 @@ TEST(XmodemCodec, Crc16ChecksumAndBlock0Limits) {
     auto parse = [](std::string text) {
         text.resize(128);
         std::replace(text.begin(), text.end(), '|', '\0');
-        const Block0Facts f = YmParseBlock0({reinterpret_cast<uint8_t *>(text.data()), 128});
+        const FileFacts f = ParseFileFacts({reinterpret_cast<uint8_t *>(text.data()), 128});
         return std::pair(f.size, f.modTime);
     };
     uint8_t block[128];
-    EXPECT_EQ(YmFormatBlock0(block, std::string(140, 'n').c_str(), 5, 7), 128u);
+    EXPECT_EQ(FormatFileFacts(block, std::string(140, 'n').c_str(), 5, 7), 128u);
     EXPECT_EQ(parse(std::string(block, block + 128)), std::pair(0, -1));
     EXPECT_EQ(parse("a|42"), std::pair(42, -1));
     EXPECT_EQ(parse("a|7 0 0"), std::pair(7, 0));
+}
+
+// The announcing text in YMODEM's 128-byte block 0 and in ZMODEM's ZFILE
+// subpacket (room for 1023 bytes): written whole when it fits, cut at the
+// room otherwise, and the room's rest cleared whatever it held.
+TEST(FileFacts, TextIsCutAtItsRoomAndTheRestCleared) {
+    const std::string facts = std::string("report.txt") + '\0' + "1000 13727410000 0";
+    const std::string longName(1030, 'n');
+    const struct {
+        std::size_t room;
+        std::string name;
+        int32_t size, time;
+        std::string text;
+    } cases[] = {
+        {128, "report.txt", 1000, 1600000000, facts},
+        {1023, "report.txt", 1000, 1600000000, facts},
+        {128, "e", 0, 0, std::string("e") + '\0' + "0 0 0"},
+        {20, "report.txt", 1000, 1600000000, facts.substr(0, 20)},
+        {128, std::string(127, 'n'), 5, 7, std::string(127, 'n') + '\0'},
+        {1023, longName, 5, 7, longName.substr(0, 1023)},
+    };
+    for (const auto &c : cases) {
+        Bytes room(c.room, 0xA5);
+        const uint32_t used = FormatFileFacts(room, c.name.c_str(), c.size, c.time);
+        EXPECT_EQ(std::string(room.begin(), room.begin() + used), c.text) << c.room;
+        EXPECT_EQ(std::count(room.begin() + used, room.end(), 0), c.room - used) << c.room;
+    }
 }
 
 class Scripted : public ::testing::Test {
@@ -271,4 +299,4 @@ TEST(XmodemLinkPair, CleanAndNoisyLines) {
 }
 
 } // namespace
-} // namespace zvxfer
+} // namespace zvxfer::xm

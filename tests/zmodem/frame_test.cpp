@@ -5,7 +5,7 @@
 #include "zm_wire.h"
 #include "zmodem/plain_runs.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 using namespace test;
@@ -193,4 +193,4 @@ TEST_F(ZmodemReader, EveryEscapeFormDecodesWhateverTheSplit) {
 }
 
 } // namespace
-} // namespace zvxfer
+} // namespace zvxfer::zm

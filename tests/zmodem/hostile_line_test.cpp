@@ -9,7 +9,7 @@
 #include "garbage_feed.h"
 #include "zm_wire.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 using namespace test;
@@ -117,4 +117,4 @@ TEST_F(ZmodemScripted, AReceiverStopsBeforeItsPositionPassesTheLimit) {
 }
 
 } // namespace
-} // namespace zvxfer
+} // namespace zvxfer::zm

@@ -11,7 +11,7 @@
 #include "link_pair.h"
 #include "temp_tree.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 using namespace test;
@@ -114,4 +114,4 @@ TEST(ZmodemLinkPair, EveryRunEndsWithTheExactFilesOrADefinedFailure) {
 }
 
 } // namespace
-} // namespace zvxfer
+} // namespace zvxfer::zm

@@ -6,7 +6,7 @@
 
 #include "zm_wire.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 using namespace test;
@@ -118,4 +118,4 @@ TEST_F(ZmodemReceiver, APositiveAbortAnswerEndsTheTransferToo) {
 }
 
 } // namespace
-} // namespace zvxfer
+} // namespace zvxfer::zm

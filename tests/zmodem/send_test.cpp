@@ -5,7 +5,7 @@
 
 #include "zm_wire.h"
 
-namespace zvxfer {
+namespace zvxfer::zm {
 namespace {
 
 using namespace test;
@@ -103,4 +103,4 @@ TEST_F(ZmodemSender, AReceiverAtTheEndGetsZeofAtOnce) {
 }
 
 } // namespace
-} // namespace zvxfer
+} // namespace zvxfer::zm

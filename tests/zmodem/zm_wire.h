@@ -37,14 +37,14 @@ inline Bytes Str(const std::string &s) {
 // ZF1 is ZP2); format 'A', 'B' (hex) or 'C'.
 inline Bytes ZHeader(int type, int32_t position, char format) {
     uint8_t data[4], out[64];
-    ZmPutPosition(data, position);
-    const std::size_t n = format == 'B' ? ZmFormatHexHeader(out, type, data)
-                                        : ZmFormatBinHeader(out, type, data, format == 'C');
+    zm::ZmPutPosition(data, position);
+    const std::size_t n = format == 'B' ? zm::ZmFormatHexHeader(out, type, data)
+                                        : zm::ZmFormatBinHeader(out, type, data, format == 'C');
     return Bytes(out, out + n);
 }
 inline Bytes ZSubpacket(const Bytes &data, uint8_t end, bool crc32) {
     Bytes out(zm::kMaxSubpacketWire);
-    out.resize(ZmFormatSubpacket(out.data(), data, end, crc32));
+    out.resize(zm::ZmFormatSubpacket(out.data(), data, end, crc32));
     return out;
 }
 // Hex headers both sides use to answer.

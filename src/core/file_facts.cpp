@@ -1,14 +1,13 @@
-// YMODEM's file-information block: "name\0size octal-time 0" in 128 bytes.
+// The file-announcing text both engines send before a file's data.
+#include "core/file_facts.h"
+
 #include <climits>
 #include <cstdio>
 #include <cstring>
 
-#include "xmodem/xmodem.h"
-
 namespace zvxfer {
 
-uint32_t YmFormatBlock0(std::span<uint8_t, xm::kBlock0Size> out, const char *name, int32_t size,
-                        int32_t modTime) {
+uint32_t FormatFileFacts(std::span<uint8_t> out, const char *name, int32_t size, int32_t modTime) {
     std::memset(out.data(), 0, out.size());
     char facts[40];
     const int factsLength =
@@ -22,14 +21,14 @@ uint32_t YmFormatBlock0(std::span<uint8_t, xm::kBlock0Size> out, const char *nam
         used += static_cast<uint32_t>(n);
     };
     put(name, std::strlen(name));
-    put("", 1); // the name's terminator travels inside the block
+    put("", 1); // the name's terminator travels inside the text
     put(facts, static_cast<std::size_t>(factsLength));
     return used;
 }
 
 namespace {
 
-// Next blank-delimited token of `text` (ends at a NUL or the block's end).
+// Next blank-delimited token of `text` (ends at a NUL or the end of `text`).
 bool NextToken(std::span<const uint8_t> text, std::size_t &pos, char *token, std::size_t size) {
     while (pos < text.size() && text[pos] == ' ') ++pos;
     std::size_t n = 0;
@@ -63,8 +62,8 @@ bool ParseWhole(const char *token, int base, int32_t &value) {
 
 } // namespace
 
-Block0Facts YmParseBlock0(std::span<const uint8_t> data) {
-    Block0Facts facts;
+FileFacts ParseFileFacts(std::span<const uint8_t> data) {
+    FileFacts facts;
     const auto *nul = static_cast<const uint8_t *>(std::memchr(data.data(), 0, data.size()));
     if (!nul) return facts;
     const auto rest = data.subspan(static_cast<std::size_t>(nul - data.data()) + 1);
