@@ -37,8 +37,8 @@ enum class FailureSignal : uint8_t {
 
 // How the receiver's open reports a file skipped under the skip policy.
 enum class SkipReport : uint8_t {
-    CountAsReceived, // notice 28284, and the file counts
-    AskSenderToSkip, // notice 28283, and Result -620 until the next open
+    CountAsReceived, // MsgExistingFileSkipped, and the file counts
+    AskSenderToSkip, // MsgFileSkipped, and Result -620 until the next open
 };
 
 struct ProtocolInfo {
@@ -46,7 +46,7 @@ struct ProtocolInfo {
     const char *name;
     std::size_t bufferSize; // Buffer that XferInit allocates
     FailureSignal onFailure;
-    // An abort the host's hook answered: whether the core posts notice 28263,
+    // An abort the host's hook answered: whether the core posts MsgTransferCancelled,
     // and whether the engine ends the transfer itself (no clean-up by the
     // abort check).
     bool abortPostsStatus;
