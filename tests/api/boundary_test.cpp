@@ -20,7 +20,9 @@
 #include "zvxfer.h"
 
 namespace {
-// Set around one call: every operator new on this thread then fails.
+// Set around one call: every operator new on this thread then fails.  The
+// replacements below take every form a library allocation may use, so that
+// each block is released by the form that made it.
 thread_local bool t_allocationsFail = false;
 } // namespace
 
@@ -33,6 +35,27 @@ void operator delete(void *p) noexcept {
     std::free(p);
 }
 void operator delete(void *p, std::size_t) noexcept {
+    std::free(p);
+}
+void *operator new[](std::size_t size) {
+    return operator new(size);
+}
+void operator delete[](void *p) noexcept {
+    std::free(p);
+}
+void operator delete[](void *p, std::size_t) noexcept {
+    std::free(p);
+}
+void *operator new(std::size_t size, const std::nothrow_t &) noexcept {
+    return t_allocationsFail ? nullptr : std::malloc(size != 0 ? size : 1);
+}
+void *operator new[](std::size_t size, const std::nothrow_t &tag) noexcept {
+    return operator new(size, tag);
+}
+void operator delete(void *p, const std::nothrow_t &) noexcept {
+    std::free(p);
+}
+void operator delete[](void *p, const std::nothrow_t &) noexcept {
     std::free(p);
 }
 
