@@ -120,7 +120,8 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
 // Everything else gathers writes up to the line host's default.
 host::LineHostOptions LineOptionsFor(const TransferSettings &s) {
     host::LineHostOptions options;
-    if (s.sending && s.protocol.number == Zmodem && !s.noWindow) options.flushAt = 2048;
+    if (s.sending && s.protocol.windowedSendFlushAt != 0 && !s.noWindow)
+        options.flushAt = s.protocol.windowedSendFlushAt;
     return options;
 }
 

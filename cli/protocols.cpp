@@ -7,14 +7,54 @@
 
 namespace zvxfer::cli {
 
+namespace {
+
+// The option words as the variadic arguments of an entry: it reads up to
+// the 0, and the zeros after it are never looked at.
+#define ZVXFER_CLI_WORDS(w)                                                                        \
+    w[0], w[1], w[2], w[3], w[4], w[5], w[6], w[7], w[8], w[9], w[10], w[11], w[12], w[13], w[14], \
+        w[15]
+static_assert(kEntryWords == 16);
+
+int32_t RunXmodem(const EntryCall &c) {
+    return c.sending ? XmodemSendWithOptions(c.port, c.names, c.status, c.progress,
+                                             ZVXFER_CLI_WORDS(c.words))
+                     : XmodemReceiveWithOptions(c.port, c.file, c.status, c.progress,
+                                                ZVXFER_CLI_WORDS(c.words));
+}
+int32_t RunXmodem1K(const EntryCall &c) {
+    return c.sending ? Xmodem1KSendWithOptions(c.port, c.names, c.status, c.progress,
+                                               ZVXFER_CLI_WORDS(c.words))
+                     : Xmodem1KReceiveWithOptions(c.port, c.file, c.status, c.progress,
+                                                  ZVXFER_CLI_WORDS(c.words));
+}
+int32_t RunYmodem(const EntryCall &c) {
+    return c.sending
+               ? YmodemSendWithOptions(c.port, c.names, c.status, c.progress,
+                                       ZVXFER_CLI_WORDS(c.words))
+               : YmodemReceiveWithOptions(c.port, c.status, c.progress, ZVXFER_CLI_WORDS(c.words));
+}
+int32_t RunZmodem(const EntryCall &c) {
+    return c.sending
+               ? ZmodemSendWithOptions(c.port, c.names, c.status, c.progress,
+                                       ZVXFER_CLI_WORDS(c.words))
+               : ZmodemReceiveWithOptions(c.port, c.status, c.progress, ZVXFER_CLI_WORDS(c.words));
+}
+
+#undef ZVXFER_CLI_WORDS
+
+} // namespace
+
 const std::vector<Protocol> &Protocols() {
     static const std::vector<Protocol> table{
-        {"xmodem", Xmodem, false, false, false, "XMODEM, 128-byte blocks, CRC or checksum"},
-        {"xmodem-1k", Xmodem1K, false, false, false, "XMODEM with 1024-byte blocks"},
-        {"xmodem-1k-g", Xmodem1K, true, false, false, "XMODEM-1K streaming ('G')"},
-        {"ymodem", Ymodem, false, true, true, "YMODEM batch with names, sizes and times"},
-        {"ymodem-g", Ymodem, true, true, true, "YMODEM streaming ('G')"},
-        {"zmodem", Zmodem, false, true, true, "ZMODEM streaming batch with restarts, CRC-32"},
+        // clang-format off
+        {"xmodem", Xmodem, false, false, false, "XMODEM, 128-byte blocks, CRC or checksum", 0, RunXmodem},
+        {"xmodem-1k", Xmodem1K, false, false, false, "XMODEM with 1024-byte blocks", 0, RunXmodem1K},
+        {"xmodem-1k-g", Xmodem1K, true, false, false, "XMODEM-1K streaming ('G')", 0, RunXmodem1K},
+        {"ymodem", Ymodem, false, true, true, "YMODEM batch with names, sizes and times", 0, RunYmodem},
+        {"ymodem-g", Ymodem, true, true, true, "YMODEM streaming ('G')", 0, RunYmodem},
+        {"zmodem", Zmodem, false, true, true, "ZMODEM streaming batch with restarts, CRC-32", 2048, RunZmodem},
+        // clang-format on
     };
     return table;
 }

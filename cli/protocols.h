@@ -5,7 +5,22 @@
 #include <string_view>
 #include <vector>
 
+#include "zvxfer.h"
+
 namespace zvxfer::cli {
+
+// One transfer's arguments for a protocol's exported entry.
+struct EntryCall {
+    XferPort *port;
+    bool sending;
+    char *names; // the quoted send names
+    char *file;  // the file a receiver writes, when the protocol takes one
+    XferStatusFn status;
+    XferProgressFn progress;
+    // The option words, ended by 0 and padded with zeros to kEntryWords.
+    const int32_t *words;
+};
+constexpr std::size_t kEntryWords = 16;
 
 struct Protocol {
     std::string_view name;     // as typed after -p
@@ -14,6 +29,11 @@ struct Protocol {
     bool batch;                // names travel with the files (receive needs no FILE)
     bool carriesTime;          // file times travel with the files
     std::string_view describe; // one line for --help
+    // Bytes the line gathers before it writes for a sender with an
+    // acknowledgement window (0: the line host's default).
+    std::size_t windowedSendFlushAt;
+    // Calls the protocol's exported entry for the direction.
+    int32_t (*run)(const EntryCall &call);
 };
 
 // Every protocol the library can run, in the order --help lists them.

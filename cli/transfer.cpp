@@ -103,45 +103,17 @@ std::string DescribeResult(int32_t code) {
 // Each protocol runs through its own entry, so an option the protocol does
 // not take is refused (-7) instead of being dropped the way the generic
 // option block drops what a protocol has no slot for; the block also has
-// no room for every ZMODEM option (file management 7, "protect").  The
-// words go as variadic arguments: the entry reads up to the 0, and the
-// zeros after it are never looked at.
+// no room for every ZMODEM option (file management 7, "protect").
 int32_t RunEntry(XferPort *port, const TransferSettings &s, std::vector<int32_t> words) {
-    constexpr std::size_t kMaxWords = 16;
-    if (words.size() > kMaxWords) return PortInvalidParameter;
-    words.resize(kMaxWords, XferOptEnd);
-    const int32_t *w = words.data();
+    if (words.size() > kEntryWords || s.protocol.run == nullptr) return PortInvalidParameter;
+    words.resize(kEntryWords, XferOptEnd);
     const XferStatusFn status = t_reporter && t_reporter->WantsStatus() ? &StatusLine : nullptr;
-#define ZVXFER_CLI_WORDS                                                                           \
-    w[0], w[1], w[2], w[3], w[4], w[5], w[6], w[7], w[8], w[9], w[10], w[11], w[12], w[13], w[14], \
-        w[15]
     std::string names = QuotedNames(s.files);
     std::string file;
     if (!s.sending && !s.files.empty())
         file = s.files[0].starts_with('/') ? s.files[0] : FolderText(s.folder) + s.files[0];
-    switch (s.protocol.number) {
-    case Xmodem:
-        return s.sending
-                   ? XmodemSendWithOptions(port, names.data(), status, OnProgress, ZVXFER_CLI_WORDS)
-                   : XmodemReceiveWithOptions(port, file.data(), status, OnProgress,
-                                              ZVXFER_CLI_WORDS);
-    case Xmodem1K:
-        return s.sending ? Xmodem1KSendWithOptions(port, names.data(), status, OnProgress,
-                                                   ZVXFER_CLI_WORDS)
-                         : Xmodem1KReceiveWithOptions(port, file.data(), status, OnProgress,
-                                                      ZVXFER_CLI_WORDS);
-    case Ymodem:
-        return s.sending
-                   ? YmodemSendWithOptions(port, names.data(), status, OnProgress, ZVXFER_CLI_WORDS)
-                   : YmodemReceiveWithOptions(port, status, OnProgress, ZVXFER_CLI_WORDS);
-    case Zmodem:
-        return s.sending
-                   ? ZmodemSendWithOptions(port, names.data(), status, OnProgress, ZVXFER_CLI_WORDS)
-                   : ZmodemReceiveWithOptions(port, status, OnProgress, ZVXFER_CLI_WORDS);
-    default:
-        return PortInvalidParameter;
-    }
-#undef ZVXFER_CLI_WORDS
+    return s.protocol.run(
+        {port, s.sending, names.data(), file.data(), status, OnProgress, words.data()});
 }
 
 Outcome RunTransfer(XferPort *port, const TransferSettings &s, Reporter &reporter,

@@ -53,6 +53,14 @@ extern "C" {
 #define ZVXFER_EXTERN
 #endif
 
+/* No exported function lets a C++ exception out: for C++ callers they are
+   declared noexcept. */
+#ifdef __cplusplus
+#define ZVXFER_NOEXCEPT noexcept
+#else
+#define ZVXFER_NOEXCEPT
+#endif
+
 /* ------------------------------------------------------------------------ */
 /* Host windows and messages (the host side of the platform layer)          */
 /* ------------------------------------------------------------------------ */
@@ -98,13 +106,13 @@ typedef struct ZvMsg {
  * @param[in] user  value returned by ZvGetWindowUserData
  * @return the window, or NULL when out of memory or proc is NULL.
  */
-ZVXFER_EXTERN ZvHwnd ZvCreateWindow(ZvWndProc proc, void *user);
+ZVXFER_EXTERN ZvHwnd ZvCreateWindow(ZvWndProc proc, void *user) ZVXFER_NOEXCEPT;
 
 /** Destroy a window; its queued messages are dropped.  Owner thread only. */
-ZVXFER_EXTERN void ZvDestroyWindow(ZvHwnd window);
+ZVXFER_EXTERN void ZvDestroyWindow(ZvHwnd window) ZVXFER_NOEXCEPT;
 
 /** The user value given to ZvCreateWindow. */
-ZVXFER_EXTERN void *ZvGetWindowUserData(ZvHwnd window);
+ZVXFER_EXTERN void *ZvGetWindowUserData(ZvHwnd window) ZVXFER_NOEXCEPT;
 
 /**
  * Send a message and wait for its result.  On the owner thread this calls
@@ -113,14 +121,14 @@ ZVXFER_EXTERN void *ZvGetWindowUserData(ZvHwnd window);
  * ZvWaitMessage).  Returns 0 for a NULL window.
  */
 ZVXFER_EXTERN intptr_t ZvSendMessage(ZvHwnd window, uint32_t message, uintptr_t wParam,
-                                     intptr_t lParam);
+                                     intptr_t lParam) ZVXFER_NOEXCEPT;
 
 /** Append a message to the owner thread's queue and wake that thread. 1 = queued. */
 ZVXFER_EXTERN int ZvPostMessage(ZvHwnd window, uint32_t message, uintptr_t wParam,
-                                intptr_t lParam);
+                                intptr_t lParam) ZVXFER_NOEXCEPT;
 
 /** Post WM_QUIT (window NULL, wParam = exitCode) to the calling thread. */
-ZVXFER_EXTERN void ZvPostQuitMessage(int exitCode);
+ZVXFER_EXTERN void ZvPostQuitMessage(int exitCode) ZVXFER_NOEXCEPT;
 
 /**
  * Take the next posted message of the calling thread without waiting.
@@ -129,13 +137,13 @@ ZVXFER_EXTERN void ZvPostQuitMessage(int exitCode);
  * @param[in]  remove  non-zero: remove it from the queue
  * @return 1 when a message was found, 0 when the queue is empty.
  */
-ZVXFER_EXTERN int ZvPeekMessage(ZvMsg *msg, int remove);
+ZVXFER_EXTERN int ZvPeekMessage(ZvMsg *msg, int remove) ZVXFER_NOEXCEPT;
 
 /** Wait for and remove the next message.  Returns 0 for WM_QUIT, else 1. */
-ZVXFER_EXTERN int ZvGetMessage(ZvMsg *msg);
+ZVXFER_EXTERN int ZvGetMessage(ZvMsg *msg) ZVXFER_NOEXCEPT;
 
 /** Call the message's window procedure (nothing for a NULL window). */
-ZVXFER_EXTERN intptr_t ZvDispatchMessage(const ZvMsg *msg);
+ZVXFER_EXTERN intptr_t ZvDispatchMessage(const ZvMsg *msg) ZVXFER_NOEXCEPT;
 
 /**
  * Wait until the calling thread has input: a posted or sent message, or a
@@ -143,17 +151,17 @@ ZVXFER_EXTERN intptr_t ZvDispatchMessage(const ZvMsg *msg);
  * @param[in] timeoutMs  milliseconds, or UINT32_MAX for no limit
  * @return 1 when input arrived, 0 on time-out.
  */
-ZVXFER_EXTERN int ZvWaitMessage(uint32_t timeoutMs);
+ZVXFER_EXTERN int ZvWaitMessage(uint32_t timeoutMs) ZVXFER_NOEXCEPT;
 
 /**
  * Make the calling thread's waits wake when fd becomes ready for the given
  * events (ZV_FD_READ, ZV_FD_WRITE).  Calling again for the same fd replaces
  * its events.  Returns 0, or -1 when the table is full (64 per thread).
  */
-ZVXFER_EXTERN int ZvWatchFd(int fd, int events);
+ZVXFER_EXTERN int ZvWatchFd(int fd, int events) ZVXFER_NOEXCEPT;
 
 /** Stop watching fd on the calling thread. */
-ZVXFER_EXTERN void ZvUnwatchFd(int fd);
+ZVXFER_EXTERN void ZvUnwatchFd(int fd) ZVXFER_NOEXCEPT;
 
 /** A wait-prepare callback (see ZvAddWaitPrepare). */
 typedef void (*ZvPrepareFn)(void *context);
@@ -165,10 +173,10 @@ typedef void (*ZvPrepareFn)(void *context);
  * that nothing is held back while the thread waits for an answer.
  * @return 0, or -1 when the pair is already registered or 8 are.
  */
-ZVXFER_EXTERN int ZvAddWaitPrepare(ZvPrepareFn fn, void *context);
+ZVXFER_EXTERN int ZvAddWaitPrepare(ZvPrepareFn fn, void *context) ZVXFER_NOEXCEPT;
 
 /** Remove a registration made by ZvAddWaitPrepare on the calling thread. */
-ZVXFER_EXTERN void ZvRemoveWaitPrepare(ZvPrepareFn fn, void *context);
+ZVXFER_EXTERN void ZvRemoveWaitPrepare(ZvPrepareFn fn, void *context) ZVXFER_NOEXCEPT;
 
 /**
  * Install the sink of the library's debugger output (trace lines of the
@@ -176,7 +184,7 @@ ZVXFER_EXTERN void ZvRemoveWaitPrepare(ZvPrepareFn fn, void *context);
  * named by the environment variable ZVXFER_DEBUG ("stderr" allowed), or
  * nothing when it is unset.
  */
-ZVXFER_EXTERN void ZvSetDebugOutput(void (*sink)(const char *text));
+ZVXFER_EXTERN void ZvSetDebugOutput(void (*sink)(const char *text)) ZVXFER_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Result codes                                                             */
@@ -208,7 +216,7 @@ ZVXFER_EXTERN void ZvSetDebugOutput(void (*sink)(const char *text));
     XX(-21, PortCrcMode, "CRC mode")                                                               \
     XX(-22, PortModemNoOk, "Modem didn't send OK")                                                 \
     XX(-23, PortNoModemResponse, "No modem response")                                              \
-    XX(-24, PortNotSupported, "Function not supported")                                           \
+    XX(-24, PortNotSupported, "Function not supported")                                            \
     XX(-25, PortIllegalBaudRate, "Illegal baud rate")                                              \
     XX(-26, PortIllegalParity, "Illegal parity")                                                   \
     XX(-27, PortIllegalWordLength, "Ilegal word length")                                           \
@@ -465,16 +473,16 @@ typedef struct FileTransferOptions {
  * Close it with port->Ops.PortClose(port).
  */
 ZVXFER_EXTERN XferPort *PortOpen(uintptr_t userData, ZvHwnd window, const char *receiveFolder,
-                                 int32_t existingFilePolicy);
+                                 int32_t existingFilePolicy) ZVXFER_NOEXCEPT;
 
 /** Discard everything the host has received so far.  0, or a negative code. */
-ZVXFER_EXTERN int32_t ClearRXBuffer(XferPort *port);
+ZVXFER_EXTERN int32_t ClearRXBuffer(XferPort *port) ZVXFER_NOEXCEPT;
 
 /* Hook setters: affect every thread's transfers; NULL is not accepted. */
-ZVXFER_EXTERN void SetPortIdleFunctionPtr(XferIdleFn idle);
-ZVXFER_EXTERN void SetAbortXferFunctionPtr(XferAbortFn abortFn);
-ZVXFER_EXTERN void SetUserErrorNameFunctionPtr(XferErrorNameFn errorName);
-ZVXFER_EXTERN void SetXferFileOpenFunctionPtr(XferFileOpenFn fileOpen);
+ZVXFER_EXTERN void SetPortIdleFunctionPtr(XferIdleFn idle) ZVXFER_NOEXCEPT;
+ZVXFER_EXTERN void SetAbortXferFunctionPtr(XferAbortFn abortFn) ZVXFER_NOEXCEPT;
+ZVXFER_EXTERN void SetUserErrorNameFunctionPtr(XferErrorNameFn errorName) ZVXFER_NOEXCEPT;
+ZVXFER_EXTERN void SetXferFileOpenFunctionPtr(XferFileOpenFn fileOpen) ZVXFER_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Transfers                                                                */
@@ -486,44 +494,45 @@ ZVXFER_EXTERN void SetXferFileOpenFunctionPtr(XferFileOpenFn fileOpen);
  * example "\"/tmp/a b.txt\",\"/tmp/x?.bin\""; it is split in place.
  */
 
-ZVXFER_EXTERN FileTransferOptions *CLSetFileTransferOptions(const int32_t *list);
+ZVXFER_EXTERN FileTransferOptions *CLSetFileTransferOptions(const int32_t *list) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN int32_t CLFileSend(XferPort *port, int32_t protocol, char *names, int32_t asciiFlag,
                                  int32_t asciiValue, FileTransferOptions *block,
-                                 XferStatusFn status, XferProgressFn progress);
-ZVXFER_EXTERN int32_t CLFileReceive(XferPort *port, int32_t protocol, char *name,
-                                    int32_t asciiFlag, FileTransferOptions *block,
-                                    XferStatusFn status, XferProgressFn progress);
+                                 XferStatusFn status, XferProgressFn progress) ZVXFER_NOEXCEPT;
+ZVXFER_EXTERN int32_t CLFileReceive(XferPort *port, int32_t protocol, char *name, int32_t asciiFlag,
+                                    FileTransferOptions *block, XferStatusFn status,
+                                    XferProgressFn progress) ZVXFER_NOEXCEPT;
 
 ZVXFER_EXTERN int32_t XmodemSendWithOptions(XferPort *port, char *names, XferStatusFn status,
-                                            XferProgressFn progress, ...);
-ZVXFER_EXTERN int32_t XmodemReceiveWithOptions(XferPort *port, char *fileName,
-                                               XferStatusFn status, XferProgressFn progress, ...);
+                                            XferProgressFn progress, ...) ZVXFER_NOEXCEPT;
+ZVXFER_EXTERN int32_t XmodemReceiveWithOptions(XferPort *port, char *fileName, XferStatusFn status,
+                                               XferProgressFn progress, ...) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN int32_t Xmodem1KSendWithOptions(XferPort *port, char *names, XferStatusFn status,
-                                              XferProgressFn progress, ...);
+                                              XferProgressFn progress, ...) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN int32_t Xmodem1KReceiveWithOptions(XferPort *port, char *fileName,
                                                  XferStatusFn status, XferProgressFn progress,
-                                                 ...);
+                                                 ...) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN int32_t YmodemSendWithOptions(XferPort *port, char *names, XferStatusFn status,
-                                            XferProgressFn progress, ...);
+                                            XferProgressFn progress, ...) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN int32_t YmodemReceiveWithOptions(XferPort *port, XferStatusFn status,
-                                               XferProgressFn progress, ...);
+                                               XferProgressFn progress, ...) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN int32_t ZmodemSendWithOptions(XferPort *port, char *names, XferStatusFn status,
-                                            XferProgressFn progress, ...);
+                                            XferProgressFn progress, ...) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN int32_t ZmodemReceiveWithOptions(XferPort *port, XferStatusFn status,
-                                               XferProgressFn progress, ...);
+                                               XferProgressFn progress, ...) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN int32_t KermitSendWithOptions(XferPort *port, char *fileList, XferStatusFn status,
-                                            XferProgressFn progress, ...);
+                                            XferProgressFn progress, ...) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN int32_t KermitReceiveWithOptions(XferPort *port, XferStatusFn status,
-                                               XferProgressFn progress, ...);
+                                               XferProgressFn progress, ...) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN int32_t CompuServeBPlusWithOptions(XferPort *port, XferStatusFn status,
-                                                 XferProgressFn progress, ...);
-ZVXFER_EXTERN int32_t CompuServeBPlusRespond(XferPort *port, int32_t bplusFlag);
+                                                 XferProgressFn progress, ...) ZVXFER_NOEXCEPT;
+ZVXFER_EXTERN int32_t CompuServeBPlusRespond(XferPort *port, int32_t bplusFlag) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN int32_t AsciiSendWithOptions(XferPort *port, char *names, XferStatusFn status,
                                            XferProgressFn progress, XferCharFn charCallback,
-                                           uint8_t dropLf, int32_t lineDelayMs, ...);
-ZVXFER_EXTERN int32_t AsciiReceiveWithOptions(XferPort *port, char *fileName,
-                                              XferStatusFn status, XferProgressFn progress,
-                                              XferCharFn charCallback, uint8_t dropLf, ...);
+                                           uint8_t dropLf, int32_t lineDelayMs,
+                                           ...) ZVXFER_NOEXCEPT;
+ZVXFER_EXTERN int32_t AsciiReceiveWithOptions(XferPort *port, char *fileName, XferStatusFn status,
+                                              XferProgressFn progress, XferCharFn charCallback,
+                                              uint8_t dropLf, ...) ZVXFER_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Message library                                                          */
@@ -535,10 +544,10 @@ ZVXFER_EXTERN int32_t AsciiReceiveWithOptions(XferPort *port, char *fileName,
  * @return 0 when loaded (or already loaded, or not registered), 1 when the
  * registration was found but no catalogue could be loaded.
  */
-ZVXFER_EXTERN int32_t RegisterXferDLL(void);
+ZVXFER_EXTERN int32_t RegisterXferDLL(void) ZVXFER_NOEXCEPT;
 
 /** Release the message catalogue (runs by itself when the library unloads). */
-ZVXFER_EXTERN void UnregisterXferDLL(void);
+ZVXFER_EXTERN void UnregisterXferDLL(void) ZVXFER_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -85,6 +85,6 @@ void OutputDebugString(const char *text) {
 
 } // namespace zvxfer::plat
 
-extern "C" ZVXFER_EXTERN void ZvSetDebugOutput(void (*sink)(const char *text)) {
+extern "C" ZVXFER_EXTERN void ZvSetDebugOutput(void (*sink)(const char *text)) ZVXFER_NOEXCEPT {
     zvxfer::plat::gSink.store(sink, std::memory_order_release);
 }

@@ -125,28 +125,34 @@ bool WaitForNewInput(uint32_t timeoutMs) {
 
 extern "C" {
 
-ZVXFER_EXTERN int ZvPeekMessage(ZvMsg *msg, int remove) {
+ZVXFER_EXTERN int ZvPeekMessage(ZvMsg *msg, int remove) ZVXFER_NOEXCEPT try {
     ZvMsg local{};
     if (!zvxfer::plat::PeekMessage(local, remove != 0)) return 0;
     if (msg != nullptr) *msg = local;
     return 1;
+} catch (...) {
+    return 0;
 }
 
 // Waits for messages only: a watched descriptor that stays ready would
 // otherwise turn this loop into a spin.
-ZVXFER_EXTERN int ZvGetMessage(ZvMsg *msg) {
+ZVXFER_EXTERN int ZvGetMessage(ZvMsg *msg) ZVXFER_NOEXCEPT try {
     ThreadQueue &q = CurrentQueue();
     ZvMsg local{};
     while (!zvxfer::plat::PeekMessage(local, true)) Wait(q, kInfinite, false);
     if (msg != nullptr) *msg = local;
     return local.Message == ZV_WM_QUIT ? 0 : 1;
+} catch (...) {
+    return 0;
 }
 
-ZVXFER_EXTERN int ZvWaitMessage(uint32_t timeoutMs) {
+ZVXFER_EXTERN int ZvWaitMessage(uint32_t timeoutMs) ZVXFER_NOEXCEPT try {
     return zvxfer::plat::WaitForInput(timeoutMs) ? 1 : 0;
+} catch (...) {
+    return 0;
 }
 
-ZVXFER_EXTERN int ZvWatchFd(int fd, int events) {
+ZVXFER_EXTERN int ZvWatchFd(int fd, int events) ZVXFER_NOEXCEPT try {
     auto &watched = CurrentQueue().watched;
     auto it = std::find_if(watched.begin(), watched.end(), [fd](auto &w) { return w.fd == fd; });
     if (it != watched.end()) {
@@ -156,27 +162,33 @@ ZVXFER_EXTERN int ZvWatchFd(int fd, int events) {
     if (fd < 0 || watched.size() >= kMaxWatchedFds) return -1;
     watched.push_back({fd, static_cast<short>(events)});
     return 0;
+} catch (...) {
+    return -1;
 }
 
-ZVXFER_EXTERN void ZvUnwatchFd(int fd) {
+ZVXFER_EXTERN void ZvUnwatchFd(int fd) ZVXFER_NOEXCEPT try {
     ThreadQueue *q = CurrentQueueIfAny();
     if (q == nullptr) return;
     std::erase_if(q->watched, [fd](auto &w) { return w.fd == fd; });
+} catch (...) {
 }
 
-ZVXFER_EXTERN int ZvAddWaitPrepare(ZvPrepareFn fn, void *context) {
+ZVXFER_EXTERN int ZvAddWaitPrepare(ZvPrepareFn fn, void *context) ZVXFER_NOEXCEPT try {
     auto &prepares = CurrentQueue().prepares;
     const bool known = std::any_of(prepares.begin(), prepares.end(),
                                    [&](auto &p) { return p.fn == fn && p.context == context; });
     if (fn == nullptr || known || prepares.size() >= zvxfer::plat::detail::kMaxPrepares) return -1;
     prepares.push_back({fn, context});
     return 0;
+} catch (...) {
+    return -1;
 }
 
-ZVXFER_EXTERN void ZvRemoveWaitPrepare(ZvPrepareFn fn, void *context) {
+ZVXFER_EXTERN void ZvRemoveWaitPrepare(ZvPrepareFn fn, void *context) ZVXFER_NOEXCEPT try {
     ThreadQueue *q = CurrentQueueIfAny();
     if (q == nullptr) return;
     std::erase_if(q->prepares, [&](auto &p) { return p.fn == fn && p.context == context; });
+} catch (...) {
 }
 
 } // extern "C"

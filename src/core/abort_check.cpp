@@ -1,5 +1,6 @@
 // XferCheckAbort: the progress callback, then the host's abort hook.
 #include "core/core.h"
+#include "core/protocol.h"
 #include "port/port.h"
 
 namespace zvxfer {
@@ -19,9 +20,9 @@ int XferCheckAbort(XferRecord *record) {
     if (verdict == 0) return 0;
 
     record->Result = verdict;
-    if (record->Protocol == CompuServeBPlus) return 1; // the B+ engine ends it itself
-    XferStatusMessage(record, 1, MsgTransferCancelled);
-    if (record->Protocol != Kermit) XferCleanup(record);
+    const ProtocolInfo &protocol = ProtocolOf(record->Protocol);
+    if (protocol.abortPostsStatus) XferStatusMessage(record, 1, MsgTransferCancelled);
+    if (!protocol.endsAbortedTransfer) XferCleanup(record);
     return 1;
 }
 

@@ -2,6 +2,7 @@
 #include <atomic>
 
 #include "core/core.h"
+#include "core/protocol.h"
 #include "platform/heap.h"
 #include "platform/tick.h"
 #include "port/port.h"
@@ -36,19 +37,17 @@ void SendCancelString(XferRecord *record) {
 // Tell the remote side, let the line settle, and throw away what arrives.
 void EndFailedTransfer(XferRecord *record) {
     XferPort *port = record->Port;
-    switch (record->Protocol) {
-    case Xmodem:
-    case Ymodem:
-    case Xmodem1K:
+    switch (ProtocolOf(record->Protocol).onFailure) {
+    case FailureSignal::CancelString:
         SendCancelString(record);
         break;
-    case Zmodem:
+    case FailureSignal::PurgeThenCancel:
         if (record->Buffer != nullptr && record->Result != XferErrRemoteAbort) {
             port->Ops.PurgeTx(port);
             SendCancelString(record);
         }
         break;
-    default: // Kermit, B+, ASCII and the streaming variants send nothing
+    case FailureSignal::Nothing:
         break;
     }
     IdleWait(port, 1000);
@@ -67,7 +66,8 @@ void ReleaseHeld(XferRecord *record) {
         plat::HeapFreeBlock(record->Buffer);
         record->Buffer = nullptr;
     }
-    if (record->Protocol == Zmodem && !record->Sending && record->FileName != nullptr) {
+    const ProtocolInfo &protocol = ProtocolOf(record->Protocol);
+    if (protocol.receiverOwnsFileName && !record->Sending && record->FileName != nullptr) {
         plat::HeapFreeBlock(record->FileName);
         record->FileName = nullptr;
     }
@@ -75,10 +75,7 @@ void ReleaseHeld(XferRecord *record) {
         record->SendList->Destroy(record->SendList);
         record->SendList = nullptr;
     }
-    if (record->Protocol == CompuServeBPlus && record->ProtocolParam != 0) {
-        plat::HeapFreeBlock(reinterpret_cast<void *>(record->ProtocolParam));
-        record->ProtocolParam = 0;
-    }
+    if (protocol.releaseState != nullptr) protocol.releaseState(record);
     if (record->ReleaseHookBuffer != 0) {
         // Transfers on other threads share the record: take the buffer out
         // atomically so that only one of them releases it.

@@ -90,14 +90,6 @@ int32_t XferWriteBuffer(XferRecord *record, const uint8_t *bytes, uint32_t count
 const char *BareName(const char *name);
 char *BareName(char *name);
 
-// True for the protocols whose receivers take file names from the line
-// (YMODEM, ZMODEM, Kermit, B+); XMODEM and ASCII receive into the name the
-// host gave.
-constexpr bool XferNamesFromLine(int32_t protocol) {
-    return protocol == Ymodem || protocol == YmodemG || protocol == Zmodem || protocol == Kermit ||
-           protocol == CompuServeBPlus;
-}
-
 // A name from the line as a name relative to the receive folder, at most
 // `room` characters (cut, never inside a UTF-8 sequence).  A NUL ends it;
 // control bytes (0x01-0x1F, 0x7F) become '_'.  Without `fullPath` it is the

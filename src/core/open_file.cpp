@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "core/core.h"
+#include "core/protocol.h"
 #include "port/port.h"
 
 namespace zvxfer {
@@ -26,7 +27,7 @@ void OpenForReceive(XferRecord *record) {
     if (exists && policy == XFER_EXISTING_SKIP) {
         record->SkipFile = 1;
         record->File = XFER_INVALID_FILE;
-        if (record->Protocol == Zmodem) {
+        if (ProtocolOf(record->Protocol).skipReport == SkipReport::AskSenderToSkip) {
             XferStatusMessage(record, 1, MsgFileSkipped);
             record->Result = XferErrShouldSkip;
         } else {
@@ -62,7 +63,8 @@ int XferOpenFile(XferRecord *record) {
     }
 
     if (record->File != XFER_INVALID_FILE) {
-        if (!(record->Protocol == Zmodem && record->Sending)) ++record->FileCount;
+        if (!record->Sending || ProtocolOf(record->Protocol).openCountsSentFiles)
+            ++record->FileCount;
         if (record->Sending && record->SendList != nullptr)
             record->FileSize = record->SendList->Size;
         return XferCheckAbort(record) ? 0 : 1;

@@ -12,6 +12,36 @@
 
 namespace zvxfer {
 
+// The generic entries' option block: the slot each storable code takes
+// (a value code's value goes into the slot after it).  The file-management
+// codes 1018..1021 and 1023 share slot 17, so the last one given wins; 1001,
+// 1010, 1013 and 1022 have no slot.
+constexpr int kBlockSlots = 28;
+struct BlockSlotOf {
+    int32_t code;
+    int slot;
+};
+inline constexpr BlockSlotOf kBlockSlotTable[] = {
+    {XferOptKermitQuote8Bit, 0}, {XferOptKermitTextMode, 1},     {XferOptKermitNoRepeat, 2},
+    {XferOptFullPath, 3},        {XferOptFlag1006, 4},           {XferOptAbortKey, 5},
+    {XferOptChecksum, 7},        {XferOptSendTimeout, 8},        {XferOptSubfolders, 10},
+    {XferOptStreaming, 11},      {XferOptReceiveTimeout, 12},    {XferOptZmResume, 14},
+    {XferOptZmPacing, 15},       {XferOptZmNoWindow, 16},        {XferOptZmNewerLonger, 17},
+    {XferOptZmAppend, 17},       {XferOptZmReplace, 17},         {XferOptZmDiffer, 17},
+    {XferOptZmNewer, 17},        {XferOptBPlusCheckMethod, 18},  {XferOptBPlusFileInfo, 20},
+    {XferOptBPlusResume, 21},    {XferOptReleaseHookBuffer, 22}, {XferOptMaxErrors, 24},
+    {XferOptZmWindowSize, 26},
+};
+// Slot lists name slot 17 (the file-management code given last) by this.
+constexpr int32_t kOptZmManagement = XferOptZmNewerLonger;
+
+// The block slot of `code`, or -1 when it has none.
+constexpr int BlockSlot(int32_t code) {
+    for (const BlockSlotOf &s : kBlockSlotTable)
+        if (s.code == code) return s.slot;
+    return -1;
+}
+
 struct Option {
     int32_t code;
     int32_t value; // 0 for codes without a value

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "core/core.h"
+#include "core/protocol.h"
 #include "platform/file.h"
 
 namespace zvxfer {
@@ -100,7 +101,7 @@ bool XferReceivePlace(const XferRecord *r, const char *name, std::string &base, 
     if (name == nullptr) return false;
     const std::string_view whole(name);
     std::string_view folder;
-    if (r != nullptr && XferNamesFromLine(r->Protocol)) {
+    if (r != nullptr && ProtocolOf(r->Protocol).namesFromLine) {
         folder = r->Port && r->Port->ReceiveFolder ? r->Port->ReceiveFolder : "";
         if (!whole.starts_with(folder)) return false;
     } else {

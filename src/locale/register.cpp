@@ -39,7 +39,7 @@ bool CataloguePath(char *path, std::size_t size) {
 
 } // namespace zvxfer
 
-extern "C" ZVXFER_EXTERN int32_t RegisterXferDLL(void) {
+extern "C" ZVXFER_EXTERN int32_t RegisterXferDLL(void) ZVXFER_NOEXCEPT try {
     using namespace zvxfer;
     if (HasMessageLibrary()) return 0;
     char path[kPathSize];
@@ -49,8 +49,11 @@ extern "C" ZVXFER_EXTERN int32_t RegisterXferDLL(void) {
     if (module == nullptr) return 1;
     SetMessageLibrary(module);
     return 0;
+} catch (...) {
+    return 1;
 }
 
-extern "C" ZVXFER_EXTERN void UnregisterXferDLL(void) {
+extern "C" ZVXFER_EXTERN void UnregisterXferDLL(void) ZVXFER_NOEXCEPT try {
     zvxfer::plat::FreeModule(zvxfer::TakeMessageLibrary());
+} catch (...) {
 }

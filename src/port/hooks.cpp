@@ -94,20 +94,24 @@ using namespace zvxfer;
 
 extern "C" {
 
-ZVXFER_EXTERN void SetPortIdleFunctionPtr(XferIdleFn idle) {
+ZVXFER_EXTERN void SetPortIdleFunctionPtr(XferIdleFn idle) ZVXFER_NOEXCEPT try {
     SetHook(&ThreadHooks::IdleFunction, idle);
+} catch (...) {
 }
 
-ZVXFER_EXTERN void SetAbortXferFunctionPtr(XferAbortFn abortFn) {
+ZVXFER_EXTERN void SetAbortXferFunctionPtr(XferAbortFn abortFn) ZVXFER_NOEXCEPT try {
     SetHook(&ThreadHooks::AbortFunction, abortFn);
+} catch (...) {
 }
 
-ZVXFER_EXTERN void SetUserErrorNameFunctionPtr(XferErrorNameFn errorName) {
+ZVXFER_EXTERN void SetUserErrorNameFunctionPtr(XferErrorNameFn errorName) ZVXFER_NOEXCEPT try {
     SetHook(&ThreadHooks::UserErrorNameFunction, errorName);
+} catch (...) {
 }
 
-ZVXFER_EXTERN void SetXferFileOpenFunctionPtr(XferFileOpenFn fileOpen) {
+ZVXFER_EXTERN void SetXferFileOpenFunctionPtr(XferFileOpenFn fileOpen) ZVXFER_NOEXCEPT try {
     SetHook(&ThreadHooks::FileOpenFunction, fileOpen);
+} catch (...) {
 }
 
 } // extern "C"

@@ -64,7 +64,8 @@ void port_ops::FillOperationTable(XferPortOps &ops) {
 using namespace zvxfer;
 
 extern "C" ZVXFER_EXTERN XferPort *PortOpen(uintptr_t userData, ZvHwnd window,
-                                            const char *receiveFolder, int32_t existingFilePolicy) {
+                                            const char *receiveFolder,
+                                            int32_t existingFilePolicy) ZVXFER_NOEXCEPT try {
     auto *port = static_cast<XferPort *>(plat::GlobalAllocZero(sizeof(XferPort)));
     if (port == nullptr) return nullptr;
     port->HostWindow = window;
@@ -79,5 +80,7 @@ extern "C" ZVXFER_EXTERN XferPort *PortOpen(uintptr_t userData, ZvHwnd window,
     }
     ThreadHooksUndoAcquire(port->Hooks);
     plat::GlobalFreeBlock(port);
+    return nullptr;
+} catch (...) {
     return nullptr;
 }

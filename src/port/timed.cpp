@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "platform/message.h"
+#include "platform/nothrow.h"
 #include "platform/tick.h"
 #include "port/port.h"
 #include "port_internal.h"
@@ -128,7 +129,7 @@ using namespace zvxfer;
 
 // Read and drop what the host holds, 64 bytes at a time, until a read
 // moves nothing.
-extern "C" ZVXFER_EXTERN int32_t ClearRXBuffer(XferPort *port) {
+extern "C" ZVXFER_EXTERN int32_t ClearRXBuffer(XferPort *port) ZVXFER_NOEXCEPT try {
     if (port == nullptr) return PortInvalidParameter;
     uint8_t scratch[kPurgeChunk];
     for (;;) {
@@ -136,4 +137,6 @@ extern "C" ZVXFER_EXTERN int32_t ClearRXBuffer(XferPort *port) {
         if (r < 0 && r != PortBufferEmpty) return r;
         if (port->Count == 0) return PortSuccess;
     }
+} catch (...) {
+    return plat::BoundaryCode();
 }

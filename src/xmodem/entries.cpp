@@ -1,50 +1,51 @@
-// The six XMODEM and YMODEM entries: each fills a record on its own stack,
-// reads its option words (refusing unknown codes before anything happens),
-// builds the send list for senders, and runs its engine.
+// The six XMODEM and YMODEM entries: each one's accepted option codes and
+// engine on the shared entry path.
 #include <cstdarg>
 #include <cstdio>
-#include <vector>
 
 #include "core/core.h"
-#include "core/options.h"
-#include "filelist/filelist.h"
-#include "xmodem/entries.h"
+#include "core/entry.h"
+#include "xmodem/protocol.h"
 #include "xmodem/xmodem.h"
 
-namespace zvxfer {
+namespace zvxfer::xm {
 namespace {
 
-constexpr int32_t kXmodemReceiveOptions[] = {1006, 1007, 1008, 1027};
-constexpr int32_t kXmodemSendOptions[] = {1006, 1007, 1008, 1016, 1027};
-constexpr int32_t k1KReceiveOptions[] = {1006, 1007, 1011, 1027};
-constexpr int32_t k1KSendOptions[] = {1006, 1007, 1008, 1011, 1016, 1027};
-constexpr int32_t kYmodemSendOptions[] = {1005, 1006, 1007, 1009, 1011, 1016, 1027};
-constexpr int32_t kYmodemReceiveOptions[] = {1005, 1006, 1007, 1011, 1027};
+constexpr int32_t kXmodemReceiveOptions[] = {XferOptFlag1006, XferOptAbortKey, XferOptChecksum,
+                                             XferOptReleaseHookBuffer};
+constexpr int32_t kXmodemSendOptions[] = {XferOptFlag1006, XferOptAbortKey, XferOptChecksum,
+                                          XferOptSendTimeout, XferOptReleaseHookBuffer};
+constexpr int32_t k1KReceiveOptions[] = {XferOptFlag1006, XferOptAbortKey, XferOptStreaming,
+                                         XferOptReleaseHookBuffer};
+constexpr int32_t k1KSendOptions[] = {XferOptFlag1006,    XferOptAbortKey,
+                                      XferOptChecksum,    XferOptStreaming,
+                                      XferOptSendTimeout, XferOptReleaseHookBuffer};
+constexpr int32_t kYmodemSendOptions[] = {
+    XferOptFullPath,  XferOptFlag1006,    XferOptAbortKey,         XferOptSubfolders,
+    XferOptStreaming, XferOptSendTimeout, XferOptReleaseHookBuffer};
+constexpr int32_t kYmodemReceiveOptions[] = {XferOptFullPath, XferOptFlag1006, XferOptAbortKey,
+                                             XferOptStreaming, XferOptReleaseHookBuffer};
 
-enum class Engine { XmodemSend, XmodemReceive, YmodemSend, YmodemReceive };
-
-struct Entry {
-    XferProtocol protocol;
-    XferProtocol streaming; // what option 1011 turns the protocol into
-    Engine engine;
-    std::span<const int32_t> accepted;
-};
-
-void InitRecord(XferRecord &r, XferPort *port, XferStatusFn status, XferProgressFn progress,
-                const Entry &entry) {
-    InitEntryRecord(r, static_cast<int8_t>(entry.protocol), port, status, progress);
-    xm::XmSetCrcMode(&r, true);
-    r.ProtocolParam = xm::kReplyTimeoutMs;
+void InitRecord(EntryFrame &frame, const EntryArgs &) {
+    XmSetCrcMode(&frame.record, true);
+    frame.record.ProtocolParam = kReplyTimeoutMs;
 }
 
-void ApplyOption(XferRecord &r, const Option &o, const Entry &entry) {
-    if (ApplySharedOption(r, o)) return;
+// What the streaming option turns a protocol into.
+int8_t StreamingOf(int8_t protocol) {
+    if (protocol == Xmodem1K) return Xmodem1KG;
+    if (protocol == Ymodem) return YmodemG;
+    return protocol;
+}
+
+void ApplyOption(EntryFrame &frame, const Option &o) {
+    XferRecord &r = frame.record;
     switch (o.code) {
     case XferOptChecksum:
-        xm::XmSetCrcMode(&r, false);
+        XmSetCrcMode(&r, false);
         break;
     case XferOptStreaming:
-        r.Protocol = static_cast<int8_t>(entry.streaming);
+        r.Protocol = StreamingOf(r.Protocol);
         break;
     case XferOptSendTimeout:
         r.ProtocolParam = o.value;
@@ -54,115 +55,101 @@ void ApplyOption(XferRecord &r, const Option &o, const Entry &entry) {
     }
 }
 
-int32_t Run(const Entry &entry, XferPort *port, char *name, XferStatusFn status,
-            XferProgressFn progress, std::span<const int32_t> words) {
-    if (!port) return PortInvalidParameter;
-    std::vector<Option> options;
-    if (ReadOptionList(words, entry.accepted, options) != 0) return PortInvalidParameter;
-
-    XferRecord r{};
-    InitRecord(r, port, status, progress, entry);
-    for (const Option &o : options) ApplyOption(r, o, entry);
-
-    char fileName[XFER_PATH_MAX] = "";
-    switch (entry.engine) {
-    case Engine::XmodemReceive:
-        std::snprintf(fileName, sizeof fileName, "%s", name ? name : "");
-        r.FileName = fileName;
-        xm::XmReceiveFile(&r);
-        break;
-    case Engine::YmodemReceive:
-        xm::YmReceiveBatch(&r);
-        break;
-    case Engine::XmodemSend:
-    case Engine::YmodemSend: {
-        static char empty[1] = "";
-        r.SendList = SendFileListCreate(name ? name : empty, false);
-        if (!r.SendList) return XferErrNoBuffer;
-        if (entry.engine == Engine::XmodemSend)
-            xm::XmSendFile(&r);
-        else
-            xm::YmSendBatch(&r);
-        if (r.SendList) { // the engines' clean-up normally releases it
-            r.SendList->Destroy(r.SendList);
-            r.SendList = nullptr;
-        }
-        break;
-    }
-    }
-    return r.Result != 0 ? r.Result : r.FileCount;
+void ReceiveNamedFile(EntryFrame &frame, const EntryArgs &args) {
+    std::snprintf(frame.fileName, sizeof frame.fileName, "%s", args.name ? args.name : "");
+    frame.record.FileName = frame.fileName;
+    XmReceiveFile(&frame.record);
+}
+void ReceiveBatch(EntryFrame &frame, const EntryArgs &) {
+    YmReceiveBatch(&frame.record);
+}
+void SendFiles(EntryFrame &frame, const EntryArgs &) {
+    XmSendFile(&frame.record);
+}
+void SendBatch(EntryFrame &frame, const EntryArgs &) {
+    YmSendBatch(&frame.record);
 }
 
-constexpr Entry kXmodemSend{Xmodem, Xmodem, Engine::XmodemSend, kXmodemSendOptions};
-constexpr Entry kXmodemReceive{Xmodem, Xmodem, Engine::XmodemReceive, kXmodemReceiveOptions};
-constexpr Entry k1KSend{Xmodem1K, Xmodem1KG, Engine::XmodemSend, k1KSendOptions};
-constexpr Entry k1KReceive{Xmodem1K, Xmodem1KG, Engine::XmodemReceive, k1KReceiveOptions};
-constexpr Entry kYmodemSend{Ymodem, YmodemG, Engine::YmodemSend, kYmodemSendOptions};
-constexpr Entry kYmodemReceive{Ymodem, YmodemG, Engine::YmodemReceive, kYmodemReceiveOptions};
+constexpr EntrySpec Spec(int8_t protocol, std::span<const int32_t> accepted, bool sends,
+                         void (*run)(EntryFrame &, const EntryArgs &)) {
+    return EntrySpec{
+        protocol, accepted, sends, &InitRecord, &ApplyOption, run, EntryOutcome::ResultOrFileCount};
+}
+
+constexpr EntrySpec kXmodemSend = Spec(Xmodem, kXmodemSendOptions, true, &SendFiles);
+constexpr EntrySpec kXmodemReceive = Spec(Xmodem, kXmodemReceiveOptions, false, &ReceiveNamedFile);
+constexpr EntrySpec k1KSend = Spec(Xmodem1K, k1KSendOptions, true, &SendFiles);
+constexpr EntrySpec k1KReceive = Spec(Xmodem1K, k1KReceiveOptions, false, &ReceiveNamedFile);
+constexpr EntrySpec kYmodemSend = Spec(Ymodem, kYmodemSendOptions, true, &SendBatch);
+constexpr EntrySpec kYmodemReceive = Spec(Ymodem, kYmodemReceiveOptions, false, &ReceiveBatch);
 
 } // namespace
 
-int32_t XmodemSend(XferPort *p, char *n, XferStatusFn s, XferProgressFn g,
-                   std::span<const int32_t> o) {
-    return Run(kXmodemSend, p, n, s, g, o);
+int32_t XmodemSendEntry(const EntryArgs &args, std::span<const int32_t> words) {
+    return RunEntry(kXmodemSend, args, words);
 }
-int32_t XmodemReceive(XferPort *p, char *n, XferStatusFn s, XferProgressFn g,
-                      std::span<const int32_t> o) {
-    return Run(kXmodemReceive, p, n, s, g, o);
+int32_t XmodemReceiveEntry(const EntryArgs &args, std::span<const int32_t> words) {
+    return RunEntry(kXmodemReceive, args, words);
 }
-int32_t Xmodem1KSend(XferPort *p, char *n, XferStatusFn s, XferProgressFn g,
-                     std::span<const int32_t> o) {
-    return Run(k1KSend, p, n, s, g, o);
+int32_t Xmodem1KSendEntry(const EntryArgs &args, std::span<const int32_t> words) {
+    return RunEntry(k1KSend, args, words);
 }
-int32_t Xmodem1KReceive(XferPort *p, char *n, XferStatusFn s, XferProgressFn g,
-                        std::span<const int32_t> o) {
-    return Run(k1KReceive, p, n, s, g, o);
+int32_t Xmodem1KReceiveEntry(const EntryArgs &args, std::span<const int32_t> words) {
+    return RunEntry(k1KReceive, args, words);
 }
-int32_t YmodemSend(XferPort *p, char *n, XferStatusFn s, XferProgressFn g,
-                   std::span<const int32_t> o) {
-    return Run(kYmodemSend, p, n, s, g, o);
+int32_t YmodemSendEntry(const EntryArgs &args, std::span<const int32_t> words) {
+    return RunEntry(kYmodemSend, args, words);
 }
-int32_t YmodemReceive(XferPort *p, XferStatusFn s, XferProgressFn g, std::span<const int32_t> o) {
-    return Run(kYmodemReceive, p, nullptr, s, g, o);
+int32_t YmodemReceiveEntry(const EntryArgs &args, std::span<const int32_t> words) {
+    return RunEntry(kYmodemReceive, args, words);
 }
 
-} // namespace zvxfer
+} // namespace zvxfer::xm
 
 // --- exported entries ---
 
-#define ZVXFER_VA_OPTIONS(last, call)                                                              \
-    va_list args;                                                                                  \
-    va_start(args, last);                                                                          \
-    const std::vector<int32_t> words = zvxfer::CollectOptionWords(args);                           \
-    va_end(args);                                                                                  \
-    return call
+namespace {
+
+int32_t WithWords(zvxfer::EntryFn entry, XferPort *port, char *name, XferStatusFn status,
+                  XferProgressFn progress, va_list options) noexcept {
+    return zvxfer::CallWithOptionWords(entry, {port, name, status, progress}, options);
+}
+
+} // namespace
+
+#define ZVXFER_VA_ENTRY(entry, name)                                                               \
+    va_list options;                                                                               \
+    va_start(options, progress);                                                                   \
+    const int32_t result = WithWords(entry, port, name, status, progress, options);                \
+    va_end(options);                                                                               \
+    return result
 
 extern "C" {
 
 ZVXFER_EXTERN int32_t XmodemSendWithOptions(XferPort *port, char *names, XferStatusFn status,
-                                            XferProgressFn progress, ...) {
-    ZVXFER_VA_OPTIONS(progress, zvxfer::XmodemSend(port, names, status, progress, words));
+                                            XferProgressFn progress, ...) ZVXFER_NOEXCEPT {
+    ZVXFER_VA_ENTRY(zvxfer::xm::XmodemSendEntry, names);
 }
 ZVXFER_EXTERN int32_t XmodemReceiveWithOptions(XferPort *port, char *fileName, XferStatusFn status,
-                                               XferProgressFn progress, ...) {
-    ZVXFER_VA_OPTIONS(progress, zvxfer::XmodemReceive(port, fileName, status, progress, words));
+                                               XferProgressFn progress, ...) ZVXFER_NOEXCEPT {
+    ZVXFER_VA_ENTRY(zvxfer::xm::XmodemReceiveEntry, fileName);
 }
 ZVXFER_EXTERN int32_t Xmodem1KSendWithOptions(XferPort *port, char *names, XferStatusFn status,
-                                              XferProgressFn progress, ...) {
-    ZVXFER_VA_OPTIONS(progress, zvxfer::Xmodem1KSend(port, names, status, progress, words));
+                                              XferProgressFn progress, ...) ZVXFER_NOEXCEPT {
+    ZVXFER_VA_ENTRY(zvxfer::xm::Xmodem1KSendEntry, names);
 }
 ZVXFER_EXTERN int32_t Xmodem1KReceiveWithOptions(XferPort *port, char *fileName,
                                                  XferStatusFn status, XferProgressFn progress,
-                                                 ...) {
-    ZVXFER_VA_OPTIONS(progress, zvxfer::Xmodem1KReceive(port, fileName, status, progress, words));
+                                                 ...) ZVXFER_NOEXCEPT {
+    ZVXFER_VA_ENTRY(zvxfer::xm::Xmodem1KReceiveEntry, fileName);
 }
 ZVXFER_EXTERN int32_t YmodemSendWithOptions(XferPort *port, char *names, XferStatusFn status,
-                                            XferProgressFn progress, ...) {
-    ZVXFER_VA_OPTIONS(progress, zvxfer::YmodemSend(port, names, status, progress, words));
+                                            XferProgressFn progress, ...) ZVXFER_NOEXCEPT {
+    ZVXFER_VA_ENTRY(zvxfer::xm::YmodemSendEntry, names);
 }
 ZVXFER_EXTERN int32_t YmodemReceiveWithOptions(XferPort *port, XferStatusFn status,
-                                               XferProgressFn progress, ...) {
-    ZVXFER_VA_OPTIONS(progress, zvxfer::YmodemReceive(port, status, progress, words));
+                                               XferProgressFn progress, ...) ZVXFER_NOEXCEPT {
+    ZVXFER_VA_ENTRY(zvxfer::xm::YmodemReceiveEntry, nullptr);
 }
 
 } // extern "C"

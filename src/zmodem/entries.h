@@ -1,26 +1,14 @@
-// The ZMODEM entries with their option words already collected, for the
-// exported variadic entries and for the generic entries.
+// What the two ZMODEM entries share: the record's defaults and the effect
+// of every ZMODEM option word.  Each entry's own table decides which codes
+// reach here (anything else refuses the call before this runs).
 #pragma once
-#include <cstdint>
-#include <span>
-#include <vector>
+#include "core/entry.h"
 
-#include "core/options.h"
+namespace zvxfer::zm {
 
-#include "zvxfer.h"
+// The error limit both directions start from.
+void InitEntry(EntryFrame &frame, const EntryArgs &args);
+// The effect of an accepted ZMODEM code (the shared ones aside).
+void ApplyOption(EntryFrame &frame, const Option &option);
 
-namespace zvxfer {
-
-int32_t ZmodemSendOptions(XferPort *port, char *names, XferStatusFn status, XferProgressFn progress,
-                          std::span<const int32_t> options);
-int32_t ZmodemReceiveOptions(XferPort *port, XferStatusFn status, XferProgressFn progress,
-                             std::span<const int32_t> options);
-
-// The record both entries start from: protocol, port, callbacks, abort
-// key, unknown file time, names without folders, the error limit.
-void ZmInitRecord(XferRecord &r, XferPort *port, XferStatusFn status, XferProgressFn progress);
-// Apply the option words an entry accepted; true when 1009 asks the send
-// list to search subfolders too.
-bool ZmApplyOptions(XferRecord &r, const std::vector<Option> &options);
-
-} // namespace zvxfer
+} // namespace zvxfer::zm

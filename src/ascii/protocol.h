@@ -1,0 +1,32 @@
+// What the core knows of ASCII upload and capture: a buffer for one line,
+// nothing sent after a failure, and files named by the host.  Its entries
+// are not built yet, so the generic entries refuse the protocol.
+#pragma once
+#include "core/options.h"
+#include "core/protocol.h"
+
+namespace zvxfer::ascii {
+
+inline constexpr int32_t kSlots[] = {XferOptFlag1006, XferOptAbortKey, XferOptSubfolders,
+                                     XferOptReleaseHookBuffer};
+
+inline constexpr ProtocolInfo kAsciiProtocol{
+    .number = Ascii,
+    .name = "ASCII",
+    .bufferSize = 128,
+    .onFailure = FailureSignal::Nothing,
+    .abortPostsStatus = true,
+    .endsAbortedTransfer = false,
+    .openCountsSentFiles = true,
+    .skipReport = SkipReport::CountAsReceived,
+    .receiverOwnsFileName = false,
+    .namesFromLine = false,
+    .setDefaults = nullptr,
+    .releaseState = nullptr,
+    .send = nullptr,
+    .receive = nullptr,
+    .sendSlots = kSlots,
+    .receiveSlots = kSlots,
+};
+
+} // namespace zvxfer::ascii
