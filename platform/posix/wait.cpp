@@ -1,7 +1,8 @@
 // Taking messages and waiting for input on the calling thread: peek, get,
 // the wait on the thread's eventfd plus its watched descriptors (with the
 // hosts' prepare callbacks before it sleeps, and a short spin when waits
-// have been short), and the registration of descriptors and callbacks.
+// have been short; or, under a test clock that passes time itself, a look
+// without sleeping), and the registration of descriptors and callbacks.
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -10,6 +11,7 @@
 #include <sched.h>
 
 #include "platform/message.h"
+#include "platform/tick.h"
 #include "thread_queue.h"
 
 using zvxfer::plat::detail::CurrentQueue;
@@ -67,8 +69,12 @@ enum class Until { AnyInput, NewInput };
 // Sleep on the wake-up descriptor (and, with `withWatched`, the watched
 // ones) until input, or `timeoutMs` of real time has passed.  Sent messages
 // are handled on the way and count as input.  With Until::NewInput,
-// messages queued before the call do not count; a wake-up does.
+// messages queued before the call do not count; a wake-up does.  With a
+// time passer installed, a limited wait only looks: when nothing is there
+// it hands the whole time to the passer instead of sleeping it.
 bool Wait(ThreadQueue &q, uint32_t timeoutMs, bool withWatched, Until until = Until::AnyInput) {
+    const zvxfer::plat::TimePasser passer =
+        timeoutMs == kInfinite ? nullptr : zvxfer::plat::CurrentTimePasser();
     const int64_t deadline = timeoutMs == kInfinite ? 0 : NowMs() + timeoutMs;
     std::array<pollfd, kMaxWatchedFds + 1> fds{};
     for (;;) {
@@ -85,9 +91,13 @@ bool Wait(ThreadQueue &q, uint32_t timeoutMs, bool withWatched, Until until = Un
         if (withWatched) {
             for (const auto &w : q.watched) fds[count++] = pollfd{w.fd, w.events, 0};
         }
-        const int n = PollAdvised(q, fds.data(), count, waitMs);
+        const int n = passer != nullptr ? poll(fds.data(), count, 0)
+                                        : PollAdvised(q, fds.data(), count, waitMs);
         if (n < 0 && errno != EINTR) return false;
-        if (n == 0) return false;
+        if (n == 0) {
+            if (passer != nullptr) passer(timeoutMs);
+            return false;
+        }
         if (n < 0) continue;
         for (nfds_t i = 1; i < count; ++i) {
             if (fds[i].revents != 0) return true;
