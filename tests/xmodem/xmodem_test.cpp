@@ -1,6 +1,7 @@
 // XMODEM and YMODEM: the block codecs; exchanges with a scripted peer, whose
 // bytes are queued in a test host up front while everything our side writes
-// is compared byte for byte (a scaled clock lets the waits pass quickly);
+// is compared byte for byte (on a sleepless clock the waits pass at once,
+// and the time-outs are met to the millisecond);
 // every variant against itself over the link simulator, clean and noisy.
 #include <algorithm>
 #include <fcntl.h>
@@ -20,6 +21,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 using test::StatusLines;
+using V = std::vector<uint32_t>; // values taken in order, checked at once
 constexpr uint8_t ACK = 0x06, NAK = 0x15, EOT = 0x04, CAN = 0x18;
 
 Bytes Pattern(std::size_t n, uint8_t seed = 1) {
@@ -93,7 +95,10 @@ TEST(XmodemCodec, Crc16ChecksumAndBlock0Limits) {
 
 class Scripted : public ::testing::Test {
   protected:
-    void SetUp() override { Open(tree_.Folder()); }
+    void SetUp() override {
+        host_.UseClock([this] { return clock_.Now(); });
+        Open(tree_.Folder());
+    }
     void TearDown() override { port_->Ops.PortClose(port_); }
     void Open(const std::string &folder) {
         if (port_) port_->Ops.PortClose(port_);
@@ -102,7 +107,30 @@ class Scripted : public ::testing::Test {
         ASSERT_NE(port_, nullptr);
     }
 
-    test::FakeClock clock_{test::FakeClock::Scaled{1000}};
+    // A peer that answers with `bytes` `delayMs` after our side has written
+    // `afterBytes` bytes in all, one step after the other.
+    struct Step {
+        std::size_t afterBytes;
+        uint32_t delayMs;
+        Bytes bytes;
+    };
+    void Script(std::vector<Step> steps) {
+        steps_ = std::move(steps);
+        next_ = 0;
+        host_.OnRequest([this](test::TestHost &h, uintptr_t request) {
+            const std::vector<uint32_t> times = h.WriteTimes();
+            for (; request == PORT_READ && next_ < steps_.size(); ++next_) {
+                const Step &step = steps_[next_];
+                if (times.size() < step.afterBytes) return;
+                const uint32_t from = step.afterBytes == 0 ? h.Now() : times[step.afterBytes - 1];
+                h.ReceiveAt(from + step.delayMs, step.bytes);
+            }
+        });
+    }
+    std::vector<Step> steps_;
+    std::size_t next_ = 0;
+
+    test::FakeClock clock_{test::FakeClock::kSleepless};
     test::TempTree tree_;
     std::string folder_;
     test::TestHost host_;
@@ -175,6 +203,53 @@ TEST_F(Scripted, XmodemExchanges) {
     check("rx unwritable", rx, 0, 0, {}, Cat({Block(1, one), Block(2, two), {EOT}}),
           Cat({{'C', ACK, ACK}, test::kCancelBytes}), XferErrFileIo);
     SetXferFileOpenFunctionPtr(nullptr);
+}
+
+// The receiver's header waits to the millisecond: 5 s for the first block
+// (then the start request again), 10 s for each one after (then a NAK).  A
+// block that comes as the wait ends is in time (a wait looks at the line
+// before the clock); a millisecond later the request went out exactly at
+// the limit.  The sender gives up after ten unanswered waits for the start,
+// each as long as its reply time-out (15 s unless an option says).
+TEST_F(Scripted, HeaderWaitsEndExactlyAtTheirLimits) {
+    const Bytes one = Pattern(128), two = Pattern(128, 9);
+    std::string name = tree_.Path("t.bin");
+    struct Case {
+        uint32_t first, second; // delays: block 1 after our 'C', block 2 after our ACK
+        Bytes written;
+    } const cases[] = {
+        {5000, 10000, {'C', ACK, ACK, ACK}},
+        {5001, 10001, {'C', 'C', ACK, NAK, ACK, ACK}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.first);
+        host_.ClearWritten();
+        const auto acked = static_cast<std::size_t>( // bytes up to our first ACK
+            std::find(c.written.begin(), c.written.end(), ACK) - c.written.begin() + 1);
+        Script({{1, c.first, Block(1, one)}, {acked, c.second, Cat({Block(2, two), {EOT}})}});
+        EXPECT_EQ(XmodemReceiveWithOptions(port_, name.data(), nullptr, nullptr, 0), 1);
+        EXPECT_EQ(host_.Written(), c.written);
+        EXPECT_EQ(ReadFile(name), Cat({one, two}));
+        if (c.first == 5000) continue;
+        const uint32_t ack = host_.WrittenAt(std::string(1, ACK));
+        EXPECT_EQ(V({host_.WrittenAt("C", 1) - host_.WrittenAt("C"),
+                     host_.WrittenAt(std::string(1, NAK)) - ack}),
+                  V({5000, 10000}));
+    }
+    host_.OnRequest(nullptr);
+
+    WriteFile(name, one);
+    std::string names = "\"" + name + "\"";
+    for (const int32_t replyMs : {0, 2000}) {
+        SCOPED_TRACE(replyMs);
+        host_.ClearWritten();
+        const uint32_t start = clock_.Now();
+        EXPECT_EQ(XmodemSendWithOptions(port_, names.data(), nullptr, nullptr,
+                                        replyMs ? XferOptSendTimeout : XferOptEnd, replyMs, 0),
+                  XferErrPacketTimeout);
+        EXPECT_EQ(host_.Written(), test::kCancelBytes);
+        EXPECT_EQ(host_.WrittenAt("\x18") - start, 10u * (replyMs ? replyMs : 15000));
+    }
 }
 
 // One batch both ways: block 0 before the file, an empty one at the end;
