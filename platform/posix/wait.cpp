@@ -75,7 +75,7 @@ enum class Until { AnyInput, NewInput };
 bool Wait(ThreadQueue &q, uint32_t timeoutMs, bool withWatched, Until until = Until::AnyInput) {
     const zvxfer::plat::TimePasser passer =
         timeoutMs == kInfinite ? nullptr : zvxfer::plat::CurrentTimePasser();
-    const int64_t deadline = timeoutMs == kInfinite ? 0 : NowMs() + timeoutMs;
+    const int64_t deadline = timeoutMs == kInfinite || passer != nullptr ? 0 : NowMs() + timeoutMs;
     std::array<pollfd, kMaxWatchedFds + 1> fds{};
     for (;;) {
         if (q.HandleSends()) return true;
@@ -84,15 +84,18 @@ bool Wait(ThreadQueue &q, uint32_t timeoutMs, bool withWatched, Until until = Un
         }
         RunPrepares(q);
         int waitMs = -1;
-        if (timeoutMs != kInfinite)
+        if (timeoutMs != kInfinite && passer == nullptr)
             waitMs = static_cast<int>(std::max<int64_t>(0, deadline - NowMs()));
         nfds_t count = 0;
         fds[count++] = pollfd{q.wakeFd, POLLIN, 0};
         if (withWatched) {
             for (const auto &w : q.watched) fds[count++] = pollfd{w.fd, w.events, 0};
         }
-        const int n = passer != nullptr ? poll(fds.data(), count, 0)
-                                        : PollAdvised(q, fds.data(), count, waitMs);
+        // Messages were looked at above: with a passer, the wake-up
+        // descriptor alone is not worth a look.
+        const int n = passer == nullptr ? PollAdvised(q, fds.data(), count, waitMs)
+                      : count > 1       ? poll(fds.data(), count, 0)
+                                        : 0;
         if (n < 0 && errno != EINTR) return false;
         if (n == 0) {
             if (passer != nullptr) passer(timeoutMs);

@@ -11,7 +11,7 @@ intptr_t TestHost::Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, 
     host->Locked([&] { ++host->messages_; });
     if (message != XferPortMessage || lParam == 0) return 0;
     // The hook runs without the lock so that it may use the setters.
-    if (RequestHook hook = host->Locked([&] { return host->hook_; })) hook(*host, wParam);
+    if (const auto hook = host->Get(host->hook_)) (*hook)(*host, wParam);
     auto &block = *reinterpret_cast<PortBlock *>(lParam);
     if (wParam == PORT_READ) host->AnswerRead(block);
     if (wParam == PORT_WRITE) host->AnswerWrite(block);

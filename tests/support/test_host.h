@@ -28,6 +28,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <span>
 #include <string>
@@ -125,7 +126,9 @@ class TestHost {
     // --- faults ---
     void SetReadError(bool lost) { Put(readError_, lost); }
     void SetWriteError(bool lost) { Put(writeError_, lost); }
-    void OnRequest(RequestHook hook) { Put(hook_, std::move(hook)); }
+    void OnRequest(RequestHook hook) {
+        Put(hook_, hook ? std::make_shared<const RequestHook>(std::move(hook)) : nullptr);
+    }
 
     // --- counters ---
     int ReadRequests() const { return Get(reads_); }
@@ -150,7 +153,7 @@ class TestHost {
     std::vector<uint8_t> written_;
     bool readError_ = false;
     bool writeError_ = false;
-    RequestHook hook_;
+    std::shared_ptr<const RequestHook> hook_; // shared: a request takes it without a copy
     int reads_ = 0;
     int writes_ = 0;
     int messages_ = 0;
