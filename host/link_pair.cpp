@@ -141,6 +141,7 @@ LinkPair::~LinkPair() {
 
 int32_t LinkPair::RunEnd(int index, const EndFunction &function) {
     const LinkEndConfig &cfg = index == 0 ? config_.a : config_.b;
+    if (config_.onEnd) config_.onEnd(index, true);
     int32_t result = PortGeneralError;
     {
         LinkEnd end(*this, index);
@@ -156,6 +157,7 @@ int32_t LinkPair::RunEnd(int index, const EndFunction &function) {
         lines_[index]->Close();
         Signal(dataEvent_[index]);
     }
+    if (config_.onEnd) config_.onEnd(index, false);
     return result;
 }
 

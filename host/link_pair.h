@@ -40,6 +40,10 @@ struct LinkConfig {
     // other end reads the rest and then sees the line lost.  Off by
     // default, like a serial line that stays up when one program exits.
     bool hangUpOnExit = false;
+    // Called on each end's thread as it begins (`running` true, before its
+    // port opens) and as it ends (false, after its hang-up): a scheduler
+    // that runs the ends in turns hooks in here.  Empty: not called.
+    std::function<void(int end, bool running)> onEnd;
     // Real-time limit for Run in milliseconds (0: none).  When it passes
     // the link is cancelled (see Cancel), which ends the ends' waits.
     uint32_t deadlineMs = 0;

@@ -1,5 +1,5 @@
 // The millisecond tick: CLOCK_MONOTONIC folded to 32 wrapping bits, or a
-// clock installed by tests.
+// clock installed by tests, and the time passer such a clock may install.
 #include "platform/tick.h"
 
 #include <atomic>
@@ -9,6 +9,7 @@ namespace zvxfer::plat {
 
 namespace {
 std::atomic<TickSource> gSource{nullptr};
+std::atomic<TimePasser> gPasser{nullptr};
 } // namespace
 
 uint32_t GetTickCount() {
@@ -21,6 +22,14 @@ uint32_t GetTickCount() {
 
 void SetTickSource(TickSource source) {
     gSource.store(source, std::memory_order_release);
+}
+
+void SetTimePasser(TimePasser passer) {
+    gPasser.store(passer, std::memory_order_release);
+}
+
+TimePasser CurrentTimePasser() {
+    return gPasser.load(std::memory_order_acquire);
 }
 
 } // namespace zvxfer::plat

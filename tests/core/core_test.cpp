@@ -84,7 +84,7 @@ struct Rec : ::testing::Test {
 };
 using CoreRecord = Rec<100>;  // clean-ups settle in a few rounds
 using Cleanup = Rec<50>;      // finer steps for the quiet-wait timings
-using PatientWrite = Rec<97>; // about 300 ms a retry round
+using PatientWrite = Rec<97>; // about 300 ms a retry round; limits: below
 
 TEST_F(CoreRecord, StatusLinesShowTheBareNameAndAreCutNotOverflowed) {
     // A 249-character name leaves room for a 6-character format, 250 do not:
@@ -238,24 +238,48 @@ TEST_F(PatientWrite, PartialWritesAreResentALostLineAnIdleStopOrAnAbortEndThem) 
               V({-1, -612, 1}));
 }
 
-TEST_F(PatientWrite, GivesUpAfterThirtySecondsForACharAndSixtyForABuffer) {
-    host.SetWriteLimit(0);
-    for (bool buffer : {false, true}) {
-        StatusLines().clear();
-        record.Result = 0;
-        const uint32_t start = clock.Now(), limit = buffer ? 60000 : 30000;
-        EXPECT_EQ(V({buffer ? XferWriteBuffer(&record, test::kCancelBytes.data(), 5)
-                            : XferWriteChar(&record, 'A'),
-                     record.Result}),
-                  V({-9, buffer ? -612 : -615}));
-        EXPECT_LT(clock.Now() - start - limit, 400u) << "not before the limit, and soon after";
-        // A countdown line every five seconds down to 0, then notice 28295.
-        const std::string last =
-            buffer ? "0 sec to complete WriteBuffer" : "0 sec left to WriteChar";
-        EXPECT_EQ(V({CountStatus(last.substr(2), 0), CountStatus(" " + last), CountStatus("", 1),
-                     StatusLines().back()[0] == '1'}),
-                  V({int32_t(limit / 5000), 1, 1, 1}));
+// The patient writers' limits to the millisecond, on a sleepless clock
+// where only their own pauses move time: a port that takes the byte as the
+// limit ends is in time (a try comes before the clock is read); one that
+// takes it a millisecond later is not.  A countdown line every five seconds
+// down to 0 either way; notice 28295 only when the time is up.
+TEST(PatientWriteLimit, ThirtySecondsForACharAndSixtyForABufferExactly) {
+    test::FakeClock clock(test::FakeClock::kSleepless, 0xFFFF0000u); // deadlines cross the wrap
+    test::TestHost host;
+    XferPort *port = PortOpen(0, host.Window(), "/tmp/", XFER_EXISTING_OVERWRITE);
+    ASSERT_NE(port, nullptr);
+    for (const bool buffer : {false, true}) {
+        const uint32_t limit = buffer ? 60000 : 30000;
+        for (const uint32_t freeAt : {limit, limit + 1}) {
+            SCOPED_TRACE(std::to_string(limit) + " free at " + std::to_string(freeAt));
+            XferRecord record{};
+            record.Port = port;
+            record.File = XFER_INVALID_FILE;
+            record.Protocol = Ascii;
+            record.StatusCallback = &test::CollectStatus;
+            StatusLines().clear();
+            host.ClearWritten();
+            const uint32_t start = clock.Now();
+            host.OnRequest([&](test::TestHost &h, uintptr_t) {
+                h.SetWriteLimit(clock.Now() - start >= freeAt ? SIZE_MAX : 0);
+            });
+            const bool late = freeAt > limit;
+            const int32_t failure = buffer ? -612 : -615, bytes = buffer ? 5 : 1;
+            EXPECT_EQ(V({buffer ? XferWriteBuffer(&record, test::kCancelBytes.data(), 5)
+                                : XferWriteChar(&record, 'A'),
+                         record.Result, int32_t(host.Written().size())}),
+                      late ? V({-9, failure, 0}) : V({0, 0, bytes}));
+            EXPECT_EQ(clock.Now() - start, limit);
+            const std::string last =
+                buffer ? "0 sec to complete WriteBuffer" : "0 sec left to WriteChar";
+            EXPECT_EQ(
+                V({CountStatus(last.substr(2), 0), CountStatus(" " + last), CountStatus("", 1)}),
+                V({int32_t(limit / 5000), 1, late}));
+            host.OnRequest(nullptr);
+        }
     }
+    host.SetWriteLimit(SIZE_MAX);
+    port->Ops.PortClose(port);
 }
 
 std::string FreeName(const std::string &name, std::size_t extra = kFreeNameRoom + 1) {

@@ -11,7 +11,7 @@ intptr_t TestHost::Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, 
     host->Locked([&] { ++host->messages_; });
     if (message != XferPortMessage || lParam == 0) return 0;
     // The hook runs without the lock so that it may use the setters.
-    if (RequestHook hook = host->Locked([&] { return host->hook_; })) hook(*host, wParam);
+    if (const auto hook = host->Get(host->hook_)) (*hook)(*host, wParam);
     auto &block = *reinterpret_cast<PortBlock *>(lParam);
     if (wParam == PORT_READ) host->AnswerRead(block);
     if (wParam == PORT_WRITE) host->AnswerWrite(block);
@@ -23,6 +23,12 @@ intptr_t TestHost::Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, 
 void TestHost::AnswerRead(PortBlock &block) {
     std::lock_guard lock(mutex_);
     ++reads_;
+    while (!scheduled_.empty() && clock_ &&
+           static_cast<int32_t>(clock_() - scheduled_.front().first) >= 0) {
+        const std::string &due = scheduled_.front().second;
+        incoming_.insert(incoming_.end(), due.begin(), due.end());
+        scheduled_.pop_front();
+    }
     const auto n = static_cast<std::ptrdiff_t>(
         chunkSize_ != 0 ? std::min(incoming_.size(), chunkSize_) : incoming_.size());
     chunk_.assign(incoming_.begin(), incoming_.begin() + n);
@@ -41,11 +47,25 @@ void TestHost::AnswerWrite(PortBlock &block) {
     block.Error = writeError_ ? 1 : 0;
     if (writeError_) return;
     written_.insert(written_.end(), block.Data, block.Data + accepted);
+    if (clock_) writeTimes_.insert(writeTimes_.end(), accepted, clock_());
     block.Length = static_cast<uint32_t>(accepted);
 }
 
 void TestHost::Receive(std::span<const uint8_t> bytes) {
     Locked([&] { incoming_.insert(incoming_.end(), bytes.begin(), bytes.end()); });
+}
+
+void TestHost::ReceiveAt(uint32_t tick, std::string_view text) {
+    Locked([&] { scheduled_.emplace_back(tick, std::string(text)); });
+}
+
+uint32_t TestHost::WrittenAt(std::string_view bytes, int nth) const {
+    std::lock_guard lock(mutex_);
+    const std::string_view all(reinterpret_cast<const char *>(written_.data()), written_.size());
+    std::size_t at = all.find(bytes);
+    for (; at != std::string_view::npos && nth > 0; --nth) at = all.find(bytes, at + 1);
+    if (at == std::string_view::npos || at >= writeTimes_.size()) return UINT32_MAX;
+    return writeTimes_[at];
 }
 
 } // namespace zvxfer::test

@@ -9,6 +9,11 @@
 //   ... run the code under test ...
 //   EXPECT_EQ(host.WrittenString(), "C");  // everything the port wrote
 //
+// Given a clock (UseClock), it also hands bytes over at a set time
+// (ReceiveAt) and notes the time each written byte was accepted
+// (WriteTimes), so that a test on a sleepless clock can say exactly when
+// something happened on the line.
+//
 // Faults on request: accept only part of each write (or nothing, which the
 // port reports as -9), set the Error flag on reads or writes (a lost
 // connection), run a callback on every request (to feed bytes as a peer
@@ -23,11 +28,13 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "zvxfer.h"
@@ -73,6 +80,13 @@ class TestHost {
     void Receive(std::string_view text) {
         Receive(std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size()));
     }
+    // Bytes that PORT_READ hands over once the clock has reached `tick`
+    // (after the bytes received before them).  Needs UseClock.
+    void ReceiveAt(uint32_t tick, std::string_view text);
+    void ReceiveAt(uint32_t tick, std::span<const uint8_t> bytes) {
+        ReceiveAt(tick,
+                  std::string_view(reinterpret_cast<const char *>(bytes.data()), bytes.size()));
+    }
     // Largest number of bytes handed over per PORT_READ (0: all there are).
     void SetChunkSize(std::size_t bytes) { Put(chunkSize_, bytes); }
     // Bytes received but not yet handed over.
@@ -90,12 +104,31 @@ class TestHost {
         const std::vector<uint8_t> w = Written();
         return std::string(w.begin(), w.end());
     }
-    void ClearWritten() { Put(written_, {}); }
+    void ClearWritten() {
+        Locked([&] { written_.clear(), writeTimes_.clear(); });
+    }
+    // With UseClock: the clock's reading when each written byte was taken.
+    std::vector<uint32_t> WriteTimes() const { return Get(writeTimes_); }
+    // The time the first byte of the `nth` (0-based) occurrence of `bytes`
+    // in what was written was taken; UINT32_MAX when there is none.
+    uint32_t WrittenAt(std::string_view bytes, int nth = 0) const;
+
+    // --- time ---
+    // A clock read (without side effects) for ReceiveAt and WriteTimes.
+    using Clock = std::function<uint32_t()>;
+    void UseClock(Clock clock) { Put(clock_, std::move(clock)); }
+    // The clock's reading now (0 without a clock).
+    uint32_t Now() const {
+        const Clock clock = Get(clock_);
+        return clock ? clock() : 0;
+    }
 
     // --- faults ---
     void SetReadError(bool lost) { Put(readError_, lost); }
     void SetWriteError(bool lost) { Put(writeError_, lost); }
-    void OnRequest(RequestHook hook) { Put(hook_, std::move(hook)); }
+    void OnRequest(RequestHook hook) {
+        Put(hook_, hook ? std::make_shared<const RequestHook>(std::move(hook)) : nullptr);
+    }
 
     // --- counters ---
     int ReadRequests() const { return Get(reads_); }
@@ -109,15 +142,18 @@ class TestHost {
 
     ZvHwnd window_ = nullptr;
     mutable std::mutex mutex_;
-    std::deque<uint8_t> incoming_; // received, not yet handed over
-    std::vector<uint8_t> chunk_;   // the block the port is reading from
+    std::deque<uint8_t> incoming_;                           // received, not yet handed over
+    std::deque<std::pair<uint32_t, std::string>> scheduled_; // by ReceiveAt, in order
+    Clock clock_;
+    std::vector<uint32_t> writeTimes_;
+    std::vector<uint8_t> chunk_; // the block the port is reading from
     std::size_t chunkSize_ = 0;
     std::size_t writeLimit_ = SIZE_MAX;
     int refuseWrites_ = 0;
     std::vector<uint8_t> written_;
     bool readError_ = false;
     bool writeError_ = false;
-    RequestHook hook_;
+    std::shared_ptr<const RequestHook> hook_; // shared: a request takes it without a copy
     int reads_ = 0;
     int writes_ = 0;
     int messages_ = 0;

@@ -95,13 +95,46 @@ TEST_F(ZmodemReceiver, DamageAndWrongPositionsAreAskedForAgainWhileAppending) {
     EXPECT_EQ(CountStatus("silence after noise") + CountStatus("No response for"), 0); // at once
 }
 
-// A sender that never heard our ZRPOS: after ten silent seconds it is said
-// again, once; silence after that too ends the transfer with -619 and the
-// cancel string.
+// A sender that never heard our ZRPOS, to the millisecond: data that comes
+// as the tenth silent second ends is in time (a wait looks at the line
+// before the clock); a millisecond later the position has been said again,
+// exactly 10 s after the first time, once; ten more silent seconds end the
+// transfer with -619 and the cancel string.
 TEST_F(ZmodemReceiver, ALostPositionIsSaidAgainOnceAfterTenSilentSeconds) {
-    peer_.On(kRinit, ZFile("never.bin", 3, "0"));
-    EXPECT_EQ(Receive(), XferErrNoFilesSent);
-    EXPECT_EQ(host_.Written(), Cat(kRinit, Rpos(0), Rpos(0), kCancelBytes));
+    const Bytes data = Cat(ZData(0, {{Str("abc"), zm::ZCRCE}}), ZEof(3));
+    const std::string rpos = [] {
+        const Bytes r = Rpos(0);
+        return std::string(r.begin(), r.end());
+    }();
+    struct Case {
+        uint32_t delayMs; // from our ZRPOS to the data; 0: never
+        Bytes written;
+        int32_t result;
+    } const cases[] = {
+        {10000, Cat(kRinit, Rpos(0), kRinit, Hex(zm::ZFIN)), 1},
+        {10001, Cat(kRinit, Rpos(0), Rpos(0), kRinit, Hex(zm::ZFIN)), 1},
+        {0, Cat(kRinit, Rpos(0), Rpos(0), kCancelBytes), XferErrNoFilesSent},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.delayMs);
+        TestHost host;
+        host.UseClock([this] { return clock_.Now(); });
+        ScriptedPeer peer(host);
+        peer.On(kRinit, ZFile("late.bin", 3, "0"));
+        if (c.delayMs != 0) peer.OnAfter(c.delayMs, Rpos(0), data);
+        peer.On(kRinit, kFin);
+        XferPort *port = PortOpen(0, host.Window(), folder_.c_str(), XFER_EXISTING_OVERWRITE);
+        ASSERT_NE(port, nullptr);
+        EXPECT_EQ(ZmodemReceiveWithOptions(port, nullptr, nullptr, 0), c.result);
+        port->Ops.PortClose(port);
+        EXPECT_EQ(host.Written(), c.written);
+        if (c.delayMs == 10000) continue;
+        const uint32_t first = host.WrittenAt(rpos), again = host.WrittenAt(rpos, 1);
+        EXPECT_EQ(again - first, 10000u);
+        if (c.delayMs == 0) {
+            EXPECT_EQ(host.WrittenAt("\x18\x18\x18") - again, 10000u);
+        }
+    }
 }
 
 // A host whose abort hook answers with a positive value ends the transfer

@@ -55,7 +55,8 @@ inline Bytes Hex(int type, int32_t position = 0) {
 // Plays the other side from a script: each step waits until our side has
 // written its trigger (after what earlier steps matched) and, for an idle
 // step, until it also waits (two reads with nothing written between), then
-// puts its response on the line.  Runs inside the host's read requests.
+// puts its response on the line (at once, or a set time after it saw the
+// trigger).  Runs inside the host's read requests.
 class ScriptedPeer {
   public:
     explicit ScriptedPeer(TestHost &host) : host_(host) {
@@ -64,7 +65,11 @@ class ScriptedPeer {
     ~ScriptedPeer() { host_.OnRequest(nullptr); }
 
     void On(Bytes trigger, Bytes response, bool idle = false) {
-        steps_.emplace_back(std::move(trigger), std::move(response), idle);
+        steps_.emplace_back(std::move(trigger), std::move(response), idle, 0);
+    }
+    // The response comes `delayMs` after the trigger was written.
+    void OnAfter(uint32_t delayMs, Bytes trigger, Bytes response) {
+        steps_.emplace_back(std::move(trigger), std::move(response), false, delayMs);
     }
     std::size_t Pending() const { return steps_.size() - next_; }
     std::vector<std::size_t> idleAt; // bytes written when each idle step answered
@@ -77,34 +82,37 @@ class ScriptedPeer {
         if (request != PORT_READ) return;
         idleReads_ = fresh ? 0 : idleReads_ + 1;
         for (; next_ < steps_.size(); ++next_) {
-            const auto &[trigger, response, idle] = steps_[next_];
+            const auto &[trigger, response, idle, delayMs] = steps_[next_];
             const auto from = written.begin() + static_cast<long>(std::min(matched_, seen_));
             const auto at = std::search(from, written.end(), trigger.begin(), trigger.end());
             if ((at == written.end() && !trigger.empty()) || (idle && idleReads_ < 2)) return;
             if (idle) idleAt.push_back(seen_);
             matched_ = static_cast<std::size_t>(at - written.begin()) + trigger.size();
-            h.Receive(response);
+            if (delayMs == 0) h.Receive(response);
+            if (delayMs != 0) h.ReceiveAt(h.Now() + delayMs, response);
         }
     }
 
     TestHost &host_;
-    std::vector<std::tuple<Bytes, Bytes, bool>> steps_; // trigger, response, idle
+    std::vector<std::tuple<Bytes, Bytes, bool, uint32_t>> steps_; // trigger, response, idle, delay
     std::size_t next_ = 0, matched_ = 0, seen_ = 0;
     int idleReads_ = 0;
 };
 
 // A port (existing files are overwritten) on a scripted line, a temporary
-// folder, and a clock running a thousand times faster than real time.
+// folder, and a sleepless clock: the library's waits move it on instead of
+// sleeping, and the host notes when each byte was written.
 class ZmodemScripted : public ::testing::Test {
   protected:
     void SetUp() override {
         StatusLines().clear();
+        host_.UseClock([this] { return clock_.Now(); });
         port_ = PortOpen(0, host_.Window(), folder_.c_str(), XFER_EXISTING_OVERWRITE);
         ASSERT_NE(port_, nullptr);
     }
     void TearDown() override { port_->Ops.PortClose(port_); }
 
-    FakeClock clock_{FakeClock::Scaled{1000}};
+    FakeClock clock_{FakeClock::kSleepless};
     TempTree tree_;
     const std::string folder_ = tree_.Folder();
     TestHost host_;
