@@ -7,6 +7,8 @@ namespace zvxfer::plat {
 
 constexpr uintptr_t kCurrentThreadPseudoHandle = static_cast<uintptr_t>(-2);
 
-inline uintptr_t GetCurrentThreadHandle() { return kCurrentThreadPseudoHandle; }
+inline uintptr_t GetCurrentThreadHandle() {
+    return kCurrentThreadPseudoHandle;
+}
 
 } // namespace zvxfer::plat

@@ -8,7 +8,9 @@ _Static_assert(offsetof(XferRecord, SendList) < offsetof(XferRecord, FileName), 
 _Static_assert(offsetof(XferRecord, ProtocolParam) > offsetof(XferRecord, Protocol), "field order");
 _Static_assert(XferErrFileEngine == -623 && PortPackingError == -42, "code values");
 
-static int32_t idle(XferPort *port) { return port ? 0 : -1; }
+static int32_t idle(XferPort *port) {
+    return port ? 0 : -1;
+}
 
 int zvxfer_header_compiles_as_c(void) {
     SetPortIdleFunctionPtr(idle);
