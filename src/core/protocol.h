@@ -41,36 +41,39 @@ enum class SkipReport : uint8_t {
     AskSenderToSkip, // MsgFileSkipped, and Result -620 until the next open
 };
 
+// Fields left out of a descriptor take the plain values below: a 1024-byte
+// buffer, nothing sent after a failure, the core's own handling of aborts,
+// skips and names, no entries.
 struct ProtocolInfo {
-    int32_t number;
-    const char *name;
-    std::size_t bufferSize; // Buffer that XferInit allocates
-    FailureSignal onFailure;
+    int32_t number = -1;
+    const char *name = "unknown";
+    std::size_t bufferSize = 1024; // Buffer that XferInit allocates
+    FailureSignal onFailure = FailureSignal::Nothing;
     // An abort the host's hook answered: whether the core posts MsgTransferCancelled,
     // and whether the engine ends the transfer itself (no clean-up by the
     // abort check).
-    bool abortPostsStatus;
-    bool endsAbortedTransfer;
+    bool abortPostsStatus = true;
+    bool endsAbortedTransfer = false;
     // Whether a sender's open counts the file (else the engine counts).
-    bool openCountsSentFiles;
-    SkipReport skipReport;
+    bool openCountsSentFiles = true;
+    SkipReport skipReport = SkipReport::CountAsReceived;
     // Whether a receiver's FileName is a heap block the clean-up releases.
-    bool receiverOwnsFileName;
+    bool receiverOwnsFileName = false;
     // Whether the receivers take file names from the line (and so place
     // them below the receive folder).
-    bool namesFromLine;
+    bool namesFromLine = false;
     // The protocol fields XferInit sets after the counters (null: keep what
     // the entry set).
-    void (*setDefaults)(XferRecord *record);
+    void (*setDefaults)(XferRecord *record) = nullptr;
     // Releases what the engine keeps beyond Buffer (null: nothing).
-    void (*releaseState)(XferRecord *record);
+    void (*releaseState)(XferRecord *record) = nullptr;
     // The entries the generic entries call (null: not offered, refused -7).
-    EntryFn send;
-    EntryFn receive;
+    EntryFn send = nullptr;
+    EntryFn receive = nullptr;
     // The option codes whose block slots the generic entries pass, in this
     // order; a value code brings its value slot right after it.
-    std::span<const int32_t> sendSlots;
-    std::span<const int32_t> receiveSlots;
+    std::span<const int32_t> sendSlots = {};
+    std::span<const int32_t> receiveSlots = {};
 };
 
 // The descriptor of a protocol number, or null when there is none.

@@ -21,20 +21,6 @@ constexpr const ProtocolInfo *kProtocols[] = {
 const ProtocolInfo kUnknownProtocol{
     .number = -1,
     .name = "unknown",
-    .bufferSize = 1024,
-    .onFailure = FailureSignal::Nothing,
-    .abortPostsStatus = true,
-    .endsAbortedTransfer = false,
-    .openCountsSentFiles = true,
-    .skipReport = SkipReport::CountAsReceived,
-    .receiverOwnsFileName = false,
-    .namesFromLine = false,
-    .setDefaults = nullptr,
-    .releaseState = nullptr,
-    .send = nullptr,
-    .receive = nullptr,
-    .sendSlots = {},
-    .receiveSlots = {},
 };
 
 const ProtocolInfo *FindProtocol(int32_t number) {

@@ -17,18 +17,8 @@ inline constexpr int32_t kReceiveSlots[] = {XferOptKermitTextMode, XferOptKermit
 inline constexpr ProtocolInfo kKermitProtocol{
     .number = Kermit,
     .name = "Kermit",
-    .bufferSize = 1024,
-    .onFailure = FailureSignal::Nothing,
-    .abortPostsStatus = true,
     .endsAbortedTransfer = true,
-    .openCountsSentFiles = true,
-    .skipReport = SkipReport::CountAsReceived,
-    .receiverOwnsFileName = false,
     .namesFromLine = true,
-    .setDefaults = nullptr,
-    .releaseState = nullptr,
-    .send = nullptr,
-    .receive = nullptr,
     .sendSlots = kSendSlots,
     .receiveSlots = kReceiveSlots,
 };

@@ -41,20 +41,9 @@ constexpr ProtocolInfo BlockProtocol(int32_t number, const char *name, bool stre
     return ProtocolInfo{
         .number = number,
         .name = name,
-        .bufferSize = 1024,
         .onFailure = streaming ? FailureSignal::Nothing : FailureSignal::CancelString,
-        .abortPostsStatus = true,
-        .endsAbortedTransfer = false,
-        .openCountsSentFiles = true,
-        .skipReport = SkipReport::CountAsReceived,
-        .receiverOwnsFileName = false,
         .namesFromLine = namesFromLine,
         .setDefaults = streaming ? nullptr : &SetBlockDefaults,
-        .releaseState = nullptr,
-        .send = nullptr,
-        .receive = nullptr,
-        .sendSlots = {},
-        .receiveSlots = {},
     };
 }
 

@@ -25,16 +25,12 @@ inline constexpr int32_t kReceiveSlots[] = {
 inline constexpr ProtocolInfo kZmodemProtocol{
     .number = Zmodem,
     .name = "ZMODEM",
-    .bufferSize = 1024,
     .onFailure = FailureSignal::PurgeThenCancel,
-    .abortPostsStatus = true,
-    .endsAbortedTransfer = false,
     .openCountsSentFiles = false, // the sender counts a file once the receiver takes it
     .skipReport = SkipReport::AskSenderToSkip,
     .receiverOwnsFileName = true,
     .namesFromLine = true,
     .setDefaults = &SetZmodemDefaults,
-    .releaseState = nullptr,
     .send = &ZmodemSendEntry,
     .receive = &ZmodemReceiveEntry,
     .sendSlots = kSendSlots,
