@@ -57,7 +57,7 @@ TEST(ProtocolTable, GenericEntriesPassTheDocumentedSlots) {
         {CompuServeBPlus, false, {4, 5, 6, 18, 19, 20, 21, 22, 23}, {4, 5, 6, 18, 19, 20, 21, 22, 23}},
         {Xmodem1KG, false, {}, {}},
         {YmodemG, false, {}, {}},
-        {Ascii, false, {4, 5, 6, 10, 22, 23}, {4, 5, 6, 10, 22, 23}},
+        {Ascii, true, {4, 5, 6, 10, 22, 23}, {4, 5, 6, 10, 22, 23, 12, 13}},
         // clang-format on
     };
     for (const auto &c : cases) {
