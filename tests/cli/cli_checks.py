@@ -731,6 +731,17 @@ def case_ascii_capture_ended_by_ctrl_c(z, work):
         os.remove(os.path.join(work, "cap.txt"))
 
 
+def case_ascii_send_without_a_matching_file_fails(z, work):
+    # Nothing goes on the line, and the failure names the code.
+    far = Far([z, "send", "-p", "ascii", os.path.join(work, "none*.txt")])
+    try:
+        out, rc = far.read(timeout=30)
+        err = far.stderr()
+    finally:
+        far.close()
+    check(rc == 1 and out == b"" and "transfer failed: -619" in err, "exit %d: %s" % (rc, err))
+
+
 def case_ascii_loopback_captures_the_files_in_order(z, work):
     a = make_file(work, "a.txt", 0, pattern=b"")
     with open(a, "wb") as f:
