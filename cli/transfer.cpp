@@ -45,7 +45,14 @@ void OnEcho(uint8_t byte) {
 }
 
 int32_t StatusLine(XferRecord *record, int32_t level, const char *text) {
-    if (t_reporter) t_reporter->Status(*record, level, text);
+    if (!t_reporter) return 0;
+    // A notice starts a line of its own, after the echo shown so far.
+    if (t_reporter->Shows(level)) ShowEcho(false);
+    if (t_echoMidLine && t_reporter->Shows(level)) {
+        std::fputc('\n', stderr);
+        t_echoMidLine = false;
+    }
+    t_reporter->Status(*record, level, text);
     return 0;
 }
 

@@ -731,6 +731,32 @@ def case_ascii_capture_ended_by_ctrl_c(z, work):
         os.remove(os.path.join(work, "cap.txt"))
 
 
+def case_ascii_echo_and_notices_keep_to_their_lines(z, work):
+    # An echo without a line end is followed by the next file's notice: the
+    # notice starts a line of its own, and so does the summary after an echo
+    # that never ended its line.  The sender takes in the echo right after
+    # each line; the far end answers well after that and well before the
+    # next line, so each answer is taken in after the following line.
+    names = [make_file(work, n, 7, pattern=n.encode()[:1] * 6 + b"\r") for n in "abc"]
+    far = Far([z, "send", "-p", "ascii", "-v", "--echo", "--line-delay", "1500"] + names)
+    try:
+        for line, answer in [(b"aaaaaa\r", b"ECHO-A"), (b"bbbbbb\r", b"\x1b[1mECHO-B"),
+                             (b"cccccc\r", None)]:
+            check(far.read(7) == line, "no line %r: %s" % (line, far.stderr()))
+            if answer:
+                time.sleep(0.5)
+                far.send(answer)
+        out, rc = far.read(timeout=30)
+        err = far.stderr().replace(work + "/", "")
+    finally:
+        far.close()
+    check(rc == 0 and out == b"", "exit %d, more on the line %r: %s" % (rc, out, err))
+    check(re.fullmatch(r"a : Opening file a\na \(7 B\)\nb : Opening file b\nb \(7 B\)\n"
+                       r"ECHO-A\nc : Opening file c\nc \(7 B\)\n"
+                       r"\\x1b\[1mECHO-B\nzvxfer: 3 files sent, .*\n", err),
+          "echo and notices mixed:\n" + err)
+
+
 def case_ascii_send_without_a_matching_file_fails(z, work):
     # Nothing goes on the line, and the failure names the code.
     far = Far([z, "send", "-p", "ascii", os.path.join(work, "none*.txt")])
