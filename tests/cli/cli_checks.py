@@ -757,6 +757,39 @@ def case_ascii_echo_and_notices_keep_to_their_lines(z, work):
           "echo and notices mixed:\n" + err)
 
 
+def case_ascii_echo_never_goes_back_onto_a_device_line(z, work):
+    # The line is a terminal device given with --line, and standard error is
+    # that same device: the echo is not shown there, even with --echo, so
+    # the far end sees nothing but the text.
+    path = make_file(work, "t.txt", 0, pattern=b"")
+    with open(path, "wb") as f:
+        f.write(b"one\rtwo\r")
+    master, slave = os.openpty()
+    zv = subprocess.Popen([z, "send", "-p", "ascii", "-q", "--echo", "--line-delay", "300",
+                           "--line", os.ttyname(slave), path], stdin=subprocess.DEVNULL,
+                          stdout=subprocess.DEVNULL, stderr=slave)
+    os.close(slave)
+    seen, end = b"", time.monotonic() + 30
+    try:
+        while zv.poll() is None or select.select([master], [], [], 0.3)[0]:
+            check(time.monotonic() < end, "zvxfer did not end; the line showed %r" % seen)
+            if select.select([master], [], [], 0.1)[0]:
+                try:
+                    chunk = os.read(master, 4096)
+                except OSError:
+                    break
+                seen += chunk
+                if chunk.startswith(b"one"):
+                    os.write(master, b"ECHO-ONE\r\n")
+    finally:
+        if zv.poll() is None:
+            zv.kill()
+        zv.wait()
+        os.close(master)
+    check(zv.returncode == 0 and seen == b"one\rtwo\r",
+          "exit %d, the line showed %r" % (zv.returncode, seen))
+
+
 def case_ascii_send_without_a_matching_file_fails(z, work):
     # Nothing goes on the line, and the failure names the code.
     far = Far([z, "send", "-p", "ascii", os.path.join(work, "none*.txt")])
