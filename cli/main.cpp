@@ -309,7 +309,8 @@ int Main(int argc, char **argv) {
     receive->add_flag("--remove-partial", common.removePartial,
                       "remove the file a failed receive left incomplete (default: keep it)");
     AddTextReceiveOptions(*receive, settings, text);
-    receive->add_option("FILE", settings.files, "file to write (XMODEM: required)")->expected(0, 1);
+    receive->add_option("FILE", settings.files, "file to write (XMODEM, ASCII: required)")
+        ->expected(0, 1);
 
     auto *loopback = app.add_subcommand(
         "loopback", "send files to ourselves over a simulated line and verify them");
