@@ -52,6 +52,23 @@ bool Verify(const fs::path &original, const fs::path &copy, const Protocol &prot
     return ok;
 }
 
+// A capture's verdict: it holds every original's bytes, one file after
+// the other in the order given, without the LF bytes when the sender left
+// them out.
+bool VerifyCapture(const std::vector<fs::path> &originals, const fs::path &capture, bool dropLf) {
+    std::vector<char> expected;
+    for (const fs::path &original : originals) {
+        const std::vector<char> bytes = ReadAll(original);
+        for (char c : bytes)
+            if (!dropLf || c != '\n') expected.push_back(c);
+    }
+    const bool ok = fs::exists(capture) && ReadAll(capture) == expected;
+    fmt::print(stderr, "{} {}  {} bytes, {} file{} in order{}\n", ok ? "ok    " : "FAILED",
+               capture.filename().string(), expected.size(), originals.size(),
+               originals.size() == 1 ? "" : "s", dropLf ? " without LF" : "");
+    return ok;
+}
+
 std::string FreshFolder() {
     std::string pattern = (fs::temp_directory_path() / "zvxfer-loopback-XXXXXX").string();
     return mkdtemp(pattern.data()) ? pattern : std::string();
@@ -78,7 +95,7 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
         }
         originals.emplace_back(f);
     }
-    if (!s.protocol.batch && originals.size() > 1) {
+    if (!s.protocol.batch && !s.protocol.text && originals.size() > 1) {
         fmt::print(stderr, "zvxfer: {} moves one file at a time\n", s.protocol.name);
         return 2;
     }
@@ -106,6 +123,11 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
     receiver.sending = false;
     receiver.folder = folder;
     if (!s.protocol.batch) receiver.files = {originals[0].filename().string()};
+    // The capture ends once the line has been quiet for longer than any gap
+    // the sender leaves: a line delay, and a round trip of the line.
+    if (s.protocol.text)
+        receiver.idleMs =
+            s.idleMs.value_or(static_cast<int32_t>(2000 + sender.lineDelayMs + 2 * s.latencyMs));
 
     const bool live = isatty(STDERR_FILENO) != 0;
     Reporter sendReport(verbosity == Verbosity::Verbose ? verbosity : Verbosity::Quiet, false,
@@ -123,17 +145,29 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
             return received.result;
         });
 
-    if (sent.result < 0 || received.result < 0) {
+    // A capture ends by silence.
+    const bool receivedOk =
+        received.result >= 0 || (s.protocol.text && received.result == XferErrCharTimeout);
+    if (sent.result < 0 || !receivedOk) {
         fmt::print(stderr, "zvxfer: loopback failed: send {}, receive {}\n",
                    DescribeResult(sent.result), DescribeResult(received.result));
         return 1;
     }
     bool all = true;
-    for (const fs::path &original : originals)
-        all = Verify(original, fs::path(folder) / original.filename(), s.protocol) && all;
+    if (s.protocol.text) {
+        all = VerifyCapture(originals, fs::path(folder) / receiver.files[0], sender.dropLf);
+    } else {
+        for (const fs::path &original : originals)
+            all = Verify(original, fs::path(folder) / original.filename(), s.protocol) && all;
+    }
     const double rate = received.seconds > 0 ? received.bytes / received.seconds : 0;
-    fmt::print(stderr, "zvxfer: {} of {} file(s) verified in {}; {} in {:.2f} s ({}/s)\n",
-               all ? originals.size() : 0, originals.size(), folder,
+    // A capture's time includes the silence that ended it.
+    const std::string what = s.protocol.text
+                                 ? fmt::format("capture of {} file(s) {}", originals.size(),
+                                               all ? "verified" : "differs")
+                                 : fmt::format("{} of {} file(s) verified",
+                                               all ? originals.size() : 0, originals.size());
+    fmt::print(stderr, "zvxfer: {} in {}; {} in {:.2f} s ({}/s)\n", what, folder,
                FormatBytes(static_cast<double>(received.bytes)), received.seconds,
                FormatBytes(rate));
     // What the line carried: the share of the forward bytes that were file

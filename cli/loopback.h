@@ -3,6 +3,7 @@
 #pragma once
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,9 @@ struct LoopbackSettings {
     uint32_t latencyMs = 0;
     double bitErrorRate = 0;
     uint64_t seed = 1;
-    std::string folder;           // where received files land (default: a fresh temporary folder)
-    TransferSettings sendOptions; // the sender's protocol options (ZMODEM window, ...)
+    std::string folder;            // where received files land (default: a fresh temporary folder)
+    TransferSettings sendOptions;  // the sender's protocol options (ZMODEM window, ...)
+    std::optional<int32_t> idleMs; // ASCII: the capture's silence (default: from the line)
 };
 
 void AddLoopbackOptions(CLI::App &cmd, LoopbackSettings &settings);

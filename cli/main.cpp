@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "line.h"
@@ -88,6 +89,96 @@ void AddZmodemSendOptions(CLI::App &cmd, TransferSettings &s) {
         ->check(CLI::Range(1, 1 << 30));
 }
 
+// Plain text's own options.  A capture's silence is -1 (no limit: it then
+// ends only by Ctrl-C) or 1 ms and more.
+struct TextOptions {
+    std::vector<CLI::Option *> all; // of every subcommand
+    CLI::Option *echo = nullptr;
+    CLI::Option *noEcho = nullptr;
+    bool echoOn = false, echoOff = false;
+
+    // True when one of them was given.
+    bool Any() const {
+        for (const CLI::Option *o : all)
+            if (o->count() > 0) return true;
+        return false;
+    }
+};
+
+const auto kIdleMs = CLI::Validator(
+    [](const std::string &text) -> std::string {
+        try {
+            std::size_t used = 0;
+            const long ms = std::stol(text, &used);
+            if (used == text.size() && (ms == -1 || (ms >= 1 && ms <= 86400000))) return {};
+        } catch (const std::exception &) {
+        }
+        return "the idle time is -1 (no limit) or 1 to 86400000 ms, not " + text;
+    },
+    "MS|-1");
+
+void AddTextSendOptions(CLI::App &cmd, TransferSettings &s, TextOptions &o) {
+    o.all.push_back(cmd.add_option("--line-delay", s.lineDelayMs,
+                                   "ASCII: pause after each line in milliseconds (default 0)")
+                        ->check(CLI::Range(0, 600000)));
+    o.all.push_back(
+        cmd.add_flag("--drop-lf", s.dropLf, "ASCII: leave out LF bytes (lines end in CR)"));
+}
+
+void AddTextReceiveOptions(CLI::App &cmd, TransferSettings &s, TextOptions &o) {
+    o.all.push_back(cmd.add_option("--idle", s.idleMs,
+                                   "ASCII: silence in milliseconds that ends the capture "
+                                   "(default 10000; -1: none, Ctrl-C ends it)")
+                        ->check(kIdleMs));
+    o.all.push_back(
+        cmd.add_flag("--drop-lf", s.dropLf, "ASCII: leave out the LF bytes that arrive"));
+}
+
+bool SameFile(int fd, const struct stat &other) {
+    struct stat st {};
+    return fstat(fd, &st) == 0 && st.st_dev == other.st_dev && st.st_ino == other.st_ino;
+}
+
+// Standard error is the line itself (2>&1 into the line, or the terminal
+// that is the line): the echo shown there would go back to the far end.
+bool StderrIsTheLine(const LineChoice &line) {
+    struct stat err {};
+    if (fstat(STDERR_FILENO, &err) != 0 || !line.tcp.empty()) return false;
+    if (!line.device.empty()) {
+        struct stat device {};
+        return stat(line.device.c_str(), &device) == 0 && SameFile(STDERR_FILENO, device);
+    }
+    return SameFile(STDIN_FILENO, err) || SameFile(STDOUT_FILENO, err);
+}
+
+// The echo of an upload is shown by default when standard error is a
+// terminal; --echo also sends it to a file or pipe, --no-echo never shows
+// it.  It never goes where it would travel back onto the line.
+bool ShowsEcho(const TextOptions &o, const LineChoice &line) {
+    if (StderrIsTheLine(line)) return false;
+    if (o.echoOn) return true;
+    if (o.echoOff) return false;
+    return isatty(STDERR_FILENO) != 0;
+}
+
+// The end of a capture.  Silence is its normal end; with no limit on the
+// silence Ctrl-C is, and the capture then counts as complete too.  Any
+// other end (a lost line, a file that cannot be written) is a failure.
+std::optional<int> ReportCapture(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
+    const bool noLimit = s.idleMs && *s.idleMs < 0;
+    std::string how;
+    if (o.result == XferErrCharTimeout)
+        how = fmt::format("after {} ms of silence", s.idleMs.value_or(10000));
+    else if (o.result == XferErrUserAbort && noLimit)
+        how = "by Ctrl-C";
+    else
+        return std::nullopt;
+    if (verbosity != Verbosity::Quiet)
+        fmt::print(stderr, "zvxfer: capture ended {}: {} byte{} captured in {:.1f} s\n", how,
+                   o.bytes, o.bytes == 1 ? "" : "s", o.seconds);
+    return kExitOk;
+}
+
 // The report after the transfer: a summary, or the result code and its text.
 int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
     if (o.result == PortInvalidParameter) {
@@ -95,6 +186,8 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
                    s.sending ? "send" : "receive");
         return kExitUsage;
     }
+    if (s.protocol.text && !s.sending)
+        if (const std::optional<int> status = ReportCapture(s, o, verbosity)) return *status;
     if (o.result < 0) {
         fmt::print(stderr, "zvxfer: transfer failed: {}\n", DescribeResult(o.result));
         return kExitFailed;
@@ -160,7 +253,8 @@ int RunOnLine(TransferSettings &s, const LineChoice &choice, Verbosity verbosity
         fmt::print(stderr, "zvxfer: cannot open a port\n");
         return kExitFailed;
     }
-    Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0);
+    // The echo is the upload's progress: no bar is drawn over it.
+    Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0 && !s.echo);
     ReceivedFiles files;
     host::LineHost *lineHost = line->host.get();
     const Outcome outcome = RunTransfer(
@@ -170,7 +264,7 @@ int RunOnLine(TransferSettings &s, const LineChoice &choice, Verbosity verbosity
     // terminal) before the summary goes to it.
     line.reset();
     const int status = Report(s, outcome, verbosity);
-    if (!s.sending && outcome.result < 0) ReportPartial(files, removePartial);
+    if (!s.sending && status != kExitOk) ReportPartial(files, removePartial);
     return status;
 }
 
@@ -184,12 +278,21 @@ int Main(int argc, char **argv) {
     LineChoice line;
     TransferSettings settings;
     LoopbackSettings loop;
+    TextOptions text;
 
     auto *send = app.add_subcommand("send", "send files over the line");
     AddCommon(*send, common);
     AddLine(*send, line);
     AddTransferOptions(*send, settings);
     AddZmodemSendOptions(*send, settings);
+    AddTextSendOptions(*send, settings, text);
+    text.echo = send->add_flag("--echo", text.echoOn,
+                               "ASCII: show the far end's echo on standard error "
+                               "(default: when it is a terminal)");
+    text.noEcho = send->add_flag("--no-echo", text.echoOff, "ASCII: do not show the far end's echo")
+                      ->excludes(text.echo);
+    text.all.push_back(text.echo);
+    text.all.push_back(text.noEcho);
     send->add_option("FILE", settings.files, "files to send (wildcards allowed)")->required();
 
     auto *receive = app.add_subcommand("receive", "receive files from the line");
@@ -205,13 +308,21 @@ int Main(int argc, char **argv) {
         ->transform(CLI::CheckedTransformer(policies, CLI::ignore_case));
     receive->add_flag("--remove-partial", common.removePartial,
                       "remove the file a failed receive left incomplete (default: keep it)");
-    receive->add_option("FILE", settings.files, "file to write (XMODEM: required)")->expected(0, 1);
+    AddTextReceiveOptions(*receive, settings, text);
+    receive->add_option("FILE", settings.files, "file to write (XMODEM, ASCII: required)")
+        ->expected(0, 1);
 
     auto *loopback = app.add_subcommand(
         "loopback", "send files to ourselves over a simulated line and verify them");
     AddCommon(*loopback, common);
     AddLoopbackOptions(*loopback, loop);
     AddZmodemSendOptions(*loopback, loop.sendOptions);
+    AddTextSendOptions(*loopback, loop.sendOptions, text);
+    text.all.push_back(loopback
+                           ->add_option("--idle", loop.idleMs,
+                                        "ASCII: silence that ends the capture (default: from "
+                                        "the line's latency and the line delay)")
+                           ->check(CLI::Range(1, 86400000)));
     loopback->add_option("FILE", loop.files, "files to send")->required();
 
     try {
@@ -228,12 +339,17 @@ int Main(int argc, char **argv) {
     std::signal(SIGINT, OnInterrupt); // Ctrl-C cancels the transfer properly
     InstallHooks();
 
+    if (!protocol.text && text.Any()) {
+        fmt::print(stderr, "zvxfer: an option given is not available for {}\n", protocol.name);
+        return kExitUsage;
+    }
     if (loopback->parsed()) {
         loop.protocol = protocol;
         return RunLoopback(loop, verbosity);
     }
     settings.protocol = protocol;
     settings.sending = send->parsed();
+    if (settings.sending && protocol.text) settings.echo = ShowsEcho(text, line);
     if (settings.sending && QuotedNames(settings.files).empty()) {
         fmt::print(stderr, "zvxfer: a file name cannot hold a double quote\n");
         return kExitUsage;

@@ -70,8 +70,7 @@ void Reporter::ClearBar() {
 // Notices and trace lines quote names and bytes from the line: shown
 // escaped, like every name.
 void Reporter::Status(const XferRecord &, int32_t level, const char *text) {
-    if (verbosity_ == Verbosity::Quiet) return;
-    if (level == 0 && verbosity_ != Verbosity::Verbose) return;
+    if (!Shows(level)) return;
     Line(ShownText(text ? text : ""));
 }
 

@@ -21,6 +21,10 @@ class Reporter {
     // False when no status line would be shown (the library then need not
     // format any).
     bool WantsStatus() const { return verbosity_ != Verbosity::Quiet; }
+    // True when a status line of this level is shown.
+    bool Shows(int32_t level) const {
+        return verbosity_ == Verbosity::Verbose || (level != 0 && WantsStatus());
+    }
     void Status(const XferRecord &record, int32_t level, const char *text);
     void Progress(const XferRecord &record);
     // End the current file's line; called once the transfer has returned.

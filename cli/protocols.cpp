@@ -41,6 +41,14 @@ int32_t RunZmodem(const EntryCall &c) {
                : ZmodemReceiveWithOptions(c.port, c.status, c.progress, ZVXFER_CLI_WORDS(c.words));
 }
 
+int32_t RunAscii(const EntryCall &c) {
+    const auto dropLf = static_cast<uint8_t>(c.dropLf ? 1 : 0);
+    return c.sending ? AsciiSendWithOptions(c.port, c.names, c.status, c.progress, c.echo, dropLf,
+                                            c.lineDelayMs, ZVXFER_CLI_WORDS(c.words))
+                     : AsciiReceiveWithOptions(c.port, c.file, c.status, c.progress, c.echo, dropLf,
+                                               ZVXFER_CLI_WORDS(c.words));
+}
+
 #undef ZVXFER_CLI_WORDS
 
 } // namespace
@@ -54,6 +62,7 @@ const std::vector<Protocol> &Protocols() {
         {"ymodem", Ymodem, false, true, true, "YMODEM batch with names, sizes and times", 0, RunYmodem},
         {"ymodem-g", Ymodem, true, true, true, "YMODEM streaming ('G')", 0, RunYmodem},
         {"zmodem", Zmodem, false, true, true, "ZMODEM streaming batch with restarts, CRC-32", 2048, RunZmodem},
+        {"ascii", Ascii, false, false, false, "plain text: paced lines out, capture until silence", 0, RunAscii, true},
         // clang-format on
     };
     return table;

@@ -19,6 +19,11 @@ struct EntryCall {
     XferProgressFn progress;
     // The option words, ended by 0 and padded with zeros to kEntryWords.
     const int32_t *words;
+    // Plain text: the far end's echo while sending, or every byte captured
+    // (nullptr: not wanted), LF bytes left out, the pause after each line.
+    XferCharFn echo = nullptr;
+    bool dropLf = false;
+    int32_t lineDelayMs = 0;
 };
 constexpr std::size_t kEntryWords = 16;
 
@@ -34,6 +39,10 @@ struct Protocol {
     std::size_t windowedSendFlushAt;
     // Calls the protocol's exported entry for the direction.
     int32_t (*run)(const EntryCall &call);
+    // Plain text without a protocol: an upload of paced lines, and a
+    // capture of everything into one file that ends when the line falls
+    // silent.
+    bool text = false;
 };
 
 // Every protocol the library can run, in the order --help lists them.

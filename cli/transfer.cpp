@@ -1,7 +1,10 @@
 // Running one transfer for the zvxfer program through the generic entries.
 #include "transfer.h"
 
+#include <cstdio>
 #include <utility>
+
+#include "echo_text.h"
 
 namespace zvxfer::cli {
 
@@ -14,13 +17,47 @@ namespace {
 thread_local Reporter *t_reporter = nullptr;
 thread_local const std::function<bool()> *t_lineLost = nullptr;
 thread_local ReceivedFiles *t_files = nullptr;
+thread_local EchoText *t_echo = nullptr;
+thread_local bool t_echoMidLine = false; // the last echo shown did not end a line
+
+// The echo goes out a line at a time, and whatever is pending at each
+// abort check (the library makes one before it takes in the echo after a
+// line and while it waits), so a prompt without a line end shows too.
+// At the end an unfinished echo line is ended, so that the summary starts
+// a line of its own.
+void ShowEcho(bool final) {
+    if (!t_echo) return;
+    std::string shown = t_echo->Take(final);
+    if (!shown.empty()) t_echoMidLine = shown.back() != '\n';
+    if (final && t_echoMidLine) {
+        shown += '\n';
+        t_echoMidLine = false;
+    }
+    if (shown.empty()) return;
+    std::fwrite(shown.data(), 1, shown.size(), stderr);
+    std::fflush(stderr);
+}
+
+void OnEcho(uint8_t byte) {
+    if (!t_echo) return;
+    t_echo->Add(byte);
+    if (byte == '\n' || byte == '\r') ShowEcho(false);
+}
 
 int32_t StatusLine(XferRecord *record, int32_t level, const char *text) {
-    if (t_reporter) t_reporter->Status(*record, level, text);
+    if (!t_reporter) return 0;
+    // A notice starts a line of its own, after the echo shown so far.
+    if (t_reporter->Shows(level)) ShowEcho(false);
+    if (t_echoMidLine && t_reporter->Shows(level)) {
+        std::fputc('\n', stderr);
+        t_echoMidLine = false;
+    }
+    t_reporter->Status(*record, level, text);
     return 0;
 }
 
 int32_t OnProgress(XferRecord *record) {
+    ShowEcho(false);
     if (t_files) t_files->Seen(*record);
     if (t_reporter) t_reporter->Progress(*record);
     return 0;
@@ -54,20 +91,28 @@ std::vector<int32_t> OptionWords(const TransferSettings &s) {
         words.push_back(XferOptZmWindowSize);
         words.push_back(*s.windowBytes);
     }
+    if (s.idleMs) {
+        words.push_back(XferOptReceiveTimeout);
+        words.push_back(*s.idleMs);
+    }
     words.push_back(XferOptEnd);
     return words;
 }
 
 struct ThreadBinding {
-    ThreadBinding(Reporter &reporter, const std::function<bool()> &lost, ReceivedFiles *files) {
+    ThreadBinding(Reporter &reporter, const std::function<bool()> &lost, ReceivedFiles *files,
+                  EchoText *echo) {
         t_reporter = &reporter;
         t_lineLost = &lost;
         t_files = files;
+        t_echo = echo;
     }
     ~ThreadBinding() {
+        ShowEcho(true);
         t_reporter = nullptr;
         t_lineLost = nullptr;
         t_files = nullptr;
+        t_echo = nullptr;
     }
 };
 
@@ -112,15 +157,21 @@ int32_t RunEntry(XferPort *port, const TransferSettings &s, std::vector<int32_t>
     std::string file;
     if (!s.sending && !s.files.empty())
         file = s.files[0].starts_with('/') ? s.files[0] : FolderText(s.folder) + s.files[0];
-    return s.protocol.run(
-        {port, s.sending, names.data(), file.data(), status, OnProgress, words.data()});
+    EntryCall call{port, s.sending, names.data(), file.data(), status, OnProgress, words.data()};
+    call.echo = s.sending && s.echo ? &OnEcho : nullptr;
+    call.dropLf = s.dropLf;
+    call.lineDelayMs = s.lineDelayMs;
+    return s.protocol.run(call);
 }
 
 Outcome RunTransfer(XferPort *port, const TransferSettings &s, Reporter &reporter,
                     std::function<bool()> lineLost, ReceivedFiles *files) {
-    ThreadBinding binding(reporter, lineLost, files);
+    EchoText echo;
     Outcome outcome;
-    outcome.result = RunEntry(port, s, OptionWords(s));
+    {
+        ThreadBinding binding(reporter, lineLost, files, &echo);
+        outcome.result = RunEntry(port, s, OptionWords(s));
+    }
     reporter.Finish();
     outcome.bytes = reporter.Bytes();
     outcome.seconds = reporter.Seconds();

@@ -32,6 +32,11 @@ struct TransferSettings {
     std::optional<int32_t> management; // option code 1018..1023
     std::optional<int32_t> maxErrors;
     std::optional<int32_t> windowBytes;
+    // ASCII
+    bool dropLf = false;           // LF bytes are neither sent nor written
+    int32_t lineDelayMs = 0;       // send: pause after each line
+    std::optional<int32_t> idleMs; // receive: silence that ends the capture (-1: none)
+    bool echo = false;             // send: show the far end's echo on standard error
 };
 
 struct Outcome {

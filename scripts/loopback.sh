@@ -22,7 +22,7 @@ seq 1 20000 | sed 's/^/line /' >"$samples/notes.txt"
 printf 'a name with blanks\n' >"$samples/with blanks.txt"
 
 case "$protocol" in
-ymodem | ymodem-g | zmodem) files=("$samples/random.bin" "$samples/notes.txt" "$samples/with blanks.txt") ;;
+ymodem | ymodem-g | zmodem | ascii) files=("$samples/random.bin" "$samples/notes.txt" "$samples/with blanks.txt") ;;
 *) files=("$samples/random.bin") ;;
 esac
 exec build/bin/zvxfer loopback -p "$protocol" "$@" "${files[@]}"

@@ -97,7 +97,23 @@ def case_usage_errors_exit_2(z, work):
                        (["send", "-p", "zmodem", "--manage", "sometimes", f], "sometimes"),
                        (["receive", "-p", "zmodem", "--no-window"], "--no-window"),
                        (["send", "-p", "ymodem", "--checksum", f], "not available for ymodem send"),
-                       (["send", "-p", "xmodem", "--no-window", f], "")]:
+                       (["send", "-p", "xmodem", "--no-window", f], ""),
+                       # plain text's own options, and its idle time
+                       (["send", "-p", "xmodem", "--drop-lf", f], "not available for xmodem"),
+                       (["send", "-p", "zmodem", "--line-delay", "10", f], "not available"),
+                       (["send", "-p", "ymodem", "--echo", f], "not available for ymodem"),
+                       (["receive", "-p", "zmodem", "--idle", "500"], "not available for zmodem"),
+                       (["loopback", "-p", "xmodem", "--idle", "500", f], "not available"),
+                       (["receive", "-p", "ascii", "--idle", "0", "x"], "idle time"),
+                       (["receive", "-p", "ascii", "--idle", "-2", "x"], "idle time"),
+                       (["receive", "-p", "ascii", "--idle", "soon", "x"], "idle time"),
+                       (["send", "-p", "ascii", "--line-delay", "-1", f], "line-delay"),
+                       (["send", "-p", "ascii", "--echo", "--no-echo", f], "excludes"),
+                       (["receive", "-p", "ascii", "--line-delay", "5", "x"], ""),
+                       (["receive", "-p", "ascii"], "needs the FILE"),
+                       (["send", "-p", "ascii", "--checksum", f], "not available for ascii send"),
+                       (["receive", "-p", "ascii", "--timeout", "100", "x"],
+                        "not available for ascii receive")]:
         rc, out, err = run([z] + args)
         what = "zvxfer %s: exit %d, stdout %r, stderr: %s" % (" ".join(args), rc, out[:60], err)
         check(rc == 2 and text in err and out == b"", what)
@@ -491,6 +507,315 @@ def failed_and_drained(interrupt):
         out_dir, err = run_from_shell(z, work, "ymodem", scripted_ymodem_on_master(interrupt), 1)
         check("partial file kept: out/f.bin (1024 bytes)" in err, "no partial file: " + err)
     return case
+
+
+# Plain text against a real terminal: a program on the slave side of a pty
+# in cooked mode (echo on, CR read as LF, LF written as CR LF; control
+# bytes echoed as they are, so that the echo's escaping shows), zvxfer the
+# terminal program's transfer command on the master side, its standard input
+# and output joined to the master the way a terminal program joins them.
+
+def cooked_pty():
+    master, slave = os.openpty()
+    attrs = termios.tcgetattr(slave)
+    attrs[0] |= termios.ICRNL
+    attrs[1] |= termios.OPOST | termios.ONLCR
+    attrs[3] |= termios.ICANON | termios.ECHO
+    attrs[3] &= ~termios.ECHOCTL  # control bytes come back as they are
+    termios.tcsetattr(slave, termios.TCSANOW, attrs)
+    return master, slave
+
+
+def relay(z_proc, master, others=(), deadline=30):
+    # Pass zvxfer's output to the master and the master's output (the far
+    # program's, and the terminal's echo) to zvxfer until zvxfer ends.
+    # Returns what zvxfer wrote on the line, what each of `others` (extra
+    # fds, such as a pty its standard error is on) showed, and its status.
+    wrote, shown = b"", {fd: b"" for fd in others}
+    out, end = z_proc.stdout.fileno(), time.monotonic() + deadline
+    watched = [out, master] + list(others)
+    while out in watched:
+        check(time.monotonic() < end, "zvxfer did not end; it wrote %r" % wrote[-200:])
+        for fd in select.select(watched, [], [], 0.2)[0]:
+            try:
+                chunk = os.read(fd, 65536)
+            except OSError:  # a pty whose other side is gone
+                chunk = b""
+            if not chunk:
+                watched.remove(fd)
+                if fd == master:  # the far side hung up: the line is gone
+                    z_proc.stdin.close()
+            elif fd == out:
+                wrote += chunk
+                os.write(master, chunk)
+            elif fd == master:
+                try:
+                    z_proc.stdin.write(chunk)
+                except BrokenPipeError:
+                    pass
+            else:
+                shown[fd] += chunk
+    return wrote, shown, z_proc.wait(timeout=max(end - time.monotonic(), 1))
+
+
+def far_program(argv, slave, work):
+    # The slave is the far program's alone: when it ends, the master hangs up.
+    try:
+        return subprocess.Popen(argv, stdin=slave, stdout=slave, stderr=slave, cwd=work,
+                                start_new_session=True)
+    finally:
+        os.close(slave)
+
+
+def typed_lines(text, drop_lf):
+    # What the sender puts on the line, and what the terminal echoes: every
+    # CR or LF read as LF comes back as CR LF.
+    sent = text.replace(b"\n", b"") if drop_lf else text
+    return sent, sent.replace(b"\r", b"\n").replace(b"\n", b"\r\n")
+
+
+def case_ascii_send_types_into_cat_on_a_terminal(z, work):
+    # `cat > far.txt` on the far end.  The file ends up as the text with
+    # line ends as the terminal makes them (CR read as LF); the echo comes
+    # back and is shown on standard error where asked, escaped, never on
+    # the line.
+    crlf = b"first line\r\n\tindented\r\nan escape \x1b[2J here\r\n" + b"x" * 200 + b"\r\nend\r\n"
+    lf = "caf\u00e9 line\n\n".encode() + b"y" * 100 + b"\nlast\n"
+    cases = [  # what, text, options, where stderr goes, far file, echo shown
+        ("CR LF with drop-LF", crlf, ["--drop-lf", "--echo"], "file",
+         crlf.replace(b"\r\n", b"\n"), True),
+        ("CR LF without the flag: the LF opens a line", crlf, ["--echo"], "file",
+         crlf.replace(b"\r", b"\n"), True),
+        ("LF only, no echo by default off a terminal", lf, [], "file", lf, False),
+        ("echo by default on a terminal", lf, [], "pty", lf, True),
+        ("--no-echo on a terminal", lf, ["--no-echo"], "pty", lf, False),
+        ("--echo, stderr is the line", lf, ["--echo"], "line", lf, False),
+    ]
+    for what, text, options, stderr_to, far_text, echoed in cases:
+        path = os.path.join(work, "typed.txt")
+        with open(path, "wb") as f:
+            f.write(text)
+        far_path = os.path.join(work, "far.txt")
+        master, slave = cooked_pty()
+        cat = far_program(["sh", "-c", "exec cat > far.txt"], slave, work)
+        slave = None
+        err_master = err_file = None
+        if stderr_to == "pty":
+            err_master, err_slave = os.openpty()
+            tty.setraw(err_slave)
+            stderr = err_slave
+        elif stderr_to == "line":
+            stderr = subprocess.STDOUT
+        else:
+            err_file = tempfile.TemporaryFile()
+            stderr = err_file
+        zv = subprocess.Popen([z, "send", "-p", "ascii", "-q", "--line-delay", "60"] + options
+                              + [path], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                              stderr=stderr, bufsize=0)
+        if stderr_to == "pty":
+            os.close(err_slave)
+        try:
+            wrote, shown, rc = relay(zv, master, [err_master] if err_master else [])
+            os.write(master, b"\x04")  # end of file for cat
+            cat.wait(timeout=10)
+            if err_file:
+                err_file.seek(0)
+                err = err_file.read()
+            else:
+                err = shown.get(err_master, b"")
+        finally:
+            for p in (zv, cat):
+                if p.poll() is None:
+                    p.kill()
+                    p.wait()
+            for fd in (master, slave, err_master):
+                if fd is not None:
+                    os.close(fd)
+        sent, echo = typed_lines(text, "--drop-lf" in options)
+        what = "%s: exit %d, stderr %r" % (what, rc, err[:300])
+        check(rc == 0, what)
+        check(wrote == sent, what + "\nthe line carried %r" % wrote[:300])
+        check(open(far_path, "rb").read() == far_text,
+              what + "\nthe far file holds %r" % open(far_path, "rb").read()[:300])
+        if echoed:
+            # The echo of the last lines may still be under way when the
+            # upload ends; what is shown is the echo from its start, with
+            # the escape sequence escaped.
+            shown_echo = echo.replace(b"\x1b", b"\\x1b")
+            check(err and shown_echo.startswith(err.rstrip(b"\n")) and b"\x1b" not in err,
+                  what + "\nnot the echo from its start")
+        else:
+            check(err == b"", what + "\nsomething was shown")
+
+
+def capture(z, work, far_argv, options, interrupt_at=None, name="cap.txt"):
+    # zvxfer receive -p ascii on the master while `far_argv` runs on the
+    # slave.  `interrupt_at`: send Ctrl-C once the file holds that many bytes.
+    master, slave = cooked_pty()
+    far = far_program(far_argv, slave, work)
+    slave = None
+    zv = subprocess.Popen([z, "receive", "-p", "ascii", "-d", work] + options + [name],
+                          stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          bufsize=0)
+    path = os.path.join(work, name)
+    try:
+        if interrupt_at is not None:
+            end = time.monotonic() + 20
+            while not (os.path.exists(path) and os.path.getsize(path) >= interrupt_at):
+                check(time.monotonic() < end, "the capture never reached %d bytes" % interrupt_at)
+                for fd in select.select([master], [], [], 0.1)[0]:
+                    zv.stdin.write(os.read(fd, 65536))
+            zv.send_signal(signal.SIGINT)
+        wrote, _, rc = relay(zv, master)
+        err = zv.stderr.read().decode(errors="replace")
+    finally:
+        for p in (zv, far):
+            if p.poll() is None:
+                os.killpg(p.pid, signal.SIGKILL) if p is far else p.kill()
+                p.wait()
+        os.close(master)
+    check(wrote == b"", "zvxfer wrote on the line: %r" % wrote[:100])
+    return rc, err, open(path, "rb").read() if os.path.exists(path) else None
+
+
+def case_ascii_capture_ends_when_the_far_program_falls_silent(z, work):
+    # A far program prints a text and then stays quiet without ending: the
+    # capture holds the text as the terminal sent it (LF written as CR LF)
+    # and ends by the silence, a normal end.
+    lines = [b"line %d " % i + b"=" * (i * 7 % 300) + b"\ttab" for i in range(120)]
+    text = b"\n".join(lines) + b"\n"
+    with open(os.path.join(work, "text.txt"), "wb") as f:
+        f.write(text)
+    printed = text.replace(b"\n", b"\r\n")
+    far = ["sh", "-c", "cat text.txt; exec sleep 60"]
+    # A far program that says one more thing after a pause far longer than
+    # the idle time: the capture has ended by then.
+    late = ["sh", "-c", "cat text.txt; sleep 3; echo late; exec sleep 60"]
+    for options, program, expected in [
+            (["--idle", "700"], far, printed),
+            (["--idle", "700", "--drop-lf"], far, printed.replace(b"\n", b"")),
+            (["--idle", "700"], late, printed)]:
+        rc, err, got = capture(z, work, program, options)
+        what = "%s: exit %d: %s" % (" ".join(options), rc, err)
+        check(rc == 0 and got == expected, what + "\ncaptured %r" % (got or b"")[:200])
+        # The count is of the bytes that arrived, LF included.
+        check("capture ended after 700 ms of silence: %d bytes captured" % len(printed) in err,
+              what)
+        os.remove(os.path.join(work, "cap.txt"))
+
+
+def case_ascii_capture_ended_by_ctrl_c(z, work):
+    # With no limit on the silence only Ctrl-C ends the capture, and that is
+    # its normal end; with a limit, Ctrl-C interrupts it (what arrived is
+    # kept).  A far end that goes away is a failure either way.
+    text = b"0123456789abcdef\n" * 40
+    printed = text.replace(b"\n", b"\r\n")
+    with open(os.path.join(work, "text.txt"), "wb") as f:
+        f.write(text)
+    stays = ["sh", "-c", "cat text.txt; exec sleep 60"]
+    leaves = ["sh", "-c", "cat text.txt"]
+    # Silent for longer than the default idle time before its last line.
+    pauses = ["sh", "-c", "cat text.txt; sleep 11; cat text.txt; exec sleep 60"]
+    cases = [  # options, far program, Ctrl-C, exit, text on stderr
+        (["--idle", "-1"], pauses, True, 0, "capture ended by Ctrl-C: %d bytes" % (2 * len(printed))),
+        (["--idle", "60000"], stays, True, 1, "transfer failed: -605"),
+        ([], stays, True, 1, "partial file kept"),
+        (["--idle", "-1"], leaves, False, 1, "transfer failed: -618"),
+    ]
+    for options, far, interrupt, status, text_in_err in cases:
+        expected = printed * 2 if far is pauses else printed
+        rc, err, got = capture(z, work, far, options, len(expected) if interrupt else None)
+        what = "%s%s: exit %d: %s" % (" ".join(options), " Ctrl-C" if interrupt else "", rc, err)
+        check(rc == status and text_in_err in err, what)
+        check(got == expected, what + "\ncaptured %r" % (got or b"")[:200])
+        os.remove(os.path.join(work, "cap.txt"))
+
+
+def case_ascii_echo_and_notices_keep_to_their_lines(z, work):
+    # An echo without a line end is followed by the next file's notice: the
+    # notice starts a line of its own, and so does the summary after an echo
+    # that never ended its line.  The sender takes in the echo right after
+    # each line; the far end answers well after that and well before the
+    # next line, so each answer is taken in after the following line.
+    names = [make_file(work, n, 7, pattern=n.encode()[:1] * 6 + b"\r") for n in "abc"]
+    far = Far([z, "send", "-p", "ascii", "-v", "--echo", "--line-delay", "1500"] + names)
+    try:
+        for line, answer in [(b"aaaaaa\r", b"ECHO-A"), (b"bbbbbb\r", b"\x1b[1mECHO-B"),
+                             (b"cccccc\r", None)]:
+            check(far.read(7) == line, "no line %r: %s" % (line, far.stderr()))
+            if answer:
+                time.sleep(0.5)
+                far.send(answer)
+        out, rc = far.read(timeout=30)
+        err = far.stderr().replace(work + "/", "")
+    finally:
+        far.close()
+    check(rc == 0 and out == b"", "exit %d, more on the line %r: %s" % (rc, out, err))
+    check(re.fullmatch(r"a : Opening file a\na \(7 B\)\nb : Opening file b\nb \(7 B\)\n"
+                       r"ECHO-A\nc : Opening file c\nc \(7 B\)\n"
+                       r"\\x1b\[1mECHO-B\nzvxfer: 3 files sent, .*\n", err),
+          "echo and notices mixed:\n" + err)
+
+
+def case_ascii_echo_never_goes_back_onto_a_device_line(z, work):
+    # The line is a terminal device given with --line, and standard error is
+    # that same device: the echo is not shown there, even with --echo, so
+    # the far end sees nothing but the text.
+    path = make_file(work, "t.txt", 0, pattern=b"")
+    with open(path, "wb") as f:
+        f.write(b"one\rtwo\r")
+    master, slave = os.openpty()
+    zv = subprocess.Popen([z, "send", "-p", "ascii", "-q", "--echo", "--line-delay", "300",
+                           "--line", os.ttyname(slave), path], stdin=subprocess.DEVNULL,
+                          stdout=subprocess.DEVNULL, stderr=slave)
+    os.close(slave)
+    seen, end = b"", time.monotonic() + 30
+    try:
+        while zv.poll() is None or select.select([master], [], [], 0.3)[0]:
+            check(time.monotonic() < end, "zvxfer did not end; the line showed %r" % seen)
+            if select.select([master], [], [], 0.1)[0]:
+                try:
+                    chunk = os.read(master, 4096)
+                except OSError:
+                    break
+                seen += chunk
+                if chunk.startswith(b"one"):
+                    os.write(master, b"ECHO-ONE\r\n")
+    finally:
+        if zv.poll() is None:
+            zv.kill()
+        zv.wait()
+        os.close(master)
+    check(zv.returncode == 0 and seen == b"one\rtwo\r",
+          "exit %d, the line showed %r" % (zv.returncode, seen))
+
+
+def case_ascii_send_without_a_matching_file_fails(z, work):
+    # Nothing goes on the line, and the failure names the code.
+    far = Far([z, "send", "-p", "ascii", os.path.join(work, "none*.txt")])
+    try:
+        out, rc = far.read(timeout=30)
+        err = far.stderr()
+    finally:
+        far.close()
+    check(rc == 1 and out == b"" and "transfer failed: -619" in err, "exit %d: %s" % (rc, err))
+
+
+def case_ascii_loopback_captures_the_files_in_order(z, work):
+    a = make_file(work, "a.txt", 0, pattern=b"")
+    with open(a, "wb") as f:
+        f.write(b"alpha\r\n" + b"A" * 300 + b"\r\nno line end")
+    b = make_file(work, "b.txt", 5000, pattern=b"beta line\r\n")
+    empty = make_file(work, "empty.txt", 0, pattern=b"")
+    both = open(a, "rb").read() + open(b, "rb").read()
+    for options, expected in [([], both), (["--drop-lf", "--line-delay", "1"],
+                                           both.replace(b"\n", b""))]:
+        out_dir = tempfile.mkdtemp(dir=work)
+        rc, out, err = run([z, "loopback", "-p", "ascii", "--idle", "1500", "-d", out_dir]
+                           + options + [a, empty, b])
+        what = "%s: exit %d: %s" % (" ".join(options), rc, err)
+        check(rc == 0 and out == b"" and "capture of 3 file(s) verified" in err, what)
+        check(open(os.path.join(out_dir, "a.txt"), "rb").read() == expected, what)
 
 
 CASES = {name[5:]: fn for name, fn in globals().items() if name.startswith("case_")}
