@@ -7,11 +7,7 @@
 #include <gtest/gtest.h>
 #include <string>
 
-#include "fake_clock.h"
 #include "garbage_feed.h"
-#include "status_log.h"
-#include "temp_tree.h"
-#include "test_host.h"
 #include "xmodem/xmodem.h"
 
 namespace zvxfer::xm {
@@ -20,22 +16,8 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using test::GarbageFeed;
 
-struct HostileLine : ::testing::Test {
-    HostileLine() { clock.SetStepPerRead(100); }
-    ~HostileLine() override { port->Ops.PortClose(port); }
-
-    test::FakeClock clock;
-    test::TempTree tree;
-    test::TestHost host;
-    const std::string folder = tree.Folder(); // the port keeps a pointer to it
-    XferPort *port = PortOpen(0, host.Window(), folder.c_str(), XFER_EXISTING_OVERWRITE);
-};
-
-bool EndsWithCancel(const Bytes &written) {
-    const Bytes &cancel = test::kCancelBytes;
-    return written.size() >= cancel.size() &&
-           std::equal(cancel.begin(), cancel.end(), written.end() - cancel.size());
-}
+using HostileLine = test::SteppedPort;
+using test::EndsWithCancel;
 
 // Every receiver gives up within a minute of endless garbage, whatever its
 // rate, with a defined code and the cancel string.  EOT and CAN stay out of
