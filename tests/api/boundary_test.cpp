@@ -14,9 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "fake_clock.h"
-#include "temp_tree.h"
-#include "test_host.h"
+#include "garbage_feed.h"
 #include "zvxfer.h"
 
 namespace {
@@ -62,14 +60,7 @@ void operator delete[](void *p, const std::nothrow_t &) noexcept {
 namespace zvxfer {
 namespace {
 
-struct Boundary : ::testing::Test {
-    Boundary() { clock.SetStepPerRead(100); }
-    ~Boundary() override { port->Ops.PortClose(port); }
-    test::FakeClock clock;
-    test::TestHost host;
-    test::TempTree tree;
-    XferPort *port = PortOpen(0, host.Window(), "/tmp/", XFER_EXISTING_OVERWRITE);
-};
+using Boundary = test::SteppedPort;
 
 enum class Throw { Memory, Other };
 Throw g_throw = Throw::Memory;
@@ -119,11 +110,7 @@ TEST_F(Boundary, AnExceptionInsideATransferEndsItAndBecomesACode) {
         EXPECT_EQ(result, c.expected);
         ASSERT_NE(g_file, XFER_INVALID_FILE) << "the file was opened";
         EXPECT_FALSE(IsOpen(g_file)) << "and closed again";
-        const std::vector<uint8_t> written = host.Written();
-        ASSERT_GE(written.size(), test::kCancelBytes.size());
-        EXPECT_TRUE(std::equal(test::kCancelBytes.begin(), test::kCancelBytes.end(),
-                               written.end() - test::kCancelBytes.size()))
-            << "ended like a failed transfer";
+        EXPECT_TRUE(test::EndsWithCancel(host.Written())) << "ended like a failed transfer";
     }
 }
 

@@ -310,10 +310,7 @@ TEST_F(CoreRecord, BareNamesExistenceAndFreeNames) {
     EXPECT_EQ(FreeName(d + "other.txt", 3), "<none>") << "no room for (1) and the terminator";
 }
 
-std::string Content(const std::string &path) {
-    const test::FileBytes bytes = test::ReadFileBytes(path);
-    return std::string(bytes.begin(), bytes.end());
-}
+using test::FileText;
 
 // ZMODEM's skip (-620, the file not counted) is checked by its receiver's tests.
 // The policies, gathered data written on close with the file's time, and a
@@ -340,13 +337,13 @@ TEST_F(CoreRecord, ExistingFilePoliciesLoseNothingAndCloseWritesWhatWasGathered)
             ASSERT_TRUE(writer.Append(reinterpret_cast<const uint8_t *>(data.data()), data.size()));
             // One full piece written so far; an old file is untouched until
             // the new one is complete.
-            EXPECT_EQ(Content(name), i == 0 ? old : data.substr(0, 65536));
+            EXPECT_EQ(FileText(name), i == 0 ? old : data.substr(0, 65536));
             XferCloseFile(&record);
             struct stat st {};
-            EXPECT_TRUE(Content(name) == data && ::stat(name.c_str(), &st) == 0 &&
+            EXPECT_TRUE(FileText(name) == data && ::stat(name.c_str(), &st) == 0 &&
                         st.st_mtime == -86400);
         }
-        EXPECT_TRUE(record.File == XFER_INVALID_FILE && Content(path) == (i == 0 ? data : old))
+        EXPECT_TRUE(record.File == XFER_INVALID_FILE && FileText(path) == (i == 0 ? data : old))
             << "closed; overwrite replaced the old file";
     }
     tree.File("n.txt");

@@ -10,10 +10,8 @@
 import os
 import pty
 import random
-import resource
 import re
 import select
-import shutil
 import signal
 import subprocess
 import sys
@@ -21,29 +19,20 @@ import threading
 import time
 import tty
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path[:0] = [os.path.join(HERE, "..", "support"), os.path.join(HERE, "..", "peer")]
 from case_runner import MTIME, Failure, check, run_cases  # noqa: E402
+from wiring import peer, pipes  # noqa: E402
 
-SOH, STX, EOT, ACK, NAK, CAN = 0x01, 0x02, 0x04, 0x06, 0x15, 0x18
-
-
-def _crc16_table():
-    table = []
-    for i in range(256):
-        crc = i << 8
-        for _ in range(8):
-            crc = ((crc << 1) ^ 0x1021) if crc & 0x8000 else crc << 1
-        table.append(crc & 0xFFFF)
-    return table
-
-
-CRC16 = _crc16_table()
+SOH, STX, EOT, ACK, CAN = 0x01, 0x02, 0x04, 0x06, 0x18
 
 
 def crc16(data, crc=0):
     for b in data:
-        crc = ((crc << 8) & 0xFFFF) ^ CRC16[(crc >> 8) ^ b]
-    return crc
+        crc ^= b << 8
+        for _ in range(8):
+            crc = ((crc << 1) ^ 0x1021) if crc & 0x8000 else crc << 1
+    return crc & 0xFFFF
 
 
 # --- the line --------------------------------------------------------------
@@ -61,10 +50,8 @@ class Line:
 
     def pump(self, timeout):
         if self.eof:
-            time.sleep(min(timeout, 0.05))
-            return
-        ready, _, _ = select.select([self.rfd], [], [], max(timeout, 0))
-        if not ready:
+            return time.sleep(min(timeout, 0.05))
+        if not select.select([self.rfd], [], [], max(timeout, 0))[0]:
             return
         try:
             chunk = os.read(self.rfd, 65536)
@@ -72,8 +59,7 @@ class Line:
             return
         except OSError:  # a pty master whose slave side has gone
             chunk = b""
-        if not chunk:
-            self.eof = True
+        self.eof = not chunk
         self.buf += chunk
         self.seen += chunk
 
@@ -89,24 +75,21 @@ class Line:
             except OSError as e:
                 raise Failure("writing to zvxfer's line failed: %s" % e)
 
-    def wait(self, find, what, timeout=20):
-        # find(buf) gives (value, bytes consumed) or None.
+    def wait(self, pattern, what, timeout=20):
+        # The first match of `pattern` (a regex); what it matched is consumed.
         end = time.monotonic() + timeout
         while True:
-            got = find(self.buf)
-            if got is not None:
-                del self.buf[:got[1]]
-                return got[0]
+            m = re.search(pattern, bytes(self.buf), re.S)
+            if m:
+                del self.buf[:m.end()]
+                return m
             check(not self.eof and time.monotonic() < end, "no %s from zvxfer (%s); it sent %r" % (
                 what, "it closed the line" if self.eof else "%d s" % timeout,
                 bytes(self.buf[-60:])))
             self.pump(min(0.2, end - time.monotonic()))
 
     def expect(self, data, timeout=20):
-        def find(buf):
-            at = buf.find(data)
-            return None if at < 0 else (None, at + len(data))
-        self.wait(find, repr(data), timeout)
+        self.wait(re.escape(data), repr(data), timeout)
 
     def quiet(self, seconds):
         end = time.monotonic() + seconds
@@ -126,8 +109,7 @@ class Far(Line):
         super().__init__(self.proc.stdout.fileno(), self.proc.stdin.fileno())
 
     def stderr(self):
-        with open(self.err_path, "rb") as f:
-            return f.read()
+        return read(self.err_path)
 
     def finish(self, timeout=30):
         # zvxfer's exit status, reading its output meanwhile; the line stays up.
@@ -135,13 +117,10 @@ class Far(Line):
         while self.proc.poll() is None:
             if time.monotonic() > end:
                 self.close()
-                raise Failure("%s did not end within %d s; stderr:\n%s"
-                              % (" ".join(map(str, self.argv)), timeout, self.text()))
+                raise Failure("%s did not end within %d s; stderr:\n%r"
+                              % (" ".join(map(str, self.argv)), timeout, self.stderr()))
             self.pump(0.05)
         return self.proc.returncode
-
-    def text(self):
-        return self.stderr().decode(errors="replace")
 
     def close(self):
         if self.proc.poll() is None:
@@ -154,10 +133,10 @@ class Far(Line):
                 pass
 
 
-def run_far(argv, work, script, cwd=None, timeout=30):
-    # Runs zvxfer against `script(line)`; gives (exit status, stderr text,
+def run_far(argv, work, script, cwd=None, stderr=None):
+    # Runs zvxfer against `script(line)`; gives (exit status, stderr bytes,
     # what the script reported: None or the Failure it ran into).
-    far = Far(argv, work, cwd)
+    far = Far(argv, work, cwd, stderr)
     try:
         problem = None
         try:
@@ -168,17 +147,20 @@ def run_far(argv, work, script, cwd=None, timeout=30):
                 cancel(far)  # so that zvxfer need not wait out its time-outs
             except Failure:
                 pass  # it has gone already
-        return far.finish(timeout), far.stderr(), problem
+        return far.finish(), far.stderr(), problem
     finally:
         far.close()
+
+
+def cancel(line):
+    line.send(bytes([CAN]) * 8 + b"\b" * 8)
 
 
 # --- a scripted YMODEM sender ----------------------------------------------
 
 
-def y_block(number, payload, size):
+def y_block(number, payload, size=128):
     data = bytes(payload).ljust(size, b"\0")
-    check(len(data) == size, "a block of %d bytes does not fit %d" % (len(payload), size))
     c = crc16(data)
     return bytes([SOH if size == 128 else STX, number & 255, 255 - (number & 255)]) + data + \
         bytes([c >> 8, c & 255])
@@ -190,9 +172,8 @@ def info(name, size, mtime=MTIME):
     return bytes(name) + b"\0" + size + b" %o 0" % mtime
 
 
-def y_offer(line, text):
-    line.expect(b"C")
-    line.send(y_block(0, text, 128))
+def y_put(line, block):
+    line.send(block)
     line.expect(bytes([ACK]))
 
 
@@ -203,49 +184,29 @@ def y_data(line, data, blocks=None):
     pos, number = 0, 1
     while pos < len(data) and (blocks is None or number <= blocks):
         size = 1024 if len(data) - pos > 896 else 128
-        line.send(y_block(number, data[pos:pos + size], size))
-        line.expect(bytes([ACK]))
+        y_put(line, y_block(number, data[pos:pos + size], size))
         pos, number = pos + size, number + 1
-
-
-def y_eot(line):
-    line.send(bytes([EOT]))
-    line.expect(bytes([ACK]))
-
-
-def y_end_batch(line):
-    line.expect(b"C")
-    line.send(y_block(0, b"", 128))
-    line.expect(bytes([ACK]))
 
 
 def y_send(line, files):
     # files: (block-0 text, data) pairs, then the end of the batch.
-    for text, data in files:
-        y_offer(line, text)
-        y_data(line, data)
-        y_eot(line)
-    y_end_batch(line)
-
-
-def cancel(line):
-    line.send(bytes([CAN]) * 8 + b"\b" * 8)
+    for text, data in files + [(b"", None)]:
+        line.expect(b"C")
+        y_put(line, y_block(0, text))
+        if data is not None:
+            y_data(line, data)
+            y_put(line, bytes([EOT]))
 
 
 # --- a scripted ZMODEM sender ----------------------------------------------
 
-ZDLE = 0x18
 ZRQINIT, ZRINIT, ZACK, ZFILE, ZSKIP, ZFIN, ZRPOS, ZDATA, ZEOF = 0, 1, 3, 4, 5, 8, 9, 10, 11
 ZCRCE, ZCRCG, ZCRCW = 0x68, 0x69, 0x6B
 ESCAPED = {0x0D, 0x10, 0x11, 0x13, 0x18, 0x8D, 0x90, 0x91, 0x93}
-HEX_HEADER = re.compile(rb"\*\*?\x18B([0-9a-f]{14})")
 
 
 def zesc(data):
-    out = bytearray()
-    for b in data:
-        out += bytes([ZDLE, b ^ 0x40]) if b in ESCAPED else bytes([b])
-    return bytes(out)
+    return b"".join(bytes([CAN, b ^ 0x40]) if b in ESCAPED else bytes([b]) for b in data)
 
 
 def pos4(n):
@@ -253,8 +214,7 @@ def pos4(n):
 
 
 def z_hex(kind, data=b"\0\0\0\0"):
-    c = crc16(bytes([kind]) + data)
-    text = b"%02x" % kind + data.hex().encode() + b"%04x\r\n" % c
+    text = b"%02x" % kind + data.hex().encode() + b"%04x\r\n" % crc16(bytes([kind]) + data)
     return b"**\x18B" + text + (b"" if kind in (ZFIN, ZACK) else b"\x11")
 
 
@@ -265,31 +225,24 @@ def z_bin(kind, data=b"\0\0\0\0"):
 
 def z_sub(data, end):
     c = crc16(bytes(data) + bytes([end]))
-    return zesc(data) + bytes([ZDLE, end]) + zesc(bytes([c >> 8, c & 255])) + \
+    return zesc(data) + bytes([CAN, end]) + zesc(bytes([c >> 8, c & 255])) + \
         (b"\x11" if end == ZCRCW else b"")
 
 
-def z_header(line, timeout=20):
-    # The next hex header zvxfer sends (its receiver sends nothing else):
-    # (type, the four data bytes); one whose CRC is wrong is a failure.
-    def find(buf):
-        m = HEX_HEADER.search(buf)
-        return None if not m else (bytes.fromhex(m.group(1).decode()), m.end())
-    raw = line.wait(find, "ZMODEM header", timeout)
+def z_header(line, want=None):
+    # The type of the next hex header zvxfer sends (its receiver sends
+    # nothing else), which must be `want` if given; one with a wrong CRC is a
+    # failure.
+    raw = bytes.fromhex(line.wait(rb"\*\*?\x18B([0-9a-f]{14})", "ZMODEM header")[1].decode())
     check(crc16(raw) == 0, "a hex header with a wrong CRC: %s" % raw.hex())
-    return raw[0], raw[1:5]
-
-
-def z_expect(line, kind, timeout=20):
-    got, data = z_header(line, timeout)
-    check(got == kind, "zvxfer answered frame type %d (data %s) where %d belongs"
-          % (got, data.hex(), kind))
-    return data
+    check(want in (None, raw[0]), "zvxfer answered frame type %d (data %s) where %d belongs"
+          % (raw[0], raw[1:5].hex(), want or 0))
+    return raw[0]
 
 
 def z_start(line):
     line.send(b"rz\r" + z_hex(ZRQINIT))
-    z_expect(line, ZRINIT)
+    z_header(line, ZRINIT)
 
 
 def z_offer(line, text):
@@ -297,47 +250,41 @@ def z_offer(line, text):
     # skipped a file announces itself again with ZRINIT before it reads this
     # ZFILE; that ZRINIT is no answer to it.
     line.send(z_bin(ZFILE) + z_sub(text, ZCRCW))
-    while True:
-        kind = z_header(line)[0]
-        if kind != ZRINIT:
-            return kind
+    kind = ZRINIT
+    while kind == ZRINIT:
+        kind = z_header(line)
+    return kind
 
 
 def z_data(line, data, subpackets=None):
     # One ZDATA frame of 1024-byte subpackets, then ZEOF; with `subpackets`
     # only that many go out and the frame is left open.
-    line.send(z_bin(ZDATA, pos4(0)))
-    chunks = [data[i:i + 1024] for i in range(0, len(data), 1024)]
-    if subpackets is not None:
-        line.send(b"".join(z_sub(c, ZCRCG) for c in chunks[:subpackets]))
-        return
-    line.send(b"".join(z_sub(c, ZCRCE if i == len(chunks) - 1 else ZCRCG)
-                       for i, c in enumerate(chunks)))
-    line.send(z_bin(ZEOF, pos4(len(data))))
-    z_expect(line, ZRINIT)
+    chunks = [data[i:i + 1024] for i in range(0, len(data), 1024)][:subpackets]
+    ends = [ZCRCG] * len(chunks)
+    if subpackets is None:
+        ends[-1] = ZCRCE
+    line.send(z_bin(ZDATA, pos4(0)) + b"".join(map(z_sub, chunks, ends)))
+    if subpackets is None:
+        line.send(z_bin(ZEOF, pos4(len(data))))
+        z_header(line, ZRINIT)
 
 
-def z_finish(line):
+def z_send(line, files, start=True):
+    if start:
+        z_start(line)
+    for text, data in files:
+        check(z_offer(line, text) == ZRPOS, "zvxfer did not ask for %r" % text)
+        z_data(line, data)
     line.send(z_hex(ZFIN))
-    z_expect(line, ZFIN)
+    z_header(line, ZFIN)
     line.send(b"OO")
 
 
-def z_send(line, files):
-    z_start(line)
-    for text, data in files:
-        answer = z_offer(line, text)
-        check(answer == ZRPOS, "zvxfer answered ZFILE %r with frame type %d" % (text, answer))
-        z_data(line, data)
-    z_finish(line)
-
-
 def send_batch(protocol, files):
-    return (lambda line: y_send(line, files)) if protocol == "ymodem" else \
-        (lambda line: z_send(line, files))
+    return lambda line: (y_send if protocol == "ymodem" else z_send)(line, files)
 
 
-# --- files -----------------------------------------------------------------
+# --- files and programs ----------------------------------------------------
 
 
 def data_of(seed, size):
@@ -360,21 +307,17 @@ def tree(top):
     # Every entry below `top` (symlinks not followed): relative path -> what
     # it is (link target, "dir", or the file's bytes).
     found = {}
-    for folder, dirs, files in os.walk(top):
+    for where, dirs, files in os.walk(top):
         for name in dirs + files:
-            path = os.path.join(folder, name)
-            rel = os.path.relpath(path, top)
-            if os.path.islink(path):
-                found[rel] = ("link", os.readlink(path))
-            elif os.path.isdir(path):
-                found[rel] = ("dir",)
-            else:
-                found[rel] = ("file", read(path))
+            path = os.path.join(where, name)
+            found[os.path.relpath(path, top)] = \
+                ("link", os.readlink(path)) if os.path.islink(path) else \
+                ("dir",) if os.path.isdir(path) else ("file", read(path))
     return found
 
 
 def changes(before, after):
-    return sorted(set(k for k in set(before) | set(after) if before.get(k) != after.get(k)))
+    return sorted(k for k in set(before) | set(after) if before.get(k) != after.get(k))
 
 
 def folder(*parts):
@@ -388,21 +331,24 @@ def zvxfer_receive(z, protocol, out, *options):
 
 
 def report(problems):
-    if problems:
-        raise Failure("\n".join(problems))
+    check(not problems, "\n".join(problems))
+
+
+def lrzsz_send(protocol, work, name, data):
+    # sb or sz sending one file named `name` with `data`, as a command line.
+    src = folder(work, "src-%d" % random.randrange(1 << 30))
+    return [peer("sb" if protocol == "ymodem" else "sz"), "-q",
+            write(os.path.join(src, name), data)]
 
 
 # --- names -----------------------------------------------------------------
-
-def unique():
-    return "hz%d%04d" % (os.getpid(), random.randrange(10000))
 
 
 def case_names_stay_inside_receive_folder(z, work):
     # Names from the line never lead out of -d: without --full-path only the
     # last component counts; with it, a drive, the root and every "." and ".."
     # fall away and the rest becomes subfolders of -d.
-    u = unique()
+    u = "hz%d%04d" % (os.getpid(), random.randrange(10000))
     rows = [  # name sent, where it lands without --full-path, with it
         (b"/tmp/%sa" % u.encode(), u + "a", "tmp/%sa" % u),
         (b"../../%sb" % u.encode(), u + "b", u + "b"),
@@ -410,34 +356,24 @@ def case_names_stay_inside_receive_folder(z, work):
         (b"sub/../%sd" % u.encode(), u + "d", "sub/%sd" % u),
         (b"..", "__", "unnamed"),
     ]
+    files = [(info(name, 300), data_of(i, 300)) for i, (name, _, _) in enumerate(rows)]
     problems = []
     for protocol in ("ymodem", "zmodem"):
         for full in (False, True):
-            run = folder(work, "%s-%s" % (protocol, "full" if full else "bare"))
+            what = "%s%s" % (protocol, " --full-path" * full)
+            run = folder(work, what.replace(" ", ""))
             out, cwd = folder(run, "out"), folder(run, "deep", "er")
-            files = [(info(name, 300), data_of(i, 300)) for i, (name, _, _) in enumerate(rows)]
-            argv = zvxfer_receive(z, protocol, out) + ["--full-path"] * full
-            rc, err, problem = run_far(argv, work, send_batch(protocol, files), cwd=cwd)
-            what = "%s%s" % (protocol, " --full-path" if full else "")
-            if problem:
-                problems.append("%s: the transfer broke off: %s" % (what, problem))
-            expected = {(full_ if full else bare): data_of(i, 300)
-                        for i, (_, bare, full_) in enumerate(rows)}
+            rc, err, problem = run_far(zvxfer_receive(z, protocol, out) + ["--full-path"] * full,
+                                       work, send_batch(protocol, files), cwd=cwd)
             got = {k: v[1] for k, v in tree(out).items() if v[0] == "file"}
-            for rel, data in expected.items():
-                if got.get(rel) != data:
-                    problems.append("%s: %s is missing or wrong in -d; it holds %s"
-                                    % (what, rel, sorted(got)))
-            outside = [k for k in tree(run)
-                       if not k.startswith("out") and k not in ("deep", "deep/er")]
-            if outside:
-                problems.append("%s: written outside -d: %s" % (what, outside))
-            stray = "/tmp/%sa" % u
-            if os.path.lexists(stray):
-                problems.append("%s: written outside -d: %s" % (what, stray))
-                os.remove(stray)
-            if not problem and rc != 0:
-                problems.append("%s: exit %d: %s" % (what, rc, err.decode(errors="replace")))
+            expected = {row[1 + full]: data_of(i, 300) for i, row in enumerate(rows)}
+            outside = [k for k in tree(run) if not k.startswith("out") and k not in
+                       ("deep", "deep/er")] + ["/tmp/%sa" % u] * os.path.lexists("/tmp/%sa" % u)
+            if problem or rc != 0 or got != expected or outside:
+                problems.append("%s: exit %d, %s; -d holds %s; written outside -d: %s; %r" % (
+                    what, rc, problem, sorted(got), outside, err))
+            if os.path.lexists("/tmp/%sa" % u):
+                os.remove("/tmp/%sa" % u)
     report(problems)
 
 
@@ -449,32 +385,10 @@ EVIL_LOCAL = b"e_]0;x_y\x9bz__.txt"
 EVIL_SHOWN = re.compile(rb"e(\\x1b|_)\]0;x(\\x07|_)y\\x9bz")
 
 
-def case_control_bytes_in_names(z, work):
-    # Control bytes in a received name become '_' in the file name; the
-    # program's messages show the name with the bytes escaped.
-    problems = []
-    for protocol in ("ymodem", "zmodem"):
-        out = folder(work, protocol)
-        data = data_of(1, 500)
-        rc, err, problem = run_far(zvxfer_receive(z, protocol, out), work,
-                                   send_batch(protocol, [(info(EVIL, 500), data)]))
-        names = os.listdir(out.encode())
-        if problem or rc != 0:
-            problems.append("%s: exit %d, %s: %r" % (protocol, rc, problem, err))
-        if names != [EVIL_LOCAL] or read(os.path.join(out.encode(), names[0])) != data:
-            problems.append("%s: received as %r, not %r" % (protocol, names, EVIL_LOCAL))
-        raw = sorted("0x%02x" % b for b in RAW if b in err)
-        if raw:
-            problems.append("%s: stderr carries raw %s: %r" % (protocol, ", ".join(raw), err))
-        if not EVIL_SHOWN.search(err):
-            problems.append("%s: stderr never shows the escaped name: %r" % (protocol, err))
-    report(problems)
-
-
-def terminal_problems(shown):
+def shown_problems(shown):
     # What is wrong with the bytes a terminal got: raw control bytes (the
     # bar's own "clear line" aside), bytes that are not UTF-8, a backslash that
-    # starts no escape (a name cut inside one).
+    # starts no escape (a name cut inside one), or no escaped name at all.
     own = shown.replace(b"\r\x1b[K", b"\r")
     raw = sorted("0x%02x" % b for b in RAW if b in own)
     if raw:
@@ -486,86 +400,56 @@ def terminal_problems(shown):
     broken = re.findall(r"\\(?!x[0-9a-f]{2}).{0,4}", re.sub(r"\\\\", "", text))
     if broken:
         return "a backslash that starts no escape: %s" % broken
-    if not EVIL_SHOWN.search(own):
-        return "no escaped name"
-    return None
+    return None if EVIL_SHOWN.search(own) else "no escaped name"
 
 
-def case_names_escaped_in_progress_bar(z, work):
-    # With stderr on a terminal the progress bar narrows names; what it shows
-    # is still escaped, valid UTF-8, and never cut inside an escape.
-    out = folder(work, "out")
-    names = [EVIL, b"abcdefghijklmnopqrstu\x9b\x9c\x9d\x9e\x9f.bin",
-             ("x" + "\u00e9" * 22 + "\u20ac\u20ac\u20ac.bin").encode()]
-    files = [(info(n, 3000), data_of(i, 3000)) for i, n in enumerate(names)]
+def on_terminal(z, work, argv, script):
+    # Runs zvxfer with stderr on a terminal of its own, read all along so
+    # that the bar never blocks; (exit status, what the terminal got, problem).
     master, slave = os.openpty()
     tty.setraw(slave)
     screen, stop = Line(master, master), threading.Event()
-
-    def watch():  # the terminal is read all along, so the bar never blocks
-        while not stop.is_set():
-            screen.pump(0.05)
-    watcher = threading.Thread(target=watch)
+    watcher = threading.Thread(target=lambda: [screen.pump(0.05) for _ in iter(stop.is_set, True)])
     watcher.start()
     try:
-        far = Far(zvxfer_receive(z, "ymodem", out), work, stderr=slave)
-        try:
-            problem = None
-            try:
-                y_send(far, files)
-            except Failure as e:
-                problem = e
-            rc = far.finish()
-        finally:
-            far.close()
+        rc, _, problem = run_far(argv, work, script, stderr=slave)
         time.sleep(0.3)
     finally:
         stop.set()
         watcher.join()
         os.close(slave)
         os.close(master)
-    shown = bytes(screen.seen)
-    check(problem is None and rc == 0, "exit %d, %s; the terminal showed %r" % (rc, problem, shown))
-    wrong = terminal_problems(shown)
-    check(not wrong, "the terminal got %s: %r" % (wrong, shown))
+    return rc, bytes(screen.seen), problem
+
+
+def case_control_bytes_in_names(z, work):
+    # Control bytes in a received name become '_' in the file name; what the
+    # program shows, on a pipe or on a terminal where the progress bar
+    # narrows names, has them escaped, is valid UTF-8 and never cut inside an
+    # escape.
+    problems = []
+    for protocol in ("ymodem", "zmodem"):
+        out = folder(work, protocol)
+        data = data_of(1, 500)
+        rc, err, problem = run_far(zvxfer_receive(z, protocol, out), work,
+                                   send_batch(protocol, [(info(EVIL, 500), data)]))
+        names = os.listdir(out.encode())
+        if problem or rc != 0 or names != [EVIL_LOCAL] or \
+                read(os.path.join(out.encode(), names[0])) != data or shown_problems(err):
+            problems.append("%s: exit %d, %s, received as %r, stderr with %s: %r" % (
+                protocol, rc, problem, names, shown_problems(err), err))
+    names = [EVIL, b"abcdefghijklmnopqrstu\x9b\x9c\x9d\x9e\x9f.bin",
+             ("x" + "\u00e9" * 22 + "\u20ac\u20ac\u20ac.bin").encode()]
+    files = [(info(n, 3000), data_of(i, 3000)) for i, n in enumerate(names)]
+    rc, shown, problem = on_terminal(z, work, zvxfer_receive(z, "ymodem", folder(work, "tty")),
+                                     send_batch("ymodem", files))
+    if problem or rc != 0 or shown_problems(shown):
+        problems.append("terminal: exit %d, %s, it got %s: %r" % (
+            rc, problem, shown_problems(shown), shown))
+    report(problems)
 
 
 # --- symlinks --------------------------------------------------------------
-
-LINKED = "f.txt"
-
-
-def lrzsz_send(protocol, work, name, data, extra=()):
-    # sb or sz sending one file named `name` with `data`, as a command line.
-    src = folder(work, "src-%d" % random.randrange(1 << 30))
-    write(os.path.join(src, name), data)
-    return [shutil.which("sb" if protocol == "ymodem" else "sz"), "-q"] + list(extra) + \
-        [os.path.join(src, name)]
-
-
-def pipe_pair(a_argv, b_argv, work, a_cwd=None, deadline=40, a_limit=None):
-    # Two programs joined as one line, `a` working in `a_cwd` and writing
-    # files of at most `a_limit` bytes; (exit statuses, b's stderr).
-    def limit():
-        resource.setrlimit(resource.RLIMIT_FSIZE, (a_limit, a_limit))
-    a2b_r, a2b_w = os.pipe()
-    b2a_r, b2a_w = os.pipe()
-    err_path = os.path.join(work, "b.stderr")
-    with open(err_path, "wb") as err, open(os.devnull, "wb") as null:
-        a = subprocess.Popen(a_argv, stdin=b2a_r, stdout=a2b_w, stderr=null, cwd=a_cwd,
-                             preexec_fn=limit if a_limit else None)
-        b = subprocess.Popen(b_argv, stdin=a2b_r, stdout=b2a_w, stderr=err)
-    for fd in (a2b_r, a2b_w, b2a_r, b2a_w):
-        os.close(fd)
-    end, codes = time.monotonic() + deadline, [None, None]
-    while None in codes and time.monotonic() < end:
-        codes = [a.poll(), b.poll()]
-        time.sleep(0.02)
-    for p in (a, b):
-        if p.poll() is None:
-            p.kill()
-        p.wait()
-    return codes, read(err_path).decode(errors="replace")
 
 
 def case_symlinks_in_receive_folder(z, work):
@@ -573,42 +457,30 @@ def case_symlinks_in_receive_folder(z, work):
     # -d: rename receives beside it, overwrite refuses, skip skips; the link
     # and everything outside -d stay as they were.
     problems = []
+    data = data_of(7, 2000)
     for protocol in ("ymodem", "zmodem"):
         for policy in ("rename", "overwrite", "skip"):
             for kind in ("dangling", "to-file"):
-                run = folder(work, "%s-%s-%s" % (protocol, policy, kind))
+                what = "%s %s, link %s" % (protocol, policy, kind)
+                run = folder(work, what.replace(" ", "").replace(",", "-"))
                 out, outside = folder(run, "out"), folder(run, "outside")
                 if kind == "to-file":
                     write(os.path.join(outside, "victim"), b"precious\n")
-                target = os.path.join(outside, "victim")
-                os.symlink(target, os.path.join(out, LINKED))
+                os.symlink(os.path.join(outside, "victim"), os.path.join(out, "f.txt"))
                 before = tree(run)
-                data = data_of(7, 2000)
                 options = [] if policy == "rename" else ["--existing", policy]
-                codes, err = pipe_pair(lrzsz_send(protocol, work, LINKED, data),
-                                       zvxfer_receive(z, protocol, out, "-q", *options), work)
-                what = "%s %s, link %s" % (protocol, policy, kind)
+                _, zv = pipes(lrzsz_send(protocol, work, "f.txt", data),
+                              zvxfer_receive(z, protocol, out, "-q", *options), work)
                 after = tree(run)
-                moved = [k for k in changes(before, after) if not k.startswith("out/")]
-                if moved or after.get("out/" + LINKED) != before["out/" + LINKED]:
-                    problems.append("%s: changed outside -d or the link: %s" % (
-                        what, moved or "out/" + LINKED))
-                new = {k: v for k, v in after.items() if k.startswith("out/") and k not in before}
-                if policy == "rename":
-                    if list(new.values()) != [("file", data)] or codes[1] != 0:
-                        problems.append("%s: exit %s, new in -d: %s (%s)"
-                                        % (what, codes[1], sorted(new), err.strip()))
-                elif new:
-                    problems.append("%s: new in -d: %s" % (what, sorted(new)))
-                if policy == "overwrite" and codes[1] == 0:
-                    problems.append("%s: the refused file still ended with exit 0" % what)
-    report(problems)
-
-
-def case_symlinked_subfolder_with_full_path(z, work):
+                moved = [k for k in changes(before, after)
+                         if not k.startswith("out/") or k == "out/f.txt"]
+                new = [v for k, v in after.items() if k.startswith("out/") and k not in before]
+                if moved or new != [("file", data)] * (policy == "rename") or \
+                        zv.rc != 0 and policy == "rename" or zv.rc == 0 and policy == "overwrite":
+                    problems.append("%s: exit %s, changed %s, new %d: %s" % (
+                        what, zv.rc, moved, len(new), zv.stderr().strip()))
     # A subfolder of -d that is a symlink to a folder outside is never
     # entered, however deep the name goes on.
-    problems = []
     for protocol in ("ymodem", "zmodem"):
         run = folder(work, protocol)
         out, outside = folder(run, "out"), folder(run, "outside")
@@ -619,202 +491,154 @@ def case_symlinked_subfolder_with_full_path(z, work):
                  (info(b"sub/deeper/g.txt", 100), data_of(2, 100))]
         run_far(zvxfer_receive(z, protocol, out, "--full-path"), work,
                 send_batch(protocol, files), cwd=out)
-        after = tree(run)
-        bad = [k for k in changes(before, after) if not k.startswith("out/") or k == "out/sub"]
+        bad = [k for k in changes(before, tree(run)) if not k.startswith("out/") or k == "out/sub"]
         if bad:
-            problems.append("%s: changed through the link: %s" % (protocol, bad))
+            problems.append("%s --full-path: changed through the link: %s" % (protocol, bad))
     report(problems)
 
 
 # --- sizes -----------------------------------------------------------------
 
 
-def case_ymodem_size_beyond_31_bits_is_unknown(z, work):
-    # A block-0 size that does not fit 31 bits is no size at all: the file
-    # keeps the whole 128-byte block instead of a wrapped length.
+def case_receive_size_beyond_31_bits(z, work):
+    # YMODEM: a block-0 size that does not fit 31 bits is no size at all, so
+    # the file keeps the whole 128-byte block instead of a wrapped length.
+    # ZMODEM: such a file is skipped with a notice and the batch goes on.
     rows = [(b"100", 100), (b"4294967396", 128), (b"2147483648", 128),
             (b"99999999999999999999", 128), (b"4294967297", 128)]
-    out = folder(work, "out")
+    out = folder(work, "y")
     data = data_of(3, 100)
     files = [(info(b"s%d.bin" % i, size), data) for i, (size, _) in enumerate(rows)]
     rc, err, problem = run_far(zvxfer_receive(z, "ymodem", out), work, send_batch("ymodem", files))
-    problems = [] if not problem and rc == 0 else ["exit %d, %s: %r" % (rc, problem, err)]
+    problems = [] if not problem and rc == 0 else ["ymodem: exit %d, %s: %r" % (rc, problem, err)]
     for i, (size, keeps) in enumerate(rows):
         path = os.path.join(out, "s%d.bin" % i)
         got = read(path) if os.path.exists(path) else None
         if got != data + bytes(keeps - 100):
-            problems.append("size %s: kept %s bytes, not %d" % (
+            problems.append("ymodem size %s: kept %s bytes, not %d" % (
                 size.decode(), "no" if got is None else len(got), keeps))
-    report(problems)
-
-
-def case_zmodem_receive_refuses_size_beyond_31_bits(z, work):
-    # The file is skipped with a notice; the batch goes on.
-    out = folder(work, "out")
-    small = data_of(5, 3000)
+    out, small = folder(work, "z"), data_of(5, 3000)
 
     def script(line):
         z_start(line)
         answer = z_offer(line, info(b"big.bin", b"4294967396"))
-        check(answer == ZSKIP, "a ZFILE of 4294967396 bytes was answered with frame type %d, "
-              "not ZSKIP" % answer)
-        check(z_offer(line, info(b"small.bin", 3000)) == ZRPOS, "small.bin was not asked for")
-        z_data(line, small)
-        z_finish(line)
+        check(answer == ZSKIP, "4294967396 bytes answered with frame type %d" % answer)
+        z_send(line, [(info(b"small.bin", 3000), small)], start=False)
     rc, err, problem = run_far(zvxfer_receive(z, "zmodem", out), work, script)
-    check(problem is None, "%s; stderr: %r" % (problem, err))
-    check(os.listdir(out) == ["small.bin"] and read(os.path.join(out, "small.bin")) == small,
-          "-d holds %s" % os.listdir(out))
-    check(rc == 0 and re.search(rb"too large.*big\.bin", err, re.I), "exit %d: %r" % (rc, err))
+    if problem or rc != 0 or os.listdir(out) != ["small.bin"] or \
+            read(os.path.join(out, "small.bin")) != small or \
+            not re.search(rb"too large.*big\.bin", err, re.I):
+        problems.append("zmodem: exit %d, %s, -d holds %s: %r" % (rc, problem, os.listdir(out),
+                                                                 err))
+    report(problems)
 
 
-def sparse(path, size):
-    with open(path, "wb") as f:
-        f.truncate(size)
-    os.utime(path, (MTIME, MTIME))
-    return path
-
-
-def too_large_to_send(z, work, protocol, size):
-    # A file of `size` bytes is passed over with a notice (the next file still
-    # goes); alone it ends the run unsuccessfully; the peer never gets it.
-    src = folder(work, "src")
-    big = sparse(os.path.join(src, "big.bin"), size)
-    small = write(os.path.join(src, "small.bin"), data_of(6, 5000))
-    peer = shutil.which("rb" if protocol == "ymodem" else "rz")
-    check(peer, "the lrzsz programs are not installed")
-    for files in ([big, small], [big]):
-        out = folder(work, "out%d" % len(files))
-        # The peer may store 64 MiB: enough to see a short file begin.
-        codes, err = pipe_pair([peer, "-q"], [z, "send", "-p", protocol] + files, work,
-                               a_cwd=out, deadline=30, a_limit=64 << 20)
-        what = "send %s: exit %s, stderr %r, peer kept %s" % (
-            " ".join(os.path.basename(f) for f in files), codes[1], err,
-            {n: os.path.getsize(os.path.join(out, n)) for n in os.listdir(out)
-             if n.endswith(".bin")})
-        check(not os.path.exists(os.path.join(out, "big.bin")), what)
-        check(re.search(r"too large.*big\.bin", err, re.I), what)
-        if len(files) == 2:
-            check(read(os.path.join(out, "small.bin")) == read(small) if
-                  os.path.exists(os.path.join(out, "small.bin")) else False, what)
-        else:
-            check(codes[1] not in (0, None), what)
-
-
-def case_ymodem_send_refuses_2_gib(z, work):
-    too_large_to_send(z, work, "ymodem", 1 << 31)
-
-
-def case_zmodem_send_refuses_5_gib(z, work):
-    too_large_to_send(z, work, "zmodem", 5 << 30)
+def case_send_refuses_files_too_large(z, work):
+    # A file too large for the protocol (2 GiB for YMODEM, 5 GiB for ZMODEM)
+    # is passed over with a notice (the next file still goes); alone it ends
+    # the run unsuccessfully; the peer never gets it.
+    problems = []
+    for protocol, size in (("ymodem", 1 << 31), ("zmodem", 5 << 30)):
+        src = folder(work, protocol)
+        big = os.path.join(src, "big.bin")
+        with open(big, "wb") as f:
+            f.truncate(size)
+        small = write(os.path.join(src, "small.bin"), data_of(6, 5000))
+        for files in ([big, small], [big]):
+            out = folder(src, "out%d" % len(files))
+            # The peer may store 64 MiB: enough to see a short file begin.
+            zv, _ = pipes([z, "send", "-p", protocol] + files, ["prlimit", "--fsize=%d" % (
+                64 << 20), peer("rb" if protocol == "ymodem" else "rz"), "-q"], work,
+                cwd_b=out, deadline_s=30)
+            err = zv.stderr()
+            kept = {n: read(os.path.join(out, n)) for n in os.listdir(out) if n.endswith(".bin")}
+            if not re.search(r"too large.*big\.bin", err, re.I) or "big.bin" in kept or \
+                    (kept.get("small.bin") != read(small) if small in files else
+                     zv.rc in (0, None)):
+                problems.append("%s send %d files: exit %s, stderr %r, peer kept %s" % (
+                    protocol, len(files), zv.rc, err, sorted(kept)))
+    report(problems)
 
 
 # --- partial files and overwrite -------------------------------------------
 
 
-def cut_off(protocol, name, size, blocks, how="cancel"):
+def cut_off(protocol, name, size, blocks, how=cancel):
     # A sender that offers `name` (`size` bytes, the fixed time), sends
-    # `blocks` 1024-byte pieces of its data, then cancels or goes on with
-    # `how(line)`.
+    # `blocks` 1024-byte pieces of its data, then ends with `how(line)`.
     data = data_of(8, size)
 
     def script(line):
         if protocol == "ymodem":
-            y_offer(line, info(name, size))
-            if blocks:
-                y_data(line, data, blocks)
-            else:
-                line.expect(b"C")
+            line.expect(b"C")
+            y_put(line, y_block(0, info(name, size)))
+            y_data(line, data, blocks) if blocks else line.expect(b"C")
         else:
             z_start(line)
             check(z_offer(line, info(name, size)) == ZRPOS, "the file was not asked for")
             z_data(line, data, blocks)
         line.quiet(0.3)
-        cancel(line) if how == "cancel" else how(line)
+        how(line)
     return script, data
 
 
-def case_partial_file_kept_and_named(z, work):
+def case_partial_file_kept_or_removed(z, work):
     # A receive cut off by a cancel or by Ctrl-C keeps what arrived, without
-    # the sender's time, and the summary names it.
+    # the sender's time, and the summary names it; with --remove-partial it
+    # is gone and the summary says so.
     def ctrl_c(far):
         far.proc.send_signal(signal.SIGINT)
     problems = []
-    for protocol, how in (("ymodem", "cancel"), ("zmodem", "cancel"), ("ymodem", ctrl_c)):
-        what = "%s %s" % (protocol, "cancel" if how == "cancel" else "Ctrl-C")
-        out = folder(work, "%s-%s" % (protocol, "cancel" if how == "cancel" else "int"))
+    for protocol, how, remove in (("ymodem", cancel, False), ("zmodem", cancel, False),
+                                  ("ymodem", ctrl_c, False), ("ymodem", cancel, True),
+                                  ("zmodem", cancel, True)):
+        what = "%s %s%s" % (protocol, how.__name__, " --remove-partial" * remove)
+        out = folder(work, what.replace(" ", ""))
         script, data = cut_off(protocol, b"part.bin", 10000, 2, how)
-        rc, err, problem = run_far(zvxfer_receive(z, protocol, out), work, script)
+        rc, err, problem = run_far(zvxfer_receive(z, protocol, out, *["--remove-partial"] * remove),
+                                   work, script)
         path = os.path.join(out, "part.bin")
-        if problem or rc != 1:
-            problems.append("%s: exit %d, %s" % (what, rc, problem))
-        if not os.path.exists(path) or read(path) != data[:2048]:
-            problems.append("%s: partial file not kept as the 2048 bytes that came: %s"
-                            % (what, os.listdir(out)))
-            continue
-        if int(os.stat(path).st_mtime) == MTIME:
-            problems.append("%s: the partial file carries the sender's time" % what)
-        m = re.search(rb"partial file kept: (.*) \((\d+) bytes\)", err)
-        if not m or not m.group(1).endswith(b"part.bin") or int(m.group(2)) != 2048:
-            problems.append("%s: stderr does not name the partial file: %r" % (what, err))
+        if remove:
+            said = re.search(rb"partial file removed: \S*part\.bin", err)
+            kept = os.listdir(out) == [] and said
+        else:
+            said = re.search(rb"partial file kept: \S*part\.bin \(2048 bytes\)", err)
+            kept = os.path.exists(path) and read(path) == data[:2048] and said and \
+                int(os.stat(path).st_mtime) != MTIME
+        if problem or rc != 1 or not kept:
+            problems.append("%s: exit %d, %s, -d holds %s (the sender's time: %s): %r" % (
+                what, rc, problem, os.listdir(out), os.path.exists(path) and
+                int(os.stat(path).st_mtime) == MTIME, err))
     report(problems)
 
 
-def case_partial_file_removed_on_request(z, work):
-    problems = []
-    for protocol in ("ymodem", "zmodem"):
-        out = folder(work, protocol)
-        script, _ = cut_off(protocol, b"part.bin", 10000, 2)
-        rc, err, problem = run_far(zvxfer_receive(z, protocol, out, "--remove-partial"), work,
-                                   script)
-        if problem or rc != 1 or os.listdir(out):
-            problems.append("%s: exit %d, %s, -d holds %s: %r" % (
-                protocol, rc, problem, os.listdir(out), err))
-        elif not re.search(rb"partial file removed: \S*part\.bin", err):
-            problems.append("%s: stderr does not say the file was removed: %r" % (protocol, err))
-    report(problems)
-
-
-def case_failed_overwrite_keeps_old_file(z, work):
+def case_overwrite_only_by_a_complete_file(z, work):
     # --existing overwrite replaces the old file only once the new one has
     # fully arrived: a transfer cancelled before or after its first data
-    # leaves it as it was (--remove-partial included) and no temporary file.
+    # leaves it as it was (--remove-partial included) and no temporary file;
+    # an honest peer's complete file then replaces it with the sender's time.
     problems = []
+    old_data, new_data = b"the old content\n" * 100, data_of(9, 70000)
     for protocol in ("ymodem", "zmodem"):
+        out = folder(work, protocol)
+        old = write(os.path.join(out, "old.bin"), old_data, MTIME - 5)
         for blocks in (0, 2):
             for remove in (False, True):
                 what = "%s, cancelled after %d blocks%s" % (
-                    protocol, blocks, " --remove-partial" if remove else "")
-                out = folder(work, "%s-%d-%d" % (protocol, blocks, remove))
-                old = write(os.path.join(out, "old.bin"), b"the old content\n" * 100, MTIME - 5)
+                    protocol, blocks, " --remove-partial" * remove)
                 script, _ = cut_off(protocol, b"old.bin", 10000, blocks)
-                argv = zvxfer_receive(z, protocol, out, "--existing", "overwrite") + \
-                    ["--remove-partial"] * remove
-                rc, err, problem = run_far(argv, work, script)
-                if problem or rc != 1:
-                    problems.append("%s: exit %d, %s: %r" % (what, rc, problem, err))
-                if sorted(os.listdir(out)) != ["old.bin"]:
-                    problems.append("%s: -d holds %s" % (what, sorted(os.listdir(out))))
-                if not os.path.exists(old) or read(old) != b"the old content\n" * 100:
-                    problems.append("%s: the old file is now %s bytes" % (
-                        what, os.path.getsize(old) if os.path.exists(old) else "no"))
-    report(problems)
-
-
-def case_overwrite_from_honest_peer_replaces(z, work):
-    problems = []
-    for protocol in ("ymodem", "zmodem"):
-        out = folder(work, protocol)
-        write(os.path.join(out, "f.bin"), b"old\n" * 3000, MTIME - 100)
-        data = data_of(9, 70000)
-        codes, err = pipe_pair(lrzsz_send(protocol, work, "f.bin", data),
-                               zvxfer_receive(z, protocol, out, "-q", "--existing", "overwrite"),
-                               work)
-        path = os.path.join(out, "f.bin")
-        if codes != [0, 0] or sorted(os.listdir(out)) != ["f.bin"] or read(path) != data or \
-                int(os.stat(path).st_mtime) != MTIME:
-            problems.append("%s: exits %s, -d holds %s: %s" % (
-                protocol, codes, sorted(os.listdir(out)), err))
+                rc, err, problem = run_far(zvxfer_receive(
+                    z, protocol, out, "--existing", "overwrite", *["--remove-partial"] * remove),
+                    work, script)
+                if problem or rc != 1 or os.listdir(out) != ["old.bin"] or read(old) != old_data:
+                    problems.append("%s: exit %d, %s, -d holds %s, old.bin %d bytes: %r" % (
+                        what, rc, problem, os.listdir(out), len(read(old)), err))
+        runs = pipes(lrzsz_send(protocol, work, "old.bin", new_data),
+                     zvxfer_receive(z, protocol, out, "-q", "--existing", "overwrite"), work)
+        if [r.rc for r in runs] != [0, 0] or os.listdir(out) != ["old.bin"] or read(old) != new_data or \
+                int(os.stat(old).st_mtime) != MTIME:
+            problems.append("%s honest peer: exits %s, -d holds %s: %s" % (
+                protocol, [r.rc for r in runs], os.listdir(out), runs[1].stderr()))
     report(problems)
 
 
@@ -846,51 +670,41 @@ class Shell(Line):
         os.close(self.rfd)
 
 
-def shell_session(z, work, protocol, script, late_gap=2.0):
-    # Types the zvxfer command, plays `script` as the far end, then sends a
-    # shell command right after the end and again `late_gap` seconds later;
-    # gives zvxfer's exit status once the shell has shown that it reads again.
-    out = folder(work, "out")
-    pwned = os.path.join(work, "PWNED")
-    shell = Shell(work)
-    try:
-        shell.send(b"%s receive -p %s -d out 2>zvxfer.stderr; echo ZV-EXIT-$?\r"
-                   % (z.encode(), protocol.encode()))
-        script(shell)
-        shell.send(b"touch %s\r" % pwned.encode())
-        shell.quiet(late_gap)
-        shell.send(b"touch %s\r" % pwned.encode())
-        rc = int(shell.wait(lambda buf: (lambda m: m and (m.group(1), m.end()))(
-            re.search(rb"ZV-EXIT-(\d+)", buf)), "end of zvxfer", 45))
-        # The shell reads its terminal again: anything it got has run by the
-        # time it answers this.
-        shell.send(b"echo M$((40+2))M\r")
-        shell.expect(b"M42M", timeout=15)
-    finally:
-        shell.close()
-    check(not os.path.exists(pwned), "bytes that came after the end reached the shell, which ran "
-          "them (zvxfer exit %d); terminal:\n%r" % (rc, bytes(shell.seen[-400:])))
-    return rc, out
-
-
-def case_shell_after_zmodem_success(z, work):
-    data = data_of(10, 5000)
-    rc, out = shell_session(z, work, "zmodem",
-                            lambda line: z_send(line, [(info(b"f.bin", 5000), data)]))
-    check(rc == 0 and read(os.path.join(out, "f.bin")) == data, "exit %d" % rc)
-
-
-def case_shell_after_ymodem_success(z, work):
-    data = data_of(11, 5000)
-    rc, out = shell_session(z, work, "ymodem",
-                            lambda line: y_send(line, [(info(b"f.bin", 5000), data)]))
-    check(rc == 0 and read(os.path.join(out, "f.bin")) == data, "exit %d" % rc)
-
-
-def case_shell_after_failure(z, work):
-    script, _ = cut_off("zmodem", b"f.bin", 10000, 2)
-    rc, _ = shell_session(z, work, "zmodem", script)
-    check(rc == 1, "a cancelled receive ended with exit %d" % rc)
+def case_shell_never_runs_bytes_after_the_end(z, work):
+    # zvxfer typed at an interactive shell whose terminal is the line; after
+    # a ZMODEM or YMODEM success or a failure, a shell command comes right
+    # after the end and again 2 s later: the shell must never run it.
+    data, problems = data_of(10, 5000), []
+    failing, _ = cut_off("zmodem", b"f.bin", 10000, 2)
+    for protocol, script, want in (
+            ("zmodem", send_batch("zmodem", [(info(b"f.bin", 5000), data)]), 0),
+            ("ymodem", send_batch("ymodem", [(info(b"f.bin", 5000), data)]), 0),
+            ("zmodem", failing, 1)):
+        run = os.path.dirname(folder(work, "%s-%d" % (protocol, want), "out"))
+        pwned = os.path.join(run, "PWNED")
+        shell = Shell(run)
+        try:
+            shell.send(b"%s receive -p %s -d out 2>zvxfer.stderr; echo ZV-EXIT-$?\r"
+                       % (z.encode(), protocol.encode()))
+            script(shell)
+            shell.send(b"touch %s\r" % pwned.encode())
+            shell.quiet(2.0)
+            shell.send(b"touch %s\r" % pwned.encode())
+            rc = int(shell.wait(rb"ZV-EXIT-(\d+)", "end of zvxfer", 45)[1])
+            # The shell reads its terminal again: anything it got has run by
+            # the time it answers this.
+            shell.send(b"echo M$((40+2))M\r")
+            shell.expect(b"M42M", timeout=15)
+        finally:
+            shell.close()
+        got = os.path.join(run, "out", "f.bin")
+        arrived = want or os.path.exists(got) and read(got) == data
+        if os.path.exists(pwned) or rc != want or not arrived:
+            problems.append("%s: exit %d (not %d), the shell ran what came after the end: %s, "
+                            "the file arrived: %s; terminal:\n%r" % (
+                                protocol, rc, want, os.path.exists(pwned), bool(arrived),
+                                bytes(shell.seen[-400:])))
+    report(problems)
 
 
 # --- noise -----------------------------------------------------------------
@@ -898,7 +712,7 @@ def case_shell_after_failure(z, work):
 NOISE_DEADLINE = 90
 
 
-def noise_run(argv, work, label, interval, chunk, opening=None, results=None):
+def noise_run(argv, work, label, interval, chunk, opening, results):
     # zvxfer under endless random bytes (never CAN: the end must come from
     # zvxfer's own limits, not a cancel drawn by chance); `chunk` bytes every
     # `interval` seconds, after `opening(line)` if given.  Records the exit
@@ -910,16 +724,14 @@ def noise_run(argv, work, label, interval, chunk, opening=None, results=None):
         if opening:
             opening(far)
         while far.proc.poll() is None and time.monotonic() - start < NOISE_DEADLINE:
-            noise = bytes(b if b != CAN else 0x55 for b in rng.randbytes(chunk))
             try:
-                os.write(far.wfd, noise)
+                os.write(far.wfd, rng.randbytes(chunk).replace(bytes([CAN]), b"U"))
             except (BlockingIOError, BrokenPipeError):
                 pass
             far.pump(interval)
-        rc = far.proc.poll()
-        results[label] = (rc, time.monotonic() - start, far.text())
+        results[label] = (far.proc.poll(), time.monotonic() - start, far.stderr())
     except Failure as e:
-        results[label] = ("opening failed: %s" % e, 0, far.text())
+        results[label] = ("opening failed: %s" % e, 0, far.stderr())
     finally:
         far.close()
 
@@ -948,9 +760,9 @@ def case_noise_ends_every_wait(z, work):
                          ["x.bin"] * (protocol == "xmodem")))
         for opening in (None, zmodem_data_phase):
             label = "zmodem-send-%s-%s" % ("data" if opening else "start", rate)
-            f = write(os.path.join(work, label + ".bin"), data_of(12, 200000))  # one file each:
-            runs.append((label, interval, chunk, opening,  # a file being sent is locked
-                         [z, "send", "-p", "zmodem", "-q", f]))
+            # one file each: a file being sent is locked
+            f = write(os.path.join(work, label + ".bin"), data_of(12, 200000))
+            runs.append((label, interval, chunk, opening, [z, "send", "-p", "zmodem", "-q", f]))
     results = {}
     threads = [threading.Thread(target=noise_run, args=(argv, work, label, interval, chunk,
                                                         opening, results))
@@ -959,10 +771,9 @@ def case_noise_ends_every_wait(z, work):
         t.start()
     for t in threads:
         t.join()
-    problems = ["%s: %s after %.0f s; stderr: %s" % (
+    report(["%s: %s after %.0f s; stderr: %r" % (
         label, "still running" if rc is None else "exit %s" % rc, took, err.strip()[-300:])
-        for label, (rc, took, err) in sorted(results.items()) if rc != 1]
-    report(problems)
+        for label, (rc, took, err) in sorted(results.items()) if rc != 1])
 
 
 CASES = {name[5:]: fn for name, fn in globals().items() if name.startswith("case_")}

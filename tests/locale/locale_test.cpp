@@ -4,12 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -23,6 +23,7 @@
 #include "platform/module.h"
 #include "platform/registry.h"
 #include "platform/uilang.h"
+#include "temp_tree.h"
 #include "zvxfer.h"
 
 namespace zvxfer {
@@ -50,33 +51,18 @@ void UseLanguage(ScopedEnv &env, const char *lang) {
     env.Set("LC_ALL", nullptr).Set("LC_MESSAGES", nullptr).Set("LANG", lang);
 }
 
-struct TempDir {
-    std::string path;
-    TempDir() {
-        path = (fs::temp_directory_path() / "zvxfer-locale-XXXXXX").string();
-        EXPECT_NE(mkdtemp(path.data()), nullptr);
-    }
-    ~TempDir() { fs::remove_all(path); }
-    std::string operator/(const std::string &name) const { return path + "/" + name; }
-};
-
-void WriteText(const fs::path &file, const std::string &text) {
-    fs::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary) << text;
-}
-
 // A registry of its own (<dir>/user for HKCU, <dir>/machine for the rest),
 // selected through ZVXFER_REGISTRY_DIR while the object lives.
 struct TestRegistry {
-    TempDir dir;
+    test::TempTree dir;
     ScopedEnv env;
     std::string user, machine;
-    TestRegistry() { env.Set("ZVXFER_REGISTRY_DIR", dir.path.c_str()); }
+    TestRegistry() { env.Set("ZVXFER_REGISTRY_DIR", dir.Folder().c_str()); }
     // One "ROOT\tkey\tname\tdata" line: HKCU to the user file, the rest to the machine file.
     void Add(const std::string &line) {
         (line.starts_with("HKCU") ? user : machine) += line + "\n";
-        WriteText(dir / "user", user);
-        WriteText(dir / "machine", machine);
+        dir.File("user", user);
+        dir.File("machine", machine);
     }
     // "HKLM avail=eng deu|HKCU method=1": values of the locale key.
     void Locale(const std::string &values) {
@@ -96,13 +82,13 @@ struct TestRegistry {
 
 TEST(Registry, FilesRootsAndMatching) {
     TestRegistry reg;
-    WriteText(reg.dir / "user", "HKCU\tBOTH\tV\tuser\nHKCU\tParent\\Child\tV\tchild\n");
-    WriteText(reg.dir / "machine", "# comment\tHKLM\tBoth\tV\tcomment\n\n"
-                                   "HKLM\tBoth\tV\tmachine\r\n"
-                                   "HKLM\tboth\tv\tsecond\n"
-                                   "HKLM\tBoth\t\tdefault\twith tab\n"
-                                   "HKLM\tParent\tV\tparent\n"
-                                   "HKLM\tPar\tV\tpar\n");
+    reg.dir.File("user", "HKCU\tBOTH\tV\tuser\nHKCU\tParent\\Child\tV\tchild\n");
+    reg.dir.File("machine", "# comment\tHKLM\tBoth\tV\tcomment\n\n"
+                            "HKLM\tBoth\tV\tmachine\r\n"
+                            "HKLM\tboth\tv\tsecond\n"
+                            "HKLM\tBoth\t\tdefault\twith tab\n"
+                            "HKLM\tParent\tV\tparent\n"
+                            "HKLM\tPar\tV\tpar\n");
     struct {
         const char *key, *name;
         uint32_t flags;
@@ -128,11 +114,11 @@ TEST(Registry, FilesRootsAndMatching) {
               plat::kErrorMoreData);
     EXPECT_EQ(ReadRegistryString("Both", "V", small, 8, kRegLocalMachineOnly), 0);
     // Without ZVXFER_REGISTRY_DIR the user's file is under the config folder.
-    reg.env.Set("ZVXFER_REGISTRY_DIR", nullptr).Set("HOME", reg.dir.path.c_str());
-    WriteText(reg.dir / ".config/zvxfer/registry", "HKCU\tS\tWho\thome\n");
-    WriteText(reg.dir / "xdg/zvxfer/registry", "HKCU\tS\tWho\txdg\n");
+    reg.env.Set("ZVXFER_REGISTRY_DIR", nullptr).Set("HOME", reg.dir.Folder().c_str());
+    reg.dir.File(".config/zvxfer/registry", "HKCU\tS\tWho\thome\n");
+    reg.dir.File("xdg/zvxfer/registry", "HKCU\tS\tWho\txdg\n");
     for (const char *xdg : {"", "xdg"}) {
-        reg.env.Set("XDG_CONFIG_HOME", *xdg ? (reg.dir / xdg).c_str() : nullptr);
+        reg.env.Set("XDG_CONFIG_HOME", *xdg ? reg.dir.Path(xdg).c_str() : nullptr);
         EXPECT_EQ(ReadRegistryString("S", "Who", small, sizeof small, 0), 0);
         EXPECT_STREQ(small, *xdg ? "xdg" : "home");
     }
@@ -228,6 +214,7 @@ TEST(MessageTable, EachNumberIsWrittenOnceInTheLibrary) {
     ASSERT_NE(source, nullptr) << "run through ctest";
     std::map<int32_t, std::vector<std::string>> seen;
     for (const MessageArguments &message : kMessageArguments) seen[message.number];
+    const std::regex number("(?:^|[^A-Za-z_0-9])([0-9]{5})(?![0-9])"); // whole five-digit runs
     int files = 0;
     for (const auto &entry : fs::recursive_directory_iterator(fs::path(source) / "src")) {
         const std::string extension = entry.path().extension().string();
@@ -238,23 +225,10 @@ TEST(MessageTable, EachNumberIsWrittenOnceInTheLibrary) {
         int lineNumber = 0;
         for (std::string line; std::getline(in, line);) {
             ++lineNumber;
-            for (std::size_t i = 0; i < line.size();) {
-                if (!std::isdigit(static_cast<unsigned char>(line[i]))) {
-                    ++i;
-                    continue;
-                }
-                std::size_t end = i;
-                while (end < line.size() && std::isdigit(static_cast<unsigned char>(line[end])))
-                    ++end;
-                const bool word =
-                    i == 0 ||
-                    !(std::isalpha(static_cast<unsigned char>(line[i - 1])) || line[i - 1] == '_');
-                if (word && end - i == 5) {
-                    auto it = seen.find(std::stoi(line.substr(i, end - i)));
-                    if (it != seen.end())
-                        it->second.push_back(where + ":" + std::to_string(lineNumber));
-                }
-                i = end;
+            for (std::sregex_iterator m(line.begin(), line.end(), number), end; m != end; ++m) {
+                auto it = seen.find(std::stoi((*m)[1]));
+                if (it != seen.end())
+                    it->second.push_back(where + ":" + std::to_string(lineNumber));
             }
         }
     }
@@ -277,7 +251,8 @@ class MessageTextTest : public ::testing::Test {
   protected:
     void SetUp() override {
         Restart();
-        reg_.Add("HKCR\t" + std::string(kComponentKey) + "\t\t" + reg_.dir / "Zv/Lib/ZvXfer.so");
+        reg_.Add("HKCR\t" + std::string(kComponentKey) + "\t\t" +
+                 reg_.dir.Path("Zv/Lib/ZvXfer.so"));
     }
     void TearDown() override { Restart(); }
     static void Restart() {
@@ -286,7 +261,7 @@ class MessageTextTest : public ::testing::Test {
     }
     // Write the unlocalised catalogue and load it again (the cache keeps its texts).
     void Catalogue(const std::string &lines) {
-        WriteText(reg_.dir / "Zv/Lib/zvui32.nls", lines);
+        reg_.dir.File("Zv/Lib/zvui32.nls", lines);
         UnregisterXferDLL();
         ASSERT_EQ(RegisterXferDLL(), 0);
     }
@@ -344,7 +319,7 @@ TEST_F(MessageTextTest, CopiesFromSeveralThreadsNeverMix) {
 
 TEST_F(MessageTextTest, RegistrationLoadsOnceInTheUsersLanguage) {
     reg_.Locale("HKLM avail=eng deu jpn");
-    WriteText(reg_.dir / "Zv/Lib/zvui32.deu.nls", "28258\tdeutsch\n");
+    reg_.dir.File("Zv/Lib/zvui32.deu.nls", "28258\tdeutsch\n");
     // Registered, but no catalogue in the folder: failure, and every number has a text.
     UseLanguage(reg_.env, "ja_JP.UTF-8");
     EXPECT_EQ(RegisterXferDLL(), 1);
@@ -358,7 +333,7 @@ TEST_F(MessageTextTest, RegistrationLoadsOnceInTheUsersLanguage) {
     ASSERT_EQ(RegisterXferDLL(), 0);
     EXPECT_STREQ(MessageText(28258), "deutsch");
     // Loaded once: registering again reads nothing until unregistered.
-    WriteText(reg_.dir / "Zv/Lib/zvui32.deu.nls", "28258\tneu\n");
+    reg_.dir.File("Zv/Lib/zvui32.deu.nls", "28258\tneu\n");
     EXPECT_EQ(RegisterXferDLL(), 0);
     ResetMessageCache();
     EXPECT_STREQ(MessageText(28258), "deutsch");
@@ -386,12 +361,12 @@ TEST(DebugLog, StampedTextToTheSinkOrTheNamedFile) {
     // Without a sink the text goes to the file ZVXFER_DEBUG names, if any.
     ZvSetDebugOutput(nullptr);
     ScopedEnv env;
-    TempDir dir;
-    env.Set("ZVXFER_DEBUG", (dir / "log").c_str());
+    test::TempTree dir;
+    env.Set("ZVXFER_DEBUG", dir.Path("log").c_str());
     DebugLog(0, "kept\n");
     plat::SetLocalTimeSource(nullptr);
     std::ostringstream text;
-    text << std::ifstream(dir / "log").rdbuf();
+    text << std::ifstream(dir.Path("log")).rdbuf();
     EXPECT_EQ(text.str(), "09:05:03.007 kept\n");
 }
 

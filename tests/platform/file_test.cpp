@@ -18,10 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string Content(const std::string &path) {
-    const test::FileBytes bytes = test::ReadFileBytes(path);
-    return std::string(bytes.begin(), bytes.end());
-}
+using test::FileText;
 
 // The names in a folder, sorted; hidden ones included.
 std::vector<std::string> Names(const std::string &folder) {
@@ -75,23 +72,23 @@ TEST_F(Beneath, CreatesBelowTheFolderAndNeverThroughALinkOrIntoAnotherKindOfEntr
         {"./x", false},       {"x/", false},
     };
     for (const Case &c : cases) EXPECT_EQ(Create(in, c.relative), c.opens) << c.relative;
-    EXPECT_EQ(Content(tree.Path("in/a.txt")), "new");
-    EXPECT_EQ(Content(tree.Path("in/sub/deeper/b.txt")), "new");
-    EXPECT_EQ(Content(tree.Path("in/plain")), "plain");
+    EXPECT_EQ(FileText(tree.Path("in/a.txt")), "new");
+    EXPECT_EQ(FileText(tree.Path("in/sub/deeper/b.txt")), "new");
+    EXPECT_EQ(FileText(tree.Path("in/plain")), "plain");
     EXPECT_EQ(Names(outside.Folder()), std::vector<std::string>{"target.txt"});
-    EXPECT_EQ(Content(outside.Path("target.txt")), "outside");
+    EXPECT_EQ(FileText(outside.Path("target.txt")), "outside");
     EXPECT_TRUE(fs::is_symlink(tree.Path("in/dangling")) && fs::is_symlink(tree.Path("in/tofile")));
     EXPECT_FALSE(fs::exists(tree.Path("in/a"))) << "nothing made for a refused name";
 
     // The folder itself may be a link (the user chose it); the empty base is
     // the current folder.
     EXPECT_TRUE(Create(tree.Path("inlink/"), "c.txt"));
-    EXPECT_EQ(Content(tree.Path("in/c.txt")), "new");
+    EXPECT_EQ(FileText(tree.Path("in/c.txt")), "new");
     const fs::path here = fs::current_path();
     fs::current_path(tree.Path("in"));
     const bool inCurrent = Create("", "d.txt");
     fs::current_path(here);
-    EXPECT_TRUE(inCurrent && Content(tree.Path("in/d.txt")) == "new");
+    EXPECT_TRUE(inCurrent && FileText(tree.Path("in/d.txt")) == "new");
 }
 
 TEST_F(Beneath, AnOldFileIsReplacedOnlyByACommittedFileAndNeverWhileHeld) {
@@ -103,12 +100,12 @@ TEST_F(Beneath, AnOldFileIsReplacedOnlyByACommittedFileAndNeverWhileHeld) {
     XferFile f = plat::FileCreateBeneath(in.c_str(), "plain");
     ASSERT_NE(f, XFER_INVALID_FILE);
     ASSERT_TRUE(Write(f, "new content"));
-    EXPECT_EQ(Content(old), "plain");
+    EXPECT_EQ(FileText(old), "plain");
     const std::vector<std::string> during = Names(in);
     ASSERT_EQ(during.size(), before.size() + 1);
     EXPECT_EQ(during[0].rfind(".plain.zvxfer-", 0), 0u) << during[0];
     EXPECT_TRUE(plat::FileClose(f));
-    EXPECT_EQ(Content(old), "plain");
+    EXPECT_EQ(FileText(old), "plain");
     EXPECT_EQ(Names(in), before);
 
     // Committed: the new content under the old name with the old mode.
@@ -118,7 +115,7 @@ TEST_F(Beneath, AnOldFileIsReplacedOnlyByACommittedFileAndNeverWhileHeld) {
     EXPECT_TRUE(plat::FileClose(f));
     struct stat st {};
     ASSERT_EQ(stat(old.c_str(), &st), 0);
-    EXPECT_EQ(Content(old), "new content");
+    EXPECT_EQ(FileText(old), "new content");
     EXPECT_EQ(st.st_mode & 0777, 0640u);
     EXPECT_EQ(Names(in), before);
 
@@ -136,7 +133,7 @@ TEST_F(Beneath, AnOldFileIsReplacedOnlyByACommittedFileAndNeverWhileHeld) {
     f = plat::FileCreateBeneath(in.c_str(), longName.c_str());
     ASSERT_NE(f, XFER_INVALID_FILE);
     EXPECT_TRUE(Write(f, "new") && plat::FileCommit(f) && plat::FileClose(f));
-    EXPECT_EQ(Content(tree.Path("in/" + longName)), "new");
+    EXPECT_EQ(FileText(tree.Path("in/" + longName)), "new");
 }
 
 } // namespace

@@ -18,14 +18,30 @@
 // on the time it took instead of hanging.
 #pragma once
 #include <cstdint>
+#include <gtest/gtest.h>
 #include <random>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "fake_clock.h"
+#include "temp_tree.h"
 #include "test_host.h"
 
 namespace zvxfer::test {
+
+// A port (existing files are overwritten) into a temporary folder on a
+// scripted line, with a clock that moves 100 ms on every tick read.
+struct SteppedPort : ::testing::Test {
+    SteppedPort() { clock.SetStepPerRead(100); }
+    ~SteppedPort() override { port->Ops.PortClose(port); }
+
+    FakeClock clock;
+    TempTree tree;
+    TestHost host;
+    const std::string folder = tree.Folder(); // the port keeps a pointer to it
+    XferPort *port = PortOpen(0, host.Window(), folder.c_str(), XFER_EXISTING_OVERWRITE);
+};
 
 class GarbageFeed {
   public:

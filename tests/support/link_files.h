@@ -24,6 +24,10 @@ inline FileBytes ReadFileBytes(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     return FileBytes(std::istreambuf_iterator<char>(in), {});
 }
+inline std::string FileText(const std::string &path) {
+    const FileBytes bytes = ReadFileBytes(path);
+    return std::string(bytes.begin(), bytes.end());
+}
 
 // A transfer code (-601..-623), a lost line (-1), a time-out (-8) or a full
 // port (-9): the defined ways a run on a bad line may end.

@@ -24,6 +24,7 @@
 // procedure runs on the owner thread (directly, or inside that thread's
 // message waits when the port lives on another thread).
 #pragma once
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -44,6 +45,11 @@ namespace zvxfer::test {
 // What a clean-up puts on the line to cancel: ten CAN, then ten backspaces.
 inline const std::vector<uint8_t> kCancelBytes = {
     0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8};
+inline bool EndsWithCancel(const std::vector<uint8_t> &written) {
+    return written.size() >= kCancelBytes.size() &&
+           std::equal(kCancelBytes.begin(), kCancelBytes.end(),
+                      written.end() - static_cast<long>(kCancelBytes.size()));
+}
 
 class TestHost {
     template <class F>

@@ -1,18 +1,13 @@
 // XMODEM and YMODEM against a far end that sends nothing but garbage, or a
-// block that trickles in a byte a second, and sizes that 32 bits cannot
-// carry.  A clock that moves on every tick read lets minutes of such a line
+// block that trickles in a byte a second, and positions that 32 bits
+// cannot carry.  A clock that moves on every tick read lets minutes of such a line
 // pass in a few seconds.
 #include <climits>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
 
-#include "core/file_facts.h"
-#include "fake_clock.h"
 #include "garbage_feed.h"
-#include "status_log.h"
-#include "temp_tree.h"
-#include "test_host.h"
 #include "xmodem/xmodem.h"
 
 namespace zvxfer::xm {
@@ -21,22 +16,8 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using test::GarbageFeed;
 
-struct HostileLine : ::testing::Test {
-    HostileLine() { clock.SetStepPerRead(100); }
-    ~HostileLine() override { port->Ops.PortClose(port); }
-
-    test::FakeClock clock;
-    test::TempTree tree;
-    test::TestHost host;
-    const std::string folder = tree.Folder(); // the port keeps a pointer to it
-    XferPort *port = PortOpen(0, host.Window(), folder.c_str(), XFER_EXISTING_OVERWRITE);
-};
-
-bool EndsWithCancel(const Bytes &written) {
-    const Bytes &cancel = test::kCancelBytes;
-    return written.size() >= cancel.size() &&
-           std::equal(cancel.begin(), cancel.end(), written.end() - cancel.size());
-}
+using HostileLine = test::SteppedPort;
+using test::EndsWithCancel;
 
 // Every receiver gives up within a minute of endless garbage, whatever its
 // rate, with a defined code and the cancel string.  EOT and CAN stay out of
@@ -74,36 +55,6 @@ TEST_F(HostileLine, ReceiversGiveUpWithinAMinuteOfGarbage) {
         EXPECT_LE(took, 60000u);
         EXPECT_GT(feed.Sent(), c.rate == GarbageFeed::Flood ? 1000u : 10u) << "garbage all along";
         EXPECT_EQ(EndsWithCancel(host.Written()), c.option == 0);
-    }
-}
-
-// A block 0 whose size or time does not fit in 31 bits (or is no number)
-// leaves it unknown, never cut down to its low bits; the size says whether
-// it was a number too large.
-TEST(FileFacts, SizesAndTimesThatDoNotFitAreUnknown) {
-    struct Case {
-        std::string facts;
-        int32_t size, time;
-        bool tooLarge;
-    };
-    const Case cases[] = {
-        {"2147483647 17777777777", INT32_MAX, INT32_MAX, false},
-        {"4294967396 13727410000", 0, 013727410000, true}, // 2^32 + 100
-        {"2147483648 20000000000", 0, -1, true},
-        {"99999999999999999999999999999999 1", 0, 1, true},
-        {"-100 -5", 0, -1, false},
-        {"1e3 0x10", 0, -1, false},
-        {"100abc 12345678", 0, -1, false}, // 8 is no octal digit
-        {"+5 7", 0, 7, false},
-        {"  42   777  0", 42, 0777, false},
-    };
-    for (const Case &c : cases) {
-        std::string text = std::string("name") + '\0' + c.facts;
-        text.resize(128);
-        const FileFacts f = ParseFileFacts({reinterpret_cast<uint8_t *>(text.data()), 128});
-        EXPECT_EQ(f.size, c.size) << c.facts;
-        EXPECT_EQ(f.modTime, c.time) << c.facts;
-        EXPECT_EQ(f.sizeTooLarge, c.tooLarge) << c.facts;
     }
 }
 

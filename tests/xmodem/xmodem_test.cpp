@@ -4,9 +4,11 @@
 // and the time-outs are met to the millisecond);
 // every variant against itself over the link simulator, clean and noisy.
 #include <algorithm>
+#include <climits>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <tuple>
 
 #include "core/crc16.h"
 #include "core/file_facts.h"
@@ -65,7 +67,7 @@ void WriteFile(const std::string &path, const Bytes &data, time_t mtime = 0) {
     if (mtime != 0) utimensat(AT_FDCWD, path.c_str(), times, 0);
 }
 
-TEST(XmodemCodec, Crc16ChecksumAndBlock0Limits) {
+TEST(XmodemCodec, Crc16AndChecksum) {
     EXPECT_EQ(Crc16Block(9, 0, reinterpret_cast<const uint8_t *>("123456789")), 0x31C3);
     EXPECT_EQ(XmChecksum(Bytes{'a', 'b', 'c'}), 0x26);
     EXPECT_EQ(Crc16Block(3, 0, reinterpret_cast<const uint8_t *>("abc")), 0x9DD6);
@@ -80,19 +82,40 @@ TEST(XmodemCodec, Crc16ChecksumAndBlock0Limits) {
                 ASSERT_EQ(Crc16Block(length, start, data.data() + offset), slow)
                     << "length " << length << " offset " << offset << " start " << start;
             }
-    // Block 0 with a name too long for it, or with missing tokens ('|' stands
-    // for the NUL after the name): size 0 and time -1 where nothing is said.
-    auto parse = [](std::string text) {
+}
+
+// Block 0's size and time ('|' stands for the NUL after the name): unknown
+// (size 0, time -1) where nothing is said, where no NUL ends the name, or
+// where they do not fit in 31 bits (or are no numbers), never cut down to
+// their low bits; the size says whether it was a number too large.
+TEST(FileFacts, SizesAndTimesThatAreMissingOrDoNotFitAreUnknown) {
+    const struct {
+        std::string text;
+        int32_t size, time;
+        bool tooLarge;
+    } cases[] = {
+        {"n|2147483647 17777777777", INT32_MAX, INT32_MAX, false},
+        {"n|4294967396 13727410000", 0, 013727410000, true}, // 2^32 + 100
+        {"n|2147483648 20000000000", 0, -1, true},
+        {"n|99999999999999999999999999999999 1", 0, 1, true},
+        {"n|-100 -5", 0, -1, false},
+        {"n|1e3 0x10", 0, -1, false},
+        {"n|100abc 12345678", 0, -1, false}, // 8 is no octal digit
+        {"n|+5 7", 0, 7, false},
+        {"n|  42   777  0", 42, 0777, false},
+        {"a|42", 42, -1, false},
+        {"a|7 0 0", 7, 0, false},
+        {std::string(128, 'n') + "|5 7", 0, -1, false},
+    };
+    for (const auto &c : cases) {
+        std::string text = c.text;
         text.resize(128);
         std::replace(text.begin(), text.end(), '|', '\0');
         const FileFacts f = ParseFileFacts({reinterpret_cast<uint8_t *>(text.data()), 128});
-        return std::pair(f.size, f.modTime);
-    };
-    uint8_t block[128];
-    EXPECT_EQ(FormatFileFacts(block, std::string(140, 'n').c_str(), 5, 7), 128u);
-    EXPECT_EQ(parse(std::string(block, block + 128)), std::pair(0, -1));
-    EXPECT_EQ(parse("a|42"), std::pair(42, -1));
-    EXPECT_EQ(parse("a|7 0 0"), std::pair(7, 0));
+        EXPECT_EQ(std::tuple(f.size, f.modTime, f.sizeTooLarge),
+                  std::tuple(c.size, c.time, c.tooLarge))
+            << c.text;
+    }
 }
 
 // The announcing text in YMODEM's 128-byte block 0 and in ZMODEM's ZFILE
@@ -112,6 +135,7 @@ TEST(FileFacts, TextIsCutAtItsRoomAndTheRestCleared) {
         {128, "e", 0, 0, std::string("e") + '\0' + "0 0 0"},
         {20, "report.txt", 1000, 1600000000, facts.substr(0, 20)},
         {128, std::string(127, 'n'), 5, 7, std::string(127, 'n') + '\0'},
+        {128, longName, 5, 7, longName.substr(0, 128)},
         {1023, longName, 5, 7, longName.substr(0, 1023)},
     };
     for (const auto &c : cases) {
