@@ -225,8 +225,10 @@ TEST_F(AsciiTest, FullOrBlockedPortIsRetriedWithoutLimitOtherFailuresEnd) {
     RefusingPort::refusals = 40000;
     RefusingPort::calls = 0;
     RefusingPort::failAfter = -1;
-    host_.ReceiveAt(clock_.Now() + 20000, "echo");
+    const uint32_t start = clock_.Now();
+    host_.ReceiveAt(start + 20000, "echo");
     EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, &Progress, &Show, 0, 0, 0), 1);
+    EXPECT_GT(clock_.Now() - start, 30000u) << "longer than a patient writer would wait";
     EXPECT_EQ(host_.WrittenString(), "hello\rworld\r");
     EXPECT_EQ(Shown, "echo") << "drained while the port refused";
     EXPECT_GT(progressAt_.size(), 40000u) << "an abort check with every retry";
