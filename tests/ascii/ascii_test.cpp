@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "ascii/protocol.h"
 #include "fake_clock.h"
 #include "link_files.h"
 #include "link_pair.h"
@@ -66,6 +67,22 @@ class AsciiTest : public ::testing::Test {
         return lines;
     }
 
+    // The entries with their option words as a list (the exported variadic
+    // forms are run by the option-table and link-pair tests).
+    int32_t Send(std::string names, uint8_t dropLf, int32_t delay, std::vector<int32_t> words = {0},
+                 XferProgressFn progress = nullptr, XferCharFn show = nullptr) {
+        return ascii::AsciiSendEntry({port_, names.data(), nullptr, progress, show, dropLf, delay},
+                                     words);
+    }
+    int32_t Capture(std::vector<int32_t> words = {0}, uint8_t dropLf = 0,
+                    XferProgressFn progress = nullptr, XferCharFn show = nullptr) {
+        return ascii::AsciiReceiveEntry({port_, cap_.data(), nullptr, progress, show, dropLf, 0},
+                                        words);
+    }
+    void Drain() {
+        while (host_.Unread() != 0) port_->Ops.ReadChar(port_);
+    }
+
     std::string Names(std::initializer_list<const char *> files) {
         std::string names;
         for (const char *f : files) names += "\"" + tree_.Path(f) + "\",";
@@ -94,6 +111,7 @@ class AsciiTest : public ::testing::Test {
     static inline AsciiTest *self_ = nullptr;
     test::FakeClock clock_{test::FakeClock::kSleepless};
     test::TempTree tree_;
+    std::string cap_ = tree_.Path("cap.txt");
     test::TestHost host_;
     XferPort *port_ = nullptr;
     std::vector<uint32_t> progressAt_;
@@ -133,9 +151,7 @@ TEST_F(AsciiTest, SenderCutsLinesAndWaitsTheDelayAfterEach) {
         std::string names = Names({"t.txt"});
         host_.ClearWritten();
         const uint32_t start = clock_.Now();
-        EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, nullptr, c.dropLf,
-                                       kDelay, 0),
-                  1);
+        EXPECT_EQ(Send(names, c.dropLf, kDelay), 1);
         EXPECT_EQ(WrittenLines(), c.lines);
         const std::vector<uint32_t> times = host_.WriteTimes();
         std::vector<uint32_t> starts;
@@ -156,12 +172,12 @@ TEST_F(AsciiTest, FilesFollowOneAnotherAndNoneMatchingIsRefused) {
     WriteFile(tree_.Path("b"), "");
     WriteFile(tree_.Path("c"), "three\r");
     std::string names = Names({"a", "b", "c"});
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, nullptr, 0, 10, 0), 3);
+    EXPECT_EQ(Send(names, 0, 10), 3);
     EXPECT_EQ(WrittenLines(), (Lines{"one\r", "two", "three\r"}));
 
     host_.ClearWritten();
     std::string none = Names({"nothing*"});
-    EXPECT_EQ(AsciiSendWithOptions(port_, none.data(), nullptr, nullptr, nullptr, 0, 10, 0), -619);
+    EXPECT_EQ(Send(none, 0, 10), -619);
     EXPECT_EQ(host_.WrittenString(), "");
 
     // A file that opens but cannot be read fails the transfer: it is not
@@ -169,7 +185,7 @@ TEST_F(AsciiTest, FilesFollowOneAnotherAndNoneMatchingIsRefused) {
     port_->Hooks->FileOpenFunction = [](XferRecord *, const char *, const char *) -> XferFile {
         return open("/dev/null", O_WRONLY | O_CLOEXEC);
     };
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, nullptr, 0, 0, 0), -607);
+    EXPECT_EQ(Send(names, 0, 0), -607);
     EXPECT_EQ(host_.WrittenString(), "");
 }
 
@@ -181,20 +197,19 @@ TEST_F(AsciiTest, EchoGoesToTheCallbackOrIsDroppedAndAnAbortEndsTheDelay) {
     const uint32_t start = clock_.Now();
     host_.ReceiveAt(start, "AB");
     host_.ReceiveAt(start + 100, "CD");
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, &Show, 0, 100, 0), 1);
+    EXPECT_EQ(Send(names, 0, 100, {0}, nullptr, &Show), 1);
     EXPECT_EQ(Shown, "ABCD");
 
     Shown.clear();
     host_.ClearWritten();
     host_.Receive("lost");
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, nullptr, 0, 0, 0), 1);
+    EXPECT_EQ(Send(names, 0, 0), 1);
     EXPECT_EQ(host_.Unread(), 0u);
     EXPECT_EQ(Shown, "");
 
     host_.ClearWritten();
     StopAt(clock_.Now() + 150);
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, nullptr, 0, 100, 0),
-              -605);
+    EXPECT_EQ(Send(names, 0, 100), -605);
     EXPECT_EQ(WrittenLines(), (Lines{"ab\r", "cd\r"}));
 }
 
@@ -227,7 +242,7 @@ TEST_F(AsciiTest, FullOrBlockedPortIsRetriedWithoutLimitOtherFailuresEnd) {
     RefusingPort::failAfter = -1;
     const uint32_t start = clock_.Now();
     host_.ReceiveAt(start + 20000, "echo");
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, &Progress, &Show, 0, 0, 0), 1);
+    EXPECT_EQ(Send(names, 0, 0, {0}, &Progress, &Show), 1);
     EXPECT_GT(clock_.Now() - start, 30000u) << "longer than a patient writer would wait";
     EXPECT_EQ(host_.WrittenString(), "hello\rworld\r");
     EXPECT_EQ(Shown, "echo") << "drained while the port refused";
@@ -238,7 +253,7 @@ TEST_F(AsciiTest, FullOrBlockedPortIsRetriedWithoutLimitOtherFailuresEnd) {
     RefusingPort::refusals = 3;
     RefusingPort::calls = 0;
     RefusingPort::failAfter = 7; // three refusals, "hell", then a failure
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, nullptr, 0, 0, 0), -615);
+    EXPECT_EQ(Send(names, 0, 0), -615);
     EXPECT_EQ(host_.WrittenString(), "hell");
     port_->Ops.WriteChar = RefusingPort::write;
 }
@@ -268,21 +283,14 @@ TEST_F(AsciiTest, CaptureTakesEveryByteUntilTheLineIsQuiet) {
         SCOPED_TRACE(c.what);
         Shown.clear();
         progressAt_.clear();
-        const std::string name = tree_.Path("cap.txt");
+        const std::string &name = cap_;
         const uint32_t start = clock_.Now();
         std::string sent;
         for (const auto &[at, bytes] : c.arrivals) {
             host_.ReceiveAt(start + at, bytes);
             sent += bytes;
         }
-        const int32_t *o = c.options.data();
-        const int32_t result =
-            c.options.size() == 1
-                ? AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr,
-                                          &Progress, &Show, c.dropLf, 0)
-                : AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr,
-                                          &Progress, &Show, c.dropLf, o[0], o[1], 0);
-        EXPECT_EQ(result, -617);
+        EXPECT_EQ(Capture(c.options, c.dropLf, &Progress, &Show), -617);
         EXPECT_EQ(ReadFile(name), c.file);
         EXPECT_EQ(Shown, sent);
         ASSERT_FALSE(progressAt_.empty());
@@ -296,13 +304,11 @@ TEST_F(AsciiTest, CaptureTakesEveryByteUntilTheLineIsQuiet) {
 // only an abort ends the capture, and the file it stopped takes the place
 // of the old one of its name.
 TEST_F(AsciiTest, CaptureChecksForAnAbortEvery256BytesAndWithoutLimitEndsOnlySo) {
-    const std::string name = tree_.Path("cap.txt");
+    const std::string &name = cap_;
     const std::string text(300, 'z');
     host_.Receive(text);
     positions_.clear();
-    EXPECT_EQ(AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr, &Progress,
-                                      nullptr, 0, 1012, 100, 0),
-              -617);
+    EXPECT_EQ(Capture({1012, 100, 0}, 0, &Progress), -617);
     std::vector<int32_t> inLoop;
     for (int32_t p : positions_)
         if (p > 0 && p < 300) inLoop.push_back(p);
@@ -311,19 +317,15 @@ TEST_F(AsciiTest, CaptureChecksForAnAbortEvery256BytesAndWithoutLimitEndsOnlySo)
     WriteFile(name, "old");
     host_.Receive(text);
     StopAt(UINT32_MAX, 256);
-    EXPECT_EQ(AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr, nullptr,
-                                      nullptr, 0, 0),
-              -605);
+    EXPECT_EQ(Capture(), -605);
     EXPECT_EQ(ReadFile(name), std::string(255, 'z'));
-    while (host_.Unread() != 0) port_->Ops.ReadChar(port_);
+    Drain();
 
     WriteFile(name, "old");
     const uint32_t start = clock_.Now();
     host_.ReceiveAt(start + 30000, "late");
     StopAt(start + 60000);
-    EXPECT_EQ(AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr, nullptr,
-                                      nullptr, 0, 1012, -1, 0),
-              -605);
+    EXPECT_EQ(Capture({1012, -1, 0}), -605);
     EXPECT_GE(clock_.Now() - start, 60000u);
     EXPECT_EQ(ReadFile(name), "late");
 }
@@ -332,15 +334,14 @@ TEST_F(AsciiTest, CaptureChecksForAnAbortEvery256BytesAndWithoutLimitEndsOnlySo)
 // -607; either leaves an old file of the name as it was.  An existing file
 // under the skip policy is kept and nothing is taken from the line.
 TEST_F(AsciiTest, CaptureFailuresKeepTheOldFile) {
-    const std::string name = tree_.Path("cap.txt");
+    const std::string &name = cap_;
     WriteFile(name, "old");
     const XferPortOps ops = port_->Ops;
     static int waiting; // bytes the port claims to hold (the clean-up drains it too)
     waiting = 5;
     port_->Ops.RxCount = [](XferPort *) { return waiting > 0 ? waiting-- : 0; };
     port_->Ops.ReadChar = [](XferPort *) { return int32_t{PortGeneralError}; };
-    const int32_t unreadable = AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()),
-                                                       nullptr, nullptr, nullptr, 0, 0);
+    const int32_t unreadable = Capture();
     port_->Ops = ops;
     EXPECT_EQ(unreadable, -616);
     EXPECT_EQ(ReadFile(name), "old");
@@ -349,18 +350,14 @@ TEST_F(AsciiTest, CaptureFailuresKeepTheOldFile) {
         return open("/dev/null", O_RDONLY | O_CLOEXEC);
     };
     host_.Receive("new");
-    EXPECT_EQ(AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr, nullptr,
-                                      nullptr, 0, 0),
-              -607);
+    EXPECT_EQ(Capture(), -607);
     port_->Hooks->FileOpenFunction = nullptr;
     EXPECT_EQ(ReadFile(name), "old");
-    while (host_.Unread() != 0) port_->Ops.ReadChar(port_);
+    Drain();
 
     port_->ExistingFilePolicy = XFER_EXISTING_SKIP;
     host_.Receive("new");
-    EXPECT_EQ(AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr, nullptr,
-                                      nullptr, 0, 0),
-              1);
+    EXPECT_EQ(Capture(), 1);
     EXPECT_EQ(ReadFile(name), "old");
     EXPECT_EQ(host_.Unread(), 3u);
 }
@@ -399,7 +396,7 @@ TEST_F(AsciiTest, EachEntryRefusesOptionsNotItsOwn) {
         EXPECT_EQ(got, c.receive ? -617 : -7);
         EXPECT_EQ(std::filesystem::exists(target), c.receive);
         std::filesystem::remove(target);
-        while (host_.Unread() != 0) port_->Ops.ReadChar(port_);
+        Drain();
     }
 }
 
@@ -424,7 +421,7 @@ TEST_F(AsciiTest, GenericEntriesDriveBothDirections) {
               1);
     EXPECT_EQ(host_.WrittenString(), "ab\r\ncd\r\n");
 
-    const std::string name = tree_.Path("cap.txt");
+    const std::string &name = cap_;
     EXPECT_EQ(CLFileReceive(port_, Ascii, const_cast<char *>(name.c_str()), 0,
                             CLSetFileTransferOptions(subfolders), nullptr, &Progress),
               -7);
