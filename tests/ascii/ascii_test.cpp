@@ -102,6 +102,9 @@ class AsciiTest : public ::testing::Test {
         if (self_->abortAtByte_ != 0 && r->FilePos >= self_->abortAtByte_) return XferErrUserAbort;
         return 0;
     }
+    static int32_t StopLate(XferRecord *) {
+        return self_->clock_.Now() >= self_->abortAt_ ? 1234 : 0;
+    }
     void StopAt(uint32_t tick, int32_t byte = 0) {
         abortAt_ = tick;
         abortAtByte_ = byte;
@@ -190,7 +193,8 @@ TEST_F(AsciiTest, FilesFollowOneAnotherAndNoneMatchingIsRefused) {
 }
 
 // The echo is drained after every line through the character callback, and
-// dropped without one.  An abort during the delay ends the upload there.
+// dropped without one.  An abort during the delay ends the upload there, and
+// so does an idle hook that asks to stop.
 TEST_F(AsciiTest, EchoGoesToTheCallbackOrIsDroppedAndAnAbortEndsTheDelay) {
     WriteFile(tree_.Path("t"), "ab\rcd\ref\r");
     std::string names = Names({"t"});
@@ -211,6 +215,19 @@ TEST_F(AsciiTest, EchoGoesToTheCallbackOrIsDroppedAndAnAbortEndsTheDelay) {
     StopAt(clock_.Now() + 150);
     EXPECT_EQ(Send(names, 0, 100), -605);
     EXPECT_EQ(WrittenLines(), (Lines{"ab\r", "cd\r"}));
+
+    // An idle hook that answers negative (the application is closing) stops
+    // the upload during its delay, and a capture without a time limit.
+    abortAt_ = clock_.Now() + 60000; // else a stop of another kind, in case it ran on
+    port_->Hooks->AbortFunction = &StopLate;
+    const XferIdleFn idle = port_->Hooks->IdleFunction;
+    port_->Hooks->IdleFunction = [](XferPort *) { return int32_t{-1}; };
+    host_.ClearWritten();
+    const int32_t upload = Send(names, 0, 100), capture = Capture({1012, -1, 0});
+    port_->Hooks->IdleFunction = idle;
+    EXPECT_EQ(upload, -605);
+    EXPECT_EQ(host_.WrittenString(), "ab\r");
+    EXPECT_EQ(capture, -605);
 }
 
 // A port that answers -9 or -36 gets the same byte again, for as long as it
