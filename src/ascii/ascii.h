@@ -37,6 +37,12 @@ inline intptr_t &IdleTimeoutMs(XferRecord *r) {
     return r->ProtocolParam;
 }
 
+// One more byte in the byte count.  A capture may run past 2^31 bytes; the
+// count then wraps instead of overflowing (every 256th byte stays one).
+inline void CountByte(XferRecord *r) {
+    r->FilePos = static_cast<int32_t>(static_cast<uint32_t>(r->FilePos) + 1u);
+}
+
 // Send every file of the record's send list; Result -619 when the list
 // yields no file.  Ends with XferCleanup.
 void AsciiSend(XferRecord *r);

@@ -34,7 +34,7 @@ Step TakeWaiting(XferRecord *r) {
         }
         const auto byte = static_cast<uint8_t>(c & 0xFF);
         if (show != nullptr) show(byte);
-        ++r->FilePos;
+        CountByte(r);
         if (r->FilePos % kAbortCheckEvery == 0 && XferCheckAbort(r)) return Step::Stop;
         if (dropLf && byte == kLf) continue;
         if (plat::FileWrite(r->File, &byte, 1) != 1) {

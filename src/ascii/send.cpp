@@ -37,7 +37,7 @@ LineRead ReadLine(XferRecord *r) {
             return LineRead::Failed;
         }
         if (got == 0) break;
-        ++r->FilePos;
+        CountByte(r);
         if (dropLf && byte == kLf) continue;
         r->Buffer[stored++] = byte;
         if (byte == kCr) break;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "ascii/protocol.h"
 #include "fake_clock.h"
 #include "link_files.h"
 #include "link_pair.h"
@@ -66,6 +67,22 @@ class AsciiTest : public ::testing::Test {
         return lines;
     }
 
+    // The entries with their option words as a list (the exported variadic
+    // forms are run by the option-table and link-pair tests).
+    int32_t Send(std::string names, uint8_t dropLf, int32_t delay, std::vector<int32_t> words = {0},
+                 XferProgressFn progress = nullptr, XferCharFn show = nullptr) {
+        return ascii::AsciiSendEntry({port_, names.data(), nullptr, progress, show, dropLf, delay},
+                                     words);
+    }
+    int32_t Capture(std::vector<int32_t> words = {0}, uint8_t dropLf = 0,
+                    XferProgressFn progress = nullptr, XferCharFn show = nullptr) {
+        return ascii::AsciiReceiveEntry({port_, cap_.data(), nullptr, progress, show, dropLf, 0},
+                                        words);
+    }
+    void Drain() {
+        while (host_.Unread() != 0) port_->Ops.ReadChar(port_);
+    }
+
     std::string Names(std::initializer_list<const char *> files) {
         std::string names;
         for (const char *f : files) names += "\"" + tree_.Path(f) + "\",";
@@ -85,6 +102,9 @@ class AsciiTest : public ::testing::Test {
         if (self_->abortAtByte_ != 0 && r->FilePos >= self_->abortAtByte_) return XferErrUserAbort;
         return 0;
     }
+    static int32_t StopLate(XferRecord *) {
+        return self_->clock_.Now() >= self_->abortAt_ ? 1234 : 0;
+    }
     void StopAt(uint32_t tick, int32_t byte = 0) {
         abortAt_ = tick;
         abortAtByte_ = byte;
@@ -94,6 +114,7 @@ class AsciiTest : public ::testing::Test {
     static inline AsciiTest *self_ = nullptr;
     test::FakeClock clock_{test::FakeClock::kSleepless};
     test::TempTree tree_;
+    std::string cap_ = tree_.Path("cap.txt");
     test::TestHost host_;
     XferPort *port_ = nullptr;
     std::vector<uint32_t> progressAt_;
@@ -118,7 +139,11 @@ TEST_F(AsciiTest, SenderCutsLinesAndWaitsTheDelayAfterEach) {
         {"no CR: 82 82 36", x200, 0, {x200.substr(0, 82), x200.substr(82, 82), x200.substr(164)}},
         {"CR as the 82nd byte", std::string(81, 'x') + "\r", 0, {std::string(81, 'x') + "\r"}},
         {"CR after 82", x82 + "\rz", 0, {x82, "\r", "z"}},
-        {"dropped LFs do not count", "\n" + x82 + "\n\nq", 1, {x82, "q"}},
+        {"dropped LFs do not count",
+         std::string(41, 'x') + "\n" + x82,
+         1,
+         {x82, std::string(41, 'x')}},
+        {"LFs only at line starts", "\n" + x82 + "\n\nq", 1, {x82, "q"}},
         {"only LFs, dropped", "\n\n\n", 1, {}},
         {"empty file", "", 0, {}},
     };
@@ -129,9 +154,7 @@ TEST_F(AsciiTest, SenderCutsLinesAndWaitsTheDelayAfterEach) {
         std::string names = Names({"t.txt"});
         host_.ClearWritten();
         const uint32_t start = clock_.Now();
-        EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, nullptr, c.dropLf,
-                                       kDelay, 0),
-                  1);
+        EXPECT_EQ(Send(names, c.dropLf, kDelay), 1);
         EXPECT_EQ(WrittenLines(), c.lines);
         const std::vector<uint32_t> times = host_.WriteTimes();
         std::vector<uint32_t> starts;
@@ -152,12 +175,12 @@ TEST_F(AsciiTest, FilesFollowOneAnotherAndNoneMatchingIsRefused) {
     WriteFile(tree_.Path("b"), "");
     WriteFile(tree_.Path("c"), "three\r");
     std::string names = Names({"a", "b", "c"});
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, nullptr, 0, 10, 0), 3);
+    EXPECT_EQ(Send(names, 0, 10), 3);
     EXPECT_EQ(WrittenLines(), (Lines{"one\r", "two", "three\r"}));
 
     host_.ClearWritten();
     std::string none = Names({"nothing*"});
-    EXPECT_EQ(AsciiSendWithOptions(port_, none.data(), nullptr, nullptr, nullptr, 0, 10, 0), -619);
+    EXPECT_EQ(Send(none, 0, 10), -619);
     EXPECT_EQ(host_.WrittenString(), "");
 
     // A file that opens but cannot be read fails the transfer: it is not
@@ -165,33 +188,46 @@ TEST_F(AsciiTest, FilesFollowOneAnotherAndNoneMatchingIsRefused) {
     port_->Hooks->FileOpenFunction = [](XferRecord *, const char *, const char *) -> XferFile {
         return open("/dev/null", O_WRONLY | O_CLOEXEC);
     };
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, nullptr, 0, 0, 0), -607);
+    EXPECT_EQ(Send(names, 0, 0), -607);
     EXPECT_EQ(host_.WrittenString(), "");
 }
 
 // The echo is drained after every line through the character callback, and
-// dropped without one.  An abort during the delay ends the upload there.
+// dropped without one.  An abort during the delay ends the upload there, and
+// so does an idle hook that asks to stop.
 TEST_F(AsciiTest, EchoGoesToTheCallbackOrIsDroppedAndAnAbortEndsTheDelay) {
     WriteFile(tree_.Path("t"), "ab\rcd\ref\r");
     std::string names = Names({"t"});
     const uint32_t start = clock_.Now();
     host_.ReceiveAt(start, "AB");
     host_.ReceiveAt(start + 100, "CD");
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, &Show, 0, 100, 0), 1);
+    EXPECT_EQ(Send(names, 0, 100, {0}, nullptr, &Show), 1);
     EXPECT_EQ(Shown, "ABCD");
 
     Shown.clear();
     host_.ClearWritten();
     host_.Receive("lost");
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, nullptr, 0, 0, 0), 1);
+    EXPECT_EQ(Send(names, 0, 0), 1);
     EXPECT_EQ(host_.Unread(), 0u);
     EXPECT_EQ(Shown, "");
 
     host_.ClearWritten();
     StopAt(clock_.Now() + 150);
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, nullptr, 0, 100, 0),
-              -605);
+    EXPECT_EQ(Send(names, 0, 100), -605);
     EXPECT_EQ(WrittenLines(), (Lines{"ab\r", "cd\r"}));
+
+    // An idle hook that answers negative (the application is closing) stops
+    // the upload during its delay, and a capture without a time limit.
+    abortAt_ = clock_.Now() + 60000; // else a stop of another kind, in case it ran on
+    port_->Hooks->AbortFunction = &StopLate;
+    const XferIdleFn idle = port_->Hooks->IdleFunction;
+    port_->Hooks->IdleFunction = [](XferPort *) { return int32_t{-1}; };
+    host_.ClearWritten();
+    const int32_t upload = Send(names, 0, 100), capture = Capture({1012, -1, 0});
+    port_->Hooks->IdleFunction = idle;
+    EXPECT_EQ(upload, -605);
+    EXPECT_EQ(host_.WrittenString(), "ab\r");
+    EXPECT_EQ(capture, -605);
 }
 
 // A port that answers -9 or -36 gets the same byte again, for as long as it
@@ -221,8 +257,10 @@ TEST_F(AsciiTest, FullOrBlockedPortIsRetriedWithoutLimitOtherFailuresEnd) {
     RefusingPort::refusals = 40000;
     RefusingPort::calls = 0;
     RefusingPort::failAfter = -1;
-    host_.ReceiveAt(clock_.Now() + 20000, "echo");
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, &Progress, &Show, 0, 0, 0), 1);
+    const uint32_t start = clock_.Now();
+    host_.ReceiveAt(start + 20000, "echo");
+    EXPECT_EQ(Send(names, 0, 0, {0}, &Progress, &Show), 1);
+    EXPECT_GT(clock_.Now() - start, 30000u) << "longer than a patient writer would wait";
     EXPECT_EQ(host_.WrittenString(), "hello\rworld\r");
     EXPECT_EQ(Shown, "echo") << "drained while the port refused";
     EXPECT_GT(progressAt_.size(), 40000u) << "an abort check with every retry";
@@ -232,7 +270,7 @@ TEST_F(AsciiTest, FullOrBlockedPortIsRetriedWithoutLimitOtherFailuresEnd) {
     RefusingPort::refusals = 3;
     RefusingPort::calls = 0;
     RefusingPort::failAfter = 7; // three refusals, "hell", then a failure
-    EXPECT_EQ(AsciiSendWithOptions(port_, names.data(), nullptr, nullptr, nullptr, 0, 0, 0), -615);
+    EXPECT_EQ(Send(names, 0, 0), -615);
     EXPECT_EQ(host_.WrittenString(), "hell");
     port_->Ops.WriteChar = RefusingPort::write;
 }
@@ -262,21 +300,14 @@ TEST_F(AsciiTest, CaptureTakesEveryByteUntilTheLineIsQuiet) {
         SCOPED_TRACE(c.what);
         Shown.clear();
         progressAt_.clear();
-        const std::string name = tree_.Path("cap.txt");
+        const std::string &name = cap_;
         const uint32_t start = clock_.Now();
         std::string sent;
         for (const auto &[at, bytes] : c.arrivals) {
             host_.ReceiveAt(start + at, bytes);
             sent += bytes;
         }
-        const int32_t *o = c.options.data();
-        const int32_t result =
-            c.options.size() == 1
-                ? AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr,
-                                          &Progress, &Show, c.dropLf, 0)
-                : AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr,
-                                          &Progress, &Show, c.dropLf, o[0], o[1], 0);
-        EXPECT_EQ(result, -617);
+        EXPECT_EQ(Capture(c.options, c.dropLf, &Progress, &Show), -617);
         EXPECT_EQ(ReadFile(name), c.file);
         EXPECT_EQ(Shown, sent);
         ASSERT_FALSE(progressAt_.empty());
@@ -290,13 +321,11 @@ TEST_F(AsciiTest, CaptureTakesEveryByteUntilTheLineIsQuiet) {
 // only an abort ends the capture, and the file it stopped takes the place
 // of the old one of its name.
 TEST_F(AsciiTest, CaptureChecksForAnAbortEvery256BytesAndWithoutLimitEndsOnlySo) {
-    const std::string name = tree_.Path("cap.txt");
+    const std::string &name = cap_;
     const std::string text(300, 'z');
     host_.Receive(text);
     positions_.clear();
-    EXPECT_EQ(AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr, &Progress,
-                                      nullptr, 0, 1012, 100, 0),
-              -617);
+    EXPECT_EQ(Capture({1012, 100, 0}, 0, &Progress), -617);
     std::vector<int32_t> inLoop;
     for (int32_t p : positions_)
         if (p > 0 && p < 300) inLoop.push_back(p);
@@ -305,19 +334,15 @@ TEST_F(AsciiTest, CaptureChecksForAnAbortEvery256BytesAndWithoutLimitEndsOnlySo)
     WriteFile(name, "old");
     host_.Receive(text);
     StopAt(UINT32_MAX, 256);
-    EXPECT_EQ(AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr, nullptr,
-                                      nullptr, 0, 0),
-              -605);
+    EXPECT_EQ(Capture(), -605);
     EXPECT_EQ(ReadFile(name), std::string(255, 'z'));
-    while (host_.Unread() != 0) port_->Ops.ReadChar(port_);
+    Drain();
 
     WriteFile(name, "old");
     const uint32_t start = clock_.Now();
     host_.ReceiveAt(start + 30000, "late");
     StopAt(start + 60000);
-    EXPECT_EQ(AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr, nullptr,
-                                      nullptr, 0, 1012, -1, 0),
-              -605);
+    EXPECT_EQ(Capture({1012, -1, 0}), -605);
     EXPECT_GE(clock_.Now() - start, 60000u);
     EXPECT_EQ(ReadFile(name), "late");
 }
@@ -326,15 +351,14 @@ TEST_F(AsciiTest, CaptureChecksForAnAbortEvery256BytesAndWithoutLimitEndsOnlySo)
 // -607; either leaves an old file of the name as it was.  An existing file
 // under the skip policy is kept and nothing is taken from the line.
 TEST_F(AsciiTest, CaptureFailuresKeepTheOldFile) {
-    const std::string name = tree_.Path("cap.txt");
+    const std::string &name = cap_;
     WriteFile(name, "old");
     const XferPortOps ops = port_->Ops;
     static int waiting; // bytes the port claims to hold (the clean-up drains it too)
     waiting = 5;
     port_->Ops.RxCount = [](XferPort *) { return waiting > 0 ? waiting-- : 0; };
     port_->Ops.ReadChar = [](XferPort *) { return int32_t{PortGeneralError}; };
-    const int32_t unreadable = AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()),
-                                                       nullptr, nullptr, nullptr, 0, 0);
+    const int32_t unreadable = Capture();
     port_->Ops = ops;
     EXPECT_EQ(unreadable, -616);
     EXPECT_EQ(ReadFile(name), "old");
@@ -343,18 +367,14 @@ TEST_F(AsciiTest, CaptureFailuresKeepTheOldFile) {
         return open("/dev/null", O_RDONLY | O_CLOEXEC);
     };
     host_.Receive("new");
-    EXPECT_EQ(AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr, nullptr,
-                                      nullptr, 0, 0),
-              -607);
+    EXPECT_EQ(Capture(), -607);
     port_->Hooks->FileOpenFunction = nullptr;
     EXPECT_EQ(ReadFile(name), "old");
-    while (host_.Unread() != 0) port_->Ops.ReadChar(port_);
+    Drain();
 
     port_->ExistingFilePolicy = XFER_EXISTING_SKIP;
     host_.Receive("new");
-    EXPECT_EQ(AsciiReceiveWithOptions(port_, const_cast<char *>(name.c_str()), nullptr, nullptr,
-                                      nullptr, 0, 0),
-              1);
+    EXPECT_EQ(Capture(), 1);
     EXPECT_EQ(ReadFile(name), "old");
     EXPECT_EQ(host_.Unread(), 3u);
 }
@@ -393,7 +413,7 @@ TEST_F(AsciiTest, EachEntryRefusesOptionsNotItsOwn) {
         EXPECT_EQ(got, c.receive ? -617 : -7);
         EXPECT_EQ(std::filesystem::exists(target), c.receive);
         std::filesystem::remove(target);
-        while (host_.Unread() != 0) port_->Ops.ReadChar(port_);
+        Drain();
     }
 }
 
@@ -418,7 +438,7 @@ TEST_F(AsciiTest, GenericEntriesDriveBothDirections) {
               1);
     EXPECT_EQ(host_.WrittenString(), "ab\r\ncd\r\n");
 
-    const std::string name = tree_.Path("cap.txt");
+    const std::string &name = cap_;
     EXPECT_EQ(CLFileReceive(port_, Ascii, const_cast<char *>(name.c_str()), 0,
                             CLSetFileTransferOptions(subfolders), nullptr, &Progress),
               -7);
