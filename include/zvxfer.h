@@ -498,6 +498,17 @@ ZVXFER_EXTERN FileTransferOptions *CLSetFileTransferOptions(const int32_t *list)
 ZVXFER_EXTERN int32_t CLFileSend(XferPort *port, int32_t protocol, char *names, int32_t asciiFlag,
                                  int32_t asciiValue, FileTransferOptions *block,
                                  XferStatusFn status, XferProgressFn progress) ZVXFER_NOEXCEPT;
+/**
+ * Receive with protocol number `protocol`, its options taken from `block`
+ * (released before the call returns, whatever the outcome).
+ * @param[in] name       the file to write: XMODEM, XMODEM-1K and ASCII only
+ * @param[in] asciiFlag  ASCII: non-zero drops received line feeds
+ * @return the protocol entry's result, or -7 for a protocol number that has
+ * none.  For ASCII the block's receive time-out (option 1012 and its value)
+ * is passed on as well, so a silence limit set in the block reaches the
+ * capture; its subfolder option (1009) is passed too and makes an ASCII
+ * receive fail with -7.
+ */
 ZVXFER_EXTERN int32_t CLFileReceive(XferPort *port, int32_t protocol, char *name, int32_t asciiFlag,
                                     FileTransferOptions *block, XferStatusFn status,
                                     XferProgressFn progress) ZVXFER_NOEXCEPT;

@@ -118,7 +118,11 @@ TEST_F(AsciiTest, SenderCutsLinesAndWaitsTheDelayAfterEach) {
         {"no CR: 82 82 36", x200, 0, {x200.substr(0, 82), x200.substr(82, 82), x200.substr(164)}},
         {"CR as the 82nd byte", std::string(81, 'x') + "\r", 0, {std::string(81, 'x') + "\r"}},
         {"CR after 82", x82 + "\rz", 0, {x82, "\r", "z"}},
-        {"dropped LFs do not count", "\n" + x82 + "\n\nq", 1, {x82, "q"}},
+        {"dropped LFs do not count",
+         std::string(41, 'x') + "\n" + x82,
+         1,
+         {x82, std::string(41, 'x')}},
+        {"LFs only at line starts", "\n" + x82 + "\n\nq", 1, {x82, "q"}},
         {"only LFs, dropped", "\n\n\n", 1, {}},
         {"empty file", "", 0, {}},
     };
