@@ -76,6 +76,12 @@ void OutputDebugString(const char *text) {
     File().Write(text);
 }
 
+bool DebugOutputWanted() {
+    if (gSink.load(std::memory_order_acquire) != nullptr) return true;
+    const char *name = std::getenv("ZVXFER_DEBUG");
+    return name != nullptr && *name != '\0';
+}
+
 [[noreturn]] void FatalAppExit(const char *text) {
     std::string line = std::string(text != nullptr ? text : "") + "\n";
     ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());

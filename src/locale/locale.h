@@ -1,6 +1,7 @@
 // Message texts by number, the language choice, registration of the message
 // catalogue, and the debug log.
 #pragma once
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 
@@ -20,6 +21,7 @@ void MessageTextCopy(int32_t number, char *buffer, std::size_t size);
 
 // Time-stamped trace line to the debugger output.
 void DebugLog(uintptr_t context, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void DebugLogV(uintptr_t context, const char *format, va_list args);
 
 // Language selection (exposed for tests).
 int32_t ReadRegistryString(const char *keyPath, const char *valueName, char *buffer,
