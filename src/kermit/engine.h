@@ -148,6 +148,8 @@ class KermitEngine {
     // ---- protocol (exchange.cpp, params.cpp, send_side.cpp,
     //      receive_side.cpp) ---------------------------------------------
     int wart();
+    // The action for an event in a state: 1..22, or -1 when it is ignored.
+    static int wartAction(int state, int event);
     int input();
     int resend();
     int nak();
