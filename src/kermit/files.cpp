@@ -62,11 +62,11 @@ long KermitEngine::zchki(const char *name) {
     errorNumber = 0;
     if (plat::FileAccessible(name, plat::FileAccess::Read)) {
         if (facts.isRegular) return static_cast<long>(facts.size);
-        trace("zchki %s is a directory", name);
+        trace("zchki %s is a directory\n", name);
         return -2;
     }
     errorNumber = plat::LastError();
-    trace("zchki access %s errno = %d", name, errorNumber);
+    trace("zchki access %s errno = %d\n", name, errorNumber);
     return -1;
 }
 
@@ -92,7 +92,7 @@ int KermitEngine::zchko(const char *name) {
     errorNumber = 0;
     const bool writable = plat::FileAccessible(tested, plat::FileAccess::Write);
     if (!writable) errorNumber = plat::LastError();
-    trace("zchko(%s) x = %d errno = %d", tested, writable ? 0 : -1, errorNumber);
+    trace("zchko(%s) x = %d errno = %d\n", tested, writable ? 0 : -1, errorNumber);
     return writable ? 0 : -1;
 }
 
@@ -107,7 +107,7 @@ int KermitEngine::zopeni(const char *name) {
         file = plat::FileOpen(name, plat::FileAccess::Read, plat::FileDisposition::OpenExisting);
         if (file == XFER_INVALID_FILE) errorNumber = plat::LastError();
     }
-    trace("zopeni %s: %d", Shown(name), file != XFER_INVALID_FILE ? 0 : errorNumber);
+    trace("zopeni %s: %d\n", Shown(name), file != XFER_INVALID_FILE ? 0 : errorNumber);
     if (size < 0) return static_cast<int>(size);
 
     bufferCount = 0;
@@ -135,7 +135,7 @@ int KermitEngine::zopeno(const char *name) {
     } else {
         std::snprintf(path, sizeof path, "%s", Shown(name));
     }
-    trace("zopeno %s: %d", path, file != XFER_INVALID_FILE ? 0 : errorNumber);
+    trace("zopeno %s: %d\n", path, file != XFER_INVALID_FILE ? 0 : errorNumber);
     if (file == XFER_INVALID_FILE) return -1;
     outputFile = file;
     outputIsNew = isNew;
@@ -193,7 +193,7 @@ int KermitEngine::zfill() {
         // The file cannot be read to its end: stop it, so that the other
         // side discards what it has instead of keeping a short file.
         errorNumber = plat::LastError();
-        trace("zfill read error %d", errorNumber);
+        trace("zfill read error %d\n", errorNumber);
         cx = 1;
     }
     if (record) record->FilePos += n;
@@ -247,7 +247,7 @@ int KermitEngine::zcloso(int discard) {
     writeCount = 0;
     if (!plat::FileClose(outputFile)) result = -1;
     outputFile = XFER_INVALID_FILE;
-    trace("zcloso(%s) cx = %d keep = %d", outputPath, discard, keep);
+    trace("zcloso(%s) cx = %d keep = %d\n", outputPath, discard, keep);
     if (drop && outputIsNew) plat::FileRemove(outputPath);
     outputIsNew = false;
     return result;
