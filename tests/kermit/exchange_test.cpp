@@ -448,6 +448,45 @@ TEST_F(KermitExchange, GetStartSendsInitInfoThenTheRequestThenReceives) {
     EXPECT_EQ(sent_[1].data, "");
 }
 
+// The loop's own lines in the debug log, in order (the packet layer's lines
+// are left out).
+TEST_F(KermitExchange, TraceLinesOfAReceiveThatEndsOnSilence) {
+    static std::vector<std::string> lines;
+    lines.clear();
+    ZvSetDebugOutput([](const char *text) {
+        const std::string line = std::string(text).substr(13); // after the time stamp
+        for (const char *own : {"WART", "Escape", "KERMIT", "Download", "input", "nak", "resend",
+                                "Exit", "spar", "\n"}) {
+            if (line.rfind(own, 0) == 0) lines.push_back(line);
+        }
+    });
+    k_->tracing = true;
+    Sender("~* @-#N1 (", 1, {});
+    k_->startev = 'v';
+    EXPECT_EQ(Run(), 1);
+    ZvSetDebugOutput(nullptr);
+    const std::vector<std::string> expected = {
+        "input[v] (start)\n",
+        "WART: State: 0, Action: 8, Packet Type = 'v'\n",
+        "Escape back to your local Kermit and give a SEND command.\n",
+        "\n",
+        "KERMIT READY TO RECEIVE...\n",
+        "input[S]\n",
+        "WART: State: 8, Action: 9, Packet Type = 'S'\n",
+        "Download starting...\n",
+        "spar attributes=1 longpackets=0\n",
+        "resend #1 (1/5)\n",
+        "resend #1 (2/5)\n",
+        "resend #1 (3/5)\n",
+        "resend #1 (4/5)\n",
+        "resend #1 (5/5)\n",
+        "resend #1 (6/5)\n",
+        "Exit requested 1\n",
+    };
+    EXPECT_EQ(lines, expected);
+    EXPECT_EQ(sent_.back().data, "Too many retries");
+}
+
 TEST_F(KermitExchange, OverlongNameIsCutToTheNameField) {
     Sender("~* @-#N1 (", 1, {Packet('F', 1, std::string(400, 'n'), 1)});
     k_->startev = 'v';
