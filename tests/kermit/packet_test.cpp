@@ -524,6 +524,32 @@ TEST_F(KermitPacket, EncodingAStringIsCutAtAWholeCharacter) {
     EXPECT_EQ(engine->encstr(""), 0);
 }
 
+// How getpkt splits a run of input into fields of at most `limit`.
+std::vector<std::string> Fields(KermitEngine &e, const char *input, int limit) {
+    std::vector<std::string> fields;
+    e.maxdata = limit;
+    e.stringSource = reinterpret_cast<const uint8_t *>(input);
+    e.fillstate = 1;
+    for (int x; (x = e.getpkt(limit)) > 0;)
+        fields.emplace_back(reinterpret_cast<const char *>(e.data), static_cast<std::size_t>(x));
+    e.stringSource = nullptr;
+    return fields;
+}
+
+TEST_F(KermitPacket, FieldsBreakBetweenEncodedBytesAndInsideAPair) {
+    using F = std::vector<std::string>;
+    // A pair may be split by the end of a field; a repeat group never is.
+    EXPECT_EQ(Fields(*engine, "abcdee", 5), (F{"abcde", "e"}));
+    engine->rpton = 1;
+    EXPECT_EQ(Fields(*engine, "abcdee", 5), (F{"abcde", "e"}));
+    EXPECT_EQ(Fields(*engine, "abceee", 5), (F{"abc", "~#e"}));
+    EXPECT_EQ(Fields(*engine, "abcd\x01", 5), (F{"abcd", "#A"}));
+    engine->ebqon = 1;
+    EXPECT_EQ(Fields(*engine, "ab\x81\x81\x81", 5), (F{"ab", "~#&#A"}));
+    EXPECT_EQ(Fields(*engine, "abcde", 5), (F{"abcde"}));
+    EXPECT_EQ(Fields(*engine, "", 5), (F{}));
+}
+
 // Every byte value, in runs of every length up to 11 and in pairs, for each
 // prefix combination: the field decodes back to the bytes.
 TEST_F(KermitPacket, EveryByteValueSurvivesEncodeAndDecode) {
@@ -562,8 +588,10 @@ TEST_F(KermitPacket, RoundTripsThroughPacketsForEachPrefixAndCheck) {
     for (int rpt : {0, 1})
         for (int ebq : {0, 1})
             for (int check : {1, 2, 3}) cases.push_back({rpt, ebq, check, 84});
-    cases.push_back({1, 1, 3, 5});
-    cases.push_back({1, 1, 1, 6});
+    // 6 is the smallest limit that holds every group (a pair of prefixed
+    // high control bytes).
+    cases.push_back({1, 1, 3, 6});
+    cases.push_back({1, 1, 1, 7});
     cases.push_back({1, 0, 2, 7});
     cases.push_back({0, 1, 3, 1000});
     cases.push_back({1, 1, 3, 8980});
