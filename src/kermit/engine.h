@@ -105,6 +105,9 @@ class KermitEngine {
     char filnam[kNameSize] = "";
     // Set by kerror: the exchange is over and wart returns 1.
     bool exitRequested = false;
+    // The receiver's Y "Z": no further file is sent, whatever the host polls
+    // make of cz afterwards.
+    bool peerStoppedBatch = false;
 
     // The names to send: a run of NUL-terminated names split in place in the
     // caller's list (see entries.cpp), walked in order.
