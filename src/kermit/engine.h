@@ -133,6 +133,7 @@ class KermitEngine {
     // then removed; a discarded replacement leaves the old file), and file
     // bytes read ahead so that text mode's line reads need no call per byte.
     bool outputIsNew = false;
+    bool inputFailed = false; // a read of the input file failed: closing it reports it
     uint8_t textStage[kFileBufferSize] = {};
     int32_t stageCount = 0, stagePos = 0;
 

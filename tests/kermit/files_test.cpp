@@ -86,6 +86,30 @@ TEST(KermitFiles, BinaryFilesAreReadWhole) {
     EXPECT_EQ(b.record.FilePos, static_cast<int32_t>(data.size()));
 }
 
+// A file that cannot be read to its end is not taken as complete: closing
+// it reports the failure, so the exchange ends with an error and the other
+// side removes what it has instead of keeping a short file.
+TEST(KermitFiles, AReadErrorIsReportedWhenTheFileIsClosed) {
+    test::TempTree tree;
+    for (int textmode : {0, 1}) {
+        Bench b("");
+        b->textmode = textmode;
+        // Reading a folder's handle fails as a failing disk would.
+        b->inputFile = plat::FileOpen(tree.Path("").c_str(), plat::FileAccess::Read,
+                                      plat::FileDisposition::OpenExisting);
+        ASSERT_NE(b->inputFile, XFER_INVALID_FILE);
+        EXPECT_EQ(b->zgetc(), -1) << textmode;
+        EXPECT_EQ(b->zclosi(), -1) << textmode;
+        EXPECT_EQ(b->inputFile, XFER_INVALID_FILE);
+
+        // The next file starts clean.
+        const std::string next = tree.File("next", "ok");
+        ASSERT_EQ(b->zopeni(next.c_str()), 0);
+        EXPECT_EQ(ReadAll(*b), "ok");
+        EXPECT_EQ(b->zclosi(), 0);
+    }
+}
+
 TEST(KermitFiles, OnlyReadableRegularFilesAreOpenedForSending) {
     test::TempTree tree;
     const std::string file = tree.File("f", "12345");
