@@ -113,6 +113,7 @@ int KermitEngine::zopeni(const char *name) {
     bufferCount = 0;
     bufferPos = readBuffer;
     stageCount = stagePos = 0;
+    inputFailed = false;
     fileSize = size > INT32_MAX ? INT32_MAX : static_cast<int32_t>(size);
     if (record) record->FileSize = fileSize;
     if (file == XFER_INVALID_FILE) return -1;
@@ -190,11 +191,13 @@ int KermitEngine::zfill() {
         n = got > 0 ? static_cast<int>(got) : 0;
     }
     if (readFailed) {
-        // The file cannot be read to its end: stop it, so that the other
-        // side discards what it has instead of keeping a short file.
+        // The file cannot be read to its end.  It ends here like at its
+        // end, but closing it then fails, so the exchange ends with an
+        // error and the other side removes what it has instead of keeping
+        // a short file.
         errorNumber = plat::LastError();
         trace("zfill read error %d\n", errorNumber);
-        cx = 1;
+        inputFailed = true;
     }
     if (record) record->FilePos += n;
     readBuffer[n] = 0;
@@ -227,10 +230,12 @@ int KermitEngine::zputc(uint8_t c) {
 int KermitEngine::zclosi() {
     if (inputFile == XFER_INVALID_FILE) return 0;
     const bool closed = plat::FileClose(inputFile);
+    const bool whole = !inputFailed;
     inputFile = XFER_INVALID_FILE;
+    inputFailed = false;
     bufferCount = 0;
     stageCount = stagePos = 0;
-    return closed ? 0 : -1;
+    return closed && whole ? 0 : -1;
 }
 
 // A kept file is written out and made permanent; a discarded one (or one
