@@ -105,6 +105,9 @@ class KermitEngine {
     char filnam[kNameSize] = "";
     // Set by kerror: the exchange is over and wart returns 1.
     bool exitRequested = false;
+    // The receiver's Y "Z": no further file is sent, whatever the host polls
+    // make of cz afterwards.
+    bool peerStoppedBatch = false;
 
     // The names to send: a run of NUL-terminated names split in place in the
     // caller's list (see entries.cpp), walked in order.
@@ -126,6 +129,13 @@ class KermitEngine {
     char workName[kPathSize] = "";
     int32_t keep = 0;
     int errorNumber = 0;
+    // files.cpp: whether the output file was made new (a discarded one is
+    // then removed; a discarded replacement leaves the old file), and file
+    // bytes read ahead so that text mode's line reads need no call per byte.
+    bool outputIsNew = false;
+    bool inputFailed = false; // a read of the input file failed: closing it reports it
+    uint8_t textStage[kFileBufferSize] = {};
+    int32_t stageCount = 0, stagePos = 0;
 
     // ---- packet layer (packet.cpp, coding.cpp) --------------------------
     int spacket(int type, int n, int len, const uint8_t *d);
@@ -142,6 +152,8 @@ class KermitEngine {
     // ---- protocol (exchange.cpp, params.cpp, send_side.cpp,
     //      receive_side.cpp) ---------------------------------------------
     int wart();
+    // The action for an event in a state: 1..22, or -1 when it is ignored.
+    static int wartAction(int state, int event);
     int input();
     int resend();
     int nak();
@@ -187,6 +199,10 @@ class KermitEngine {
     // Close whatever the exchange left open when it ended on an error: the
     // input file, and the output file, which is then removed as incomplete.
     void closeLeftovers();
+    // Where a received local name is written: the receive folder's text
+    // followed by the name, or the folder text alone when it names no
+    // folder; false when that cannot be held in kPathSize bytes.
+    bool receivePath(const char *name, char *out);
 
     // A trace line to the debug log while tracing is on.
     void trace(const char *format, ...) __attribute__((format(printf, 2, 3)));
