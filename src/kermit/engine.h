@@ -66,12 +66,12 @@ class KermitEngine {
     int32_t dsize = 0, dsizeprev = 0;
     int32_t maxdata = 0;
     int32_t fillstate = 0; // 1 start a new input, 0 running, -1 input ended
-    uint8_t carry[6] = {}; // encoded byte that did not fit, NUL-terminated
+    uint8_t carry[8] = {}; // encoded byte (or pair) that did not fit, NUL-terminated
     int32_t prevc = -1;
     int32_t rptcount = 0;
     const uint8_t *stringSource = nullptr; // encstr's input instead of the file
     uint8_t *memorySink = nullptr;         // decode's output instead of the file
-    int32_t memorySinkRoom = 0;            // bytes the sink can still take
+    int32_t memorySinkRoom = 0;            // bytes the sink can still take, its NUL included
 
     // ---- negotiated parameters and protocol state -----------------------
     int32_t sndmax = 90;
@@ -142,6 +142,8 @@ class KermitEngine {
     // ---- protocol (exchange.cpp, params.cpp, send_side.cpp,
     //      receive_side.cpp) ---------------------------------------------
     int wart();
+    // The action for an event in a state: 1..22, or -1 when it is ignored.
+    static int wartAction(int state, int event);
     int input();
     int resend();
     int nak();
