@@ -126,6 +126,12 @@ class KermitEngine {
     char workName[kPathSize] = "";
     int32_t keep = 0;
     int errorNumber = 0;
+    // files.cpp: whether the output file was made new (a discarded one is
+    // then removed; a discarded replacement leaves the old file), and file
+    // bytes read ahead so that text mode's line reads need no call per byte.
+    bool outputIsNew = false;
+    uint8_t textStage[kFileBufferSize] = {};
+    int32_t stageCount = 0, stagePos = 0;
 
     // ---- packet layer (packet.cpp, coding.cpp) --------------------------
     int spacket(int type, int n, int len, const uint8_t *d);
@@ -189,6 +195,10 @@ class KermitEngine {
     // Close whatever the exchange left open when it ended on an error: the
     // input file, and the output file, which is then removed as incomplete.
     void closeLeftovers();
+    // Where a received local name is written: the receive folder's text
+    // followed by the name, or the folder text alone when it names no
+    // folder; false when that cannot be held in kPathSize bytes.
+    bool receivePath(const char *name, char *out);
 
     // A trace line to the debug log while tracing is on.
     void trace(const char *format, ...) __attribute__((format(printf, 2, 3)));
