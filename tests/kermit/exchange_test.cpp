@@ -497,6 +497,10 @@ TEST_F(KermitExchange, OverlongNameIsCutToTheNameField) {
     EXPECT_GE(name.size(), 259u);
     EXPECT_LE(name.size(), 260u);
     EXPECT_EQ(name, std::string(name.size(), 'n'));
+    // The fields that follow the name in the engine are untouched.
+    EXPECT_EQ(k_->sendNext, nullptr);
+    EXPECT_EQ(k_->sendLeft, 0);
+    EXPECT_FALSE(k_->peerStoppedBatch);
 }
 
 } // namespace

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <string>
@@ -14,6 +16,8 @@
 
 #include "fake_clock.h"
 #include "kermit/engine.h"
+#include "platform/file.h"
+#include "temp_tree.h"
 #include "test_host.h"
 #include "zvxfer.h"
 
@@ -637,6 +641,63 @@ TEST_F(KermitPacket, RoundTripsThroughPacketsForEachPrefixAndCheck) {
         EXPECT_EQ(output.size(), input.size());
         EXPECT_TRUE(output == input);
     }
+}
+
+// The file glue as source and sink: a binary file through getpkt (zgetc),
+// packets, rpacket and decode (zputc), each side counting its bytes.
+TEST_F(KermitPacket, FileBytesThroughPacketsIntoTheOutputFile) {
+    test::TempTree dir;
+    std::mt19937 rng(7);
+    std::string content;
+    while (content.size() < 20000) content.append(rng() % 8 == 0 ? rng() % 50 : 1, char(rng()));
+    const std::string from = dir.File("from.bin", content);
+    const std::string to = dir.Path("to.bin");
+
+    test::TestHost far;
+    XferRecord farRecord{};
+    auto receiver = NewEngine(far);
+    receiver->record = &farRecord;
+    for (KermitEngine *e : {engine.get(), receiver.get()}) {
+        e->rpton = 1;
+        e->ebqon = 1;
+        e->chkuse = 3;
+    }
+    ASSERT_EQ(engine->zopeni(from.c_str()), 0);
+    engine->maxdata = 1000;
+    engine->fillstate = 1;
+    for (int x, seq = 1; (x = engine->getpkt(engine->maxdata)) > 0; seq = (seq + 1) % 64)
+        engine->spacket('D', seq, x, engine->data);
+    EXPECT_EQ(engine->zclosi(), 0);
+    EXPECT_EQ(record.FilePos, static_cast<int32_t>(content.size()));
+
+    far.Receive(host.Written());
+    receiver->outputFile =
+        plat::FileOpen(to.c_str(), plat::FileAccess::Write, plat::FileDisposition::CreateAlways);
+    ASSERT_NE(receiver->outputFile, XFER_INVALID_FILE);
+    int packets = 0;
+    while (receiver->rpacket() == 'D') {
+        ASSERT_EQ(receiver->decode(receiver->rdlen), 0);
+        ++packets;
+    }
+    EXPECT_GT(packets, 5); // the file spans several packets
+    EXPECT_EQ(farRecord.FilePos, static_cast<int32_t>(content.size()));
+    receiver->zcloso(0);
+    std::ifstream in(to, std::ios::binary);
+    const std::string written((std::istreambuf_iterator<char>(in)),
+                              std::istreambuf_iterator<char>());
+    EXPECT_EQ(written.size(), content.size());
+    EXPECT_TRUE(written == content);
+}
+
+TEST_F(KermitPacket, AFailedWriteEndsTheDecodeAndMarksTheTransferFailed) {
+    ASSERT_EQ(engine->outputFile, XFER_INVALID_FILE); // nothing can be written
+    Bytes unused;
+    std::string field = "ok";
+    engine->rdata = reinterpret_cast<uint8_t *>(field.data());
+    engine->rdlen = 2;
+    EXPECT_EQ(engine->decode(2), -1);
+    EXPECT_EQ(engine->failed, 1);
+    EXPECT_TRUE(TraceCapture::HasPrefix("decode putc a=111 errno="));
 }
 
 // ---- the host link --------------------------------------------------------------
