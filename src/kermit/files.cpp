@@ -118,7 +118,12 @@ int KermitEngine::zopeni(const char *name) {
     stageCount = stagePos = 0;
     inputFailed = false;
     fileSize = size > INT32_MAX ? INT32_MAX : static_cast<int32_t>(size);
-    if (record) record->FileSize = fileSize;
+    // The position counts the current file's bytes, as on the receiving
+    // side, so that it goes with the file's size.
+    if (record) {
+        record->FileSize = fileSize;
+        record->FilePos = 0;
+    }
     if (file == XFER_INVALID_FILE) return -1;
     inputFile = file;
     return 0;

@@ -95,8 +95,11 @@ TEST(KermitFiles, AReadErrorIsReportedWhenTheFileIsClosed) {
 
         // The next file starts clean.
         const std::string next = tree.File("next", "ok");
+        b.record.FilePos = 1000;
         ASSERT_EQ(b->zopeni(next.c_str()), 0);
+        EXPECT_EQ(b.record.FilePos, 0) << "counted per file";
         EXPECT_EQ(ReadAll(*b), "ok");
+        EXPECT_EQ(b.record.FilePos, 2);
         EXPECT_EQ(b->zclosi(), 0);
     }
 }
