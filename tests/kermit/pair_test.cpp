@@ -4,6 +4,7 @@
 // that is kept is the exact file, and nothing else is left in the folder.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -29,6 +30,13 @@ struct Outcome {
 };
 
 enum class Route { Entries, Generic };
+
+// The end (1 the sender, 0 the receiver) whose user stops the transfer once
+// its file is past 100000 bytes; -1: nobody stops.
+std::atomic<int> gStoppingEnd{-1};
+int32_t StopPartWay(XferRecord *r) {
+    return r->Sending == gStoppingEnd && r->FilePos > 100000 ? XferErrUserAbort : 0;
+}
 
 // The bytes the receiver keeps for a file sent in text mode: every LF goes
 // out as CR LF, and a receiver on a system like ours keeps the CR.
@@ -57,6 +65,7 @@ Outcome Transfer(const Batch &batch, host::LinkConfig config, bool text = false,
     Turns turns(config);
     run.result = turns.Run(
         [&](XferPort *port) {
+            port->Hooks->AbortFunction = &StopPartWay; // one hook record for both ends
             if (route == Route::Generic) {
                 const int32_t list[] = {mode, 0};
                 return CLFileSend(port, Kermit, names.data(), 0, 0, CLSetFileTransferOptions(list),
@@ -111,6 +120,24 @@ TEST(KermitLinkPair, CleanLineCarriesEveryFileWhole) {
     EXPECT_EQ(run.result.b, 0);
     EXPECT_EQ(run.exact, static_cast<int>(batch.size()));
     EXPECT_EQ(run.wrong + run.strangers, 0);
+}
+
+// A user's stop on either end ends the batch with both entries returning
+// 0, and neither the file under way nor the rest of the batch is kept.
+TEST(KermitLinkPair, AStopOnEitherEndKeepsNoPartOfTheBatch) {
+    const Batch batch = {RandomBytes(1 << 20, 11), RandomBytes(5000, 12)};
+    for (int end : {1, 0}) {
+        SCOPED_TRACE(end == 1 ? "sender stops" : "receiver stops");
+        gStoppingEnd = end;
+        host::LinkConfig config;
+        config.deadlineMs = 60000;
+        const Outcome run = Transfer(batch, config);
+        gStoppingEnd = -1;
+        EXPECT_FALSE(run.result.timedOut);
+        EXPECT_EQ(run.result.a, 0);
+        EXPECT_EQ(run.result.b, 0);
+        EXPECT_EQ(run.exact + run.wrong + run.strangers, 0);
+    }
 }
 
 TEST(KermitLinkPair, TextModeSendsLineEndsAsCrLfThroughEitherRoute) {
