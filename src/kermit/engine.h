@@ -191,8 +191,18 @@ class KermitEngine {
     int zfill();
     int zclosi();
     int zcloso(int discard);
-    // Write one decoded byte to the output file; -1 on a write failure.
-    int zputc(uint8_t c);
+    // Write one decoded byte to the output file through writeBuffer, adding
+    // 1 to the record's FilePos; -1 on a write failure.  It runs once per
+    // received byte, so the common case is inline.
+    int zputc(uint8_t c) {
+        if (writeCount >= static_cast<int32_t>(sizeof writeBuffer) ||
+            outputFile == XFER_INVALID_FILE)
+            return zputcFlushing(c);
+        writeBuffer[writeCount++] = c;
+        if (record) ++record->FilePos;
+        return 0;
+    }
+    int zputcFlushing(uint8_t c); // zputc with a full buffer written out first
     void zltor(const char *name, char *out, int max);
     int zlocal(const char *name, char *out, int backup, int max);
     int zbackup(const char *name);

@@ -227,7 +227,7 @@ static int FlushOutput(KermitEngine &e) {
     return 0;
 }
 
-int KermitEngine::zputc(uint8_t c) {
+int KermitEngine::zputcFlushing(uint8_t c) {
     if (outputFile == XFER_INVALID_FILE) return -1;
     if (writeCount == static_cast<int32_t>(sizeof writeBuffer) && FlushOutput(*this) < 0) return -1;
     writeBuffer[writeCount++] = c;
