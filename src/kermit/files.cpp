@@ -166,14 +166,6 @@ static int StagedByte(KermitEngine &e) {
     return e.textStage[e.stagePos++];
 }
 
-int KermitEngine::zgetc() {
-    if (bufferCount > 0) {
-        --bufferCount;
-        return *bufferPos++;
-    }
-    return zfill();
-}
-
 int KermitEngine::zfill() {
     if (inputFile == XFER_INVALID_FILE) return -1;
     int n = 0;
