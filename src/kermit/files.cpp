@@ -47,7 +47,10 @@ bool KermitEngine::receivePath(const char *name, char *out) {
     std::size_t room = kComponentMax - tail;
     if (room > kPathMax - folderLength) room = kPathMax - folderLength;
     const std::size_t nameLength = std::strlen(Shown(name));
-    const std::size_t taken = nameLength < room ? nameLength : room;
+    std::size_t taken = nameLength < room ? nameLength : room;
+    // A cut name never ends inside a UTF-8 sequence.
+    if (taken < nameLength)
+        while (taken > 0 && (static_cast<unsigned char>(name[taken]) & 0xC0) == 0x80) --taken;
     if (taken == 0) return false;
     std::memcpy(out, folder, folderLength);
     std::memcpy(out + folderLength, name, taken);

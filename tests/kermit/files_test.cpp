@@ -204,6 +204,8 @@ TEST(KermitFiles, OutputPathIsTheFolderTextAndTheNameOrTheTextAlone) {
         {"in", "a.txt", "ina.txt"},        // no separator is added
         {"file.out", "a.txt", "file.out"}, // not a folder: the whole text names the file
         {"in/", std::string(300, 'n'), "in/" + std::string(room, 'n')},
+        // The cut falls inside a two-byte character: the character goes.
+        {"in/", std::string(room - 1, 'n') + "\xc3\xa9xyz", "in/" + std::string(room - 1, 'n')},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.folder);
