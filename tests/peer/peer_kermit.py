@@ -356,10 +356,13 @@ def text_mode(c, peer):
     f = os.path.join(c.src, "notes.txt")
     with open(f, "wb") as out:
         out.write(text)
-    runs, _ = relayed(ours_send(c, [f], ["--text"]), peer,
-                      peer_argv(peer, *peer_line(peer), "-T", "-r"), c, c.out)
+    runs, relay = relayed(ours_send(c, [f], ["--text"]), peer,
+                          peer_argv(peer, *peer_line(peer), "-T", "-r"), c, c.out)
     ours_ok(runs)
     same_bytes(f, their_copy(c, f), runs)
+    # Lines travel ending in CR LF (control-prefixed: #M#J).
+    data = b"".join(d for t, _, d, _ in packets(relay.ways["ours"]) if t == "D")
+    check(data.count(b"#M#J") == text.count(b"\n"), "our lines did not go as CR LF", runs)
     os.remove(their_copy(c, f))
     runs, _ = relayed(ours_receive(c, ["--text"]), peer,
                       peer_argv(peer, *peer_line(peer), "-T", "-s", "notes.txt"), c, c.src)
