@@ -117,6 +117,9 @@ class KermitEngine {
     // ---- link and file glue --------------------------------------------
     PortBlock readBlock{};
     uint32_t nextcheck = 0;
+    // link.cpp: a close or quit request came while waiting for the host;
+    // from then on a read that would wait fails at once.
+    bool hostClosing = false;
     XferFile inputFile = XFER_INVALID_FILE;
     XferFile outputFile = XFER_INVALID_FILE;
     char outputPath[kPathSize] = "";

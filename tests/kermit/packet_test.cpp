@@ -384,6 +384,27 @@ TEST_F(KermitPacket, AReadErrorFailsAtOnce) {
     EXPECT_TRUE(TraceCapture::Has("ttflui = 0, errno = 0\n"));
 }
 
+TEST_F(KermitPacket, AQuitRequestEndsTheWaitAndEveryLaterOne) {
+    engine->timo = 30;
+    const uint32_t start = clock.Now();
+    ZvPostQuitMessage(0);
+    EXPECT_EQ(engine->rpacket(), 'Q');
+    EXPECT_LT(clock.Now() - start, 100u);
+    // Later reads fail without asking the host or waiting.
+    const int asked = host.ReadRequests();
+    const uint32_t then = clock.Now();
+    EXPECT_EQ(engine->rpacket(), 'Q');
+    EXPECT_EQ(host.ReadRequests(), asked);
+    EXPECT_EQ(clock.Now(), then);
+    // Bytes already handed over are still read.
+    host.Receive(Frame('Y', 1, "") + Frame('Y', 2, ""));
+    engine->hostClosing = false;
+    EXPECT_EQ(engine->rpacket(), 'Y');
+    engine->hostClosing = true;
+    EXPECT_EQ(engine->rpacket(), 'Y');
+    EXPECT_EQ(engine->rseq, 2);
+}
+
 TEST_F(KermitPacket, TheHostIsAskedOnlyWhenItsBlockIsUsedUp) {
     host.Receive(Frame('D', 1, "one") + Frame('D', 2, "two") + "rest");
     EXPECT_EQ(engine->rpacket(), 'D');
