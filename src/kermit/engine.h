@@ -105,6 +105,9 @@ class KermitEngine {
     char filnam[kNameSize] = "";
     // Set by kerror: the exchange is over and wart returns 1.
     bool exitRequested = false;
+    // The receiver's Y "Z": no further file is sent, whatever the host polls
+    // make of cz afterwards.
+    bool peerStoppedBatch = false;
 
     // The names to send: a run of NUL-terminated names split in place in the
     // caller's list (see entries.cpp), walked in order.
@@ -114,6 +117,9 @@ class KermitEngine {
     // ---- link and file glue --------------------------------------------
     PortBlock readBlock{};
     uint32_t nextcheck = 0;
+    // link.cpp: a close or quit request came while waiting for the host;
+    // from then on a read that would wait fails at once.
+    bool hostClosing = false;
     XferFile inputFile = XFER_INVALID_FILE;
     XferFile outputFile = XFER_INVALID_FILE;
     char outputPath[kPathSize] = "";
@@ -130,6 +136,7 @@ class KermitEngine {
     // then removed; a discarded replacement leaves the old file), and file
     // bytes read ahead so that text mode's line reads need no call per byte.
     bool outputIsNew = false;
+    bool inputFailed = false; // a read of the input file failed: closing it reports it
     uint8_t textStage[kFileBufferSize] = {};
     int32_t stageCount = 0, stagePos = 0;
 
@@ -183,12 +190,28 @@ class KermitEngine {
     int zchko(const char *name);
     int zopeni(const char *name);
     int zopeno(const char *name);
-    int zgetc();
+    // The next byte of the input file, or -1 at its end.  It runs once per
+    // byte sent, so taking a byte from the buffer is inline.
+    int zgetc() {
+        if (bufferCount <= 0) return zfill();
+        --bufferCount;
+        return *bufferPos++;
+    }
     int zfill();
     int zclosi();
     int zcloso(int discard);
-    // Write one decoded byte to the output file; -1 on a write failure.
-    int zputc(uint8_t c);
+    // Write one decoded byte to the output file through writeBuffer, adding
+    // 1 to the record's FilePos; -1 on a write failure.  It runs once per
+    // received byte, so the common case is inline.
+    int zputc(uint8_t c) {
+        if (writeCount >= static_cast<int32_t>(sizeof writeBuffer) ||
+            outputFile == XFER_INVALID_FILE)
+            return zputcFlushing(c);
+        writeBuffer[writeCount++] = c;
+        if (record) ++record->FilePos;
+        return 0;
+    }
+    int zputcFlushing(uint8_t c); // zputc with a full buffer written out first
     void zltor(const char *name, char *out, int max);
     int zlocal(const char *name, char *out, int backup, int max);
     int zbackup(const char *name);

@@ -161,7 +161,10 @@ class Actions {
 
     int DataAcked() {
         if (k_.rdlen > 0 && k_.rdata[0] == 'X') k_.cx = 1;
-        if (k_.rdlen > 0 && k_.rdata[0] == 'Z') k_.cz = 1;
+        if (k_.rdlen > 0 && k_.rdata[0] == 'Z') {
+            k_.cz = 1;
+            k_.peerStoppedBatch = true;
+        }
         DataStep(k_.cx || k_.cz ? "D" : "");
         return -1;
     }
@@ -386,6 +389,7 @@ void KermitEngine::kreset() {
     sndbuf[0] = 0;
     sndlen = 0;
     filnam[0] = 0;
+    peerStoppedBatch = false;
 }
 
 void KermitEngine::kerror(const char *text) {

@@ -47,7 +47,10 @@ bool KermitEngine::receivePath(const char *name, char *out) {
     std::size_t room = kComponentMax - tail;
     if (room > kPathMax - folderLength) room = kPathMax - folderLength;
     const std::size_t nameLength = std::strlen(Shown(name));
-    const std::size_t taken = nameLength < room ? nameLength : room;
+    std::size_t taken = nameLength < room ? nameLength : room;
+    // A cut name never ends inside a UTF-8 sequence.
+    if (taken < nameLength)
+        while (taken > 0 && (static_cast<unsigned char>(name[taken]) & 0xC0) == 0x80) --taken;
     if (taken == 0) return false;
     std::memcpy(out, folder, folderLength);
     std::memcpy(out + folderLength, name, taken);
@@ -62,11 +65,11 @@ long KermitEngine::zchki(const char *name) {
     errorNumber = 0;
     if (plat::FileAccessible(name, plat::FileAccess::Read)) {
         if (facts.isRegular) return static_cast<long>(facts.size);
-        trace("zchki %s is a directory", name);
+        trace("zchki %s is a directory\n", name);
         return -2;
     }
     errorNumber = plat::LastError();
-    trace("zchki access %s errno = %d", name, errorNumber);
+    trace("zchki access %s errno = %d\n", name, errorNumber);
     return -1;
 }
 
@@ -92,7 +95,7 @@ int KermitEngine::zchko(const char *name) {
     errorNumber = 0;
     const bool writable = plat::FileAccessible(tested, plat::FileAccess::Write);
     if (!writable) errorNumber = plat::LastError();
-    trace("zchko(%s) x = %d errno = %d", tested, writable ? 0 : -1, errorNumber);
+    trace("zchko(%s) x = %d errno = %d\n", tested, writable ? 0 : -1, errorNumber);
     return writable ? 0 : -1;
 }
 
@@ -107,14 +110,20 @@ int KermitEngine::zopeni(const char *name) {
         file = plat::FileOpen(name, plat::FileAccess::Read, plat::FileDisposition::OpenExisting);
         if (file == XFER_INVALID_FILE) errorNumber = plat::LastError();
     }
-    trace("zopeni %s: %d", Shown(name), file != XFER_INVALID_FILE ? 0 : errorNumber);
+    trace("zopeni %s: %d\n", Shown(name), file != XFER_INVALID_FILE ? 0 : errorNumber);
     if (size < 0) return static_cast<int>(size);
 
     bufferCount = 0;
     bufferPos = readBuffer;
     stageCount = stagePos = 0;
+    inputFailed = false;
     fileSize = size > INT32_MAX ? INT32_MAX : static_cast<int32_t>(size);
-    if (record) record->FileSize = fileSize;
+    // The position counts the current file's bytes, as on the receiving
+    // side, so that it goes with the file's size.
+    if (record) {
+        record->FileSize = fileSize;
+        record->FilePos = 0;
+    }
     if (file == XFER_INVALID_FILE) return -1;
     inputFile = file;
     return 0;
@@ -135,7 +144,7 @@ int KermitEngine::zopeno(const char *name) {
     } else {
         std::snprintf(path, sizeof path, "%s", Shown(name));
     }
-    trace("zopeno %s: %d", path, file != XFER_INVALID_FILE ? 0 : errorNumber);
+    trace("zopeno %s: %d\n", path, file != XFER_INVALID_FILE ? 0 : errorNumber);
     if (file == XFER_INVALID_FILE) return -1;
     outputFile = file;
     outputIsNew = isNew;
@@ -155,14 +164,6 @@ static int StagedByte(KermitEngine &e) {
         if (got == 0) return -1;
     }
     return e.textStage[e.stagePos++];
-}
-
-int KermitEngine::zgetc() {
-    if (bufferCount > 0) {
-        --bufferCount;
-        return *bufferPos++;
-    }
-    return zfill();
 }
 
 int KermitEngine::zfill() {
@@ -190,11 +191,13 @@ int KermitEngine::zfill() {
         n = got > 0 ? static_cast<int>(got) : 0;
     }
     if (readFailed) {
-        // The file cannot be read to its end: stop it, so that the other
-        // side discards what it has instead of keeping a short file.
+        // The file cannot be read to its end.  It ends here like at its
+        // end, but closing it then fails, so the exchange ends with an
+        // error and the other side removes what it has instead of keeping
+        // a short file.
         errorNumber = plat::LastError();
-        trace("zfill read error %d", errorNumber);
-        cx = 1;
+        trace("zfill read error %d\n", errorNumber);
+        inputFailed = true;
     }
     if (record) record->FilePos += n;
     readBuffer[n] = 0;
@@ -216,7 +219,7 @@ static int FlushOutput(KermitEngine &e) {
     return 0;
 }
 
-int KermitEngine::zputc(uint8_t c) {
+int KermitEngine::zputcFlushing(uint8_t c) {
     if (outputFile == XFER_INVALID_FILE) return -1;
     if (writeCount == static_cast<int32_t>(sizeof writeBuffer) && FlushOutput(*this) < 0) return -1;
     writeBuffer[writeCount++] = c;
@@ -227,10 +230,12 @@ int KermitEngine::zputc(uint8_t c) {
 int KermitEngine::zclosi() {
     if (inputFile == XFER_INVALID_FILE) return 0;
     const bool closed = plat::FileClose(inputFile);
+    const bool whole = !inputFailed;
     inputFile = XFER_INVALID_FILE;
+    inputFailed = false;
     bufferCount = 0;
     stageCount = stagePos = 0;
-    return closed ? 0 : -1;
+    return closed && whole ? 0 : -1;
 }
 
 // A kept file is written out and made permanent; a discarded one (or one
@@ -247,7 +252,7 @@ int KermitEngine::zcloso(int discard) {
     writeCount = 0;
     if (!plat::FileClose(outputFile)) result = -1;
     outputFile = XFER_INVALID_FILE;
-    trace("zcloso(%s) cx = %d keep = %d", outputPath, discard, keep);
+    trace("zcloso(%s) cx = %d keep = %d\n", outputPath, discard, keep);
     if (drop && outputIsNew) plat::FileRemove(outputPath);
     outputIsNew = false;
     return result;

@@ -25,6 +25,10 @@ constexpr int kTracedChars = 62;
 
 int KermitEngine::ReadDataFromStack(uint8_t *buffer, int size, int timeout) {
     if (readBlock.Length == 0) {
+        if (hostClosing) {
+            errorNumber = -1;
+            return -1;
+        }
         // The clock is read only here, when the host has to be asked.
         const uint32_t deadline =
             plat::GetTickCount() + static_cast<uint32_t>(std::max(timeout, 0)) * 1000u;
@@ -42,8 +46,9 @@ int KermitEngine::ReadDataFromStack(uint8_t *buffer, int size, int timeout) {
                       static_cast<int>(readBlock.Length), size);
                 break;
             }
-            PumpMessages(10);
-            if (timeout > 0 && plat::TickReached(plat::GetTickCount(), deadline)) {
+            // The application is closing: no reply is worth waiting for.
+            if (PumpMessages(10) == 0) hostClosing = true;
+            if (hostClosing || (timeout > 0 && plat::TickReached(plat::GetTickCount(), deadline))) {
                 errorNumber = -1;
                 return -1;
             }
@@ -83,10 +88,10 @@ int KermitEngine::WriteDataToStack(const uint8_t *d, int n) {
         if (!stalled) {
             stalled = true;
             giveUp = now + kWriteStallMs;
-        } else if (plat::TickReached(now, giveUp)) {
+        } else if (hostClosing || plat::TickReached(now, giveUp)) {
             break;
         }
-        PumpMessages(10);
+        if (PumpMessages(10) == 0) hostClosing = true;
     }
     hostcheck();
     PumpMessages(0);

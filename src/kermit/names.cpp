@@ -32,7 +32,7 @@ int Digits(int n) {
 // `out` holds `max` bytes with its terminator.
 void KermitEngine::zltor(const char *name, char *out, int max) {
     const char *whole = name != nullptr ? name : "";
-    trace("zltor %s: maxlen = %d, literal = %d", whole, max, 0);
+    trace("zltor %s: maxlen = %d, literal = %d\n", whole, max, 0);
     if (out == nullptr || max <= 0) return;
 
     // Without its folder, unless it ends with a separator.
@@ -40,7 +40,7 @@ void KermitEngine::zltor(const char *name, char *out, int max) {
     for (const char *p = whole; *p; ++p)
         if (*p == '\\' || *p == '/') last = p;
     const char *np = last != nullptr && last[1] != '\0' ? last + 1 : whole;
-    trace("zltor np %s", np);
+    trace("zltor np %s\n", np);
 
     char converted[kPathSize];
     const int limit = max < kPathSize - 1 ? max : kPathSize - 1;
@@ -64,7 +64,7 @@ void KermitEngine::zltor(const char *name, char *out, int max) {
     // A name never starts with a dot on the other side.
     std::snprintf(out, static_cast<std::size_t>(max), "%s%s", converted[0] == '.' ? "X" : "",
                   converted);
-    trace("zltor result: %s", out);
+    trace("zltor result: %s\n", out);
 }
 
 // `out` holds `max` bytes with its terminator; it may be `name` itself.
@@ -106,7 +106,7 @@ int KermitEngine::zbackup(const char *name) {
     const plat::EntryKind kind = plat::FileEntryKind(path);
     if (kind == plat::EntryKind::Missing || kind == plat::EntryKind::Directory) return 0;
     const std::size_t length = std::strlen(path);
-    trace("zbackup A %s: %d", path, static_cast<int>(length));
+    trace("zbackup A %s: %d\n", path, static_cast<int>(length));
 
     // The base is the name without an earlier backup suffix; the name's
     // first character is never taken for the suffix's dot.
@@ -121,7 +121,7 @@ int KermitEngine::zbackup(const char *name) {
         if (i >= nameStart + 3 && base[i - 1] == '~' && base[i - 2] == '.') baseLength = i - 2;
     }
     base[baseLength] = '\0';
-    trace("zbackup B %s", base);
+    trace("zbackup B %s\n", base);
 
     char candidate[kPathSize];
     bool found = false;
@@ -135,16 +135,16 @@ int KermitEngine::zbackup(const char *name) {
         found = plat::FileEntryKind(candidate) == plat::EntryKind::Missing;
     }
     if (!found) {
-        trace("zbackup failed: all numbers used");
+        trace("zbackup failed: all numbers used\n");
         return -1;
     }
     errorNumber = 0;
     if (!plat::FileRename(path, candidate)) {
         errorNumber = plat::LastError();
-        trace("zbackup failed: link(%s): %d", candidate, errorNumber);
+        trace("zbackup failed: link(%s): %d\n", candidate, errorNumber);
         return -1;
     }
-    trace("zbackup %s: OK", candidate);
+    trace("zbackup %s: OK\n", candidate);
     return 0;
 }
 

@@ -12,7 +12,7 @@ int KermitEngine::rcvfil() {
     // is cut.
     std::memset(filnam, 0, sizeof filnam);
     memorySink = reinterpret_cast<uint8_t *>(filnam);
-    memorySinkRoom = kNameSize - 1;
+    memorySinkRoom = kNameSize; // 260 characters and the NUL
     decode(rdlen);
     filnam[kNameSize - 1] = '\0';
     memorySink = nullptr;

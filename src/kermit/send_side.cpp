@@ -26,9 +26,10 @@ int KermitEngine::sinit() {
 }
 
 // The next name of the list that is a readable file.  Every name taken
-// counts as a file, even one passed over.
+// counts as a file, even one passed over.  A stop of the batch asked for by
+// the receiver holds although the host poll after the Z resets cz.
 int KermitEngine::nextfile() {
-    if (cz) return 0;
+    if (cz || peerStoppedBatch) return 0;
     while (sendLeft > 0 && sendNext != nullptr) {
         const char *name = sendNext;
         const size_t length = std::strlen(name);

@@ -42,9 +42,11 @@ std::string ReadAll(KermitEngine &e) {
     return bytes;
 }
 
-TEST(KermitFiles, TextModeSendsLineFeedsAsCrLfWhileCrLocalIsSet) {
+TEST(KermitFiles, FilesAreReadWholeAndTextModeSendsCrLfWhileCrLocalIsSet) {
     const std::string lines = "a\nbb\r\n\nc";
     const std::string longLine(9000, 'L'); // longer than one fill
+    const test::FileBytes random = test::RandomBytes(3 * 4080 + 17, 5);
+    const std::string binary(random.begin(), random.end());
     const struct {
         std::string content;
         int textmode, crlocal;
@@ -56,6 +58,7 @@ TEST(KermitFiles, TextModeSendsLineFeedsAsCrLfWhileCrLocalIsSet) {
         {"\n\n", 1, 1, "\r\n\r\n"},
         {"", 1, 1, ""},
         {longLine + "\n", 1, 1, longLine + "\r\n"},
+        {binary, 0, 1, binary},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(&c - cases);
@@ -74,16 +77,31 @@ TEST(KermitFiles, TextModeSendsLineFeedsAsCrLfWhileCrLocalIsSet) {
     }
 }
 
-TEST(KermitFiles, BinaryFilesAreReadWhole) {
+// A file that cannot be read to its end is not taken as complete: closing
+// it reports the failure, so the exchange ends with an error and the other
+// side removes what it has instead of keeping a short file.
+TEST(KermitFiles, AReadErrorIsReportedWhenTheFileIsClosed) {
     test::TempTree tree;
-    const test::FileBytes data = test::RandomBytes(3 * 4080 + 17, 5);
-    const std::string path = tree.File("f", std::string(data.begin(), data.end()));
-    Bench b("");
-    ASSERT_EQ(b->zopeni(path.c_str()), 0);
-    EXPECT_EQ(b->fileSize, static_cast<int32_t>(data.size()));
-    const std::string read = ReadAll(*b);
-    EXPECT_EQ(read, std::string(data.begin(), data.end()));
-    EXPECT_EQ(b.record.FilePos, static_cast<int32_t>(data.size()));
+    for (int textmode : {0, 1}) {
+        Bench b("");
+        b->textmode = textmode;
+        // Reading a folder's handle fails as a failing disk would.
+        b->inputFile = plat::FileOpen(tree.Path("").c_str(), plat::FileAccess::Read,
+                                      plat::FileDisposition::OpenExisting);
+        ASSERT_NE(b->inputFile, XFER_INVALID_FILE);
+        EXPECT_EQ(b->zgetc(), -1) << textmode;
+        EXPECT_EQ(b->zclosi(), -1) << textmode;
+        EXPECT_EQ(b->inputFile, XFER_INVALID_FILE);
+
+        // The next file starts clean.
+        const std::string next = tree.File("next", "ok");
+        b.record.FilePos = 1000;
+        ASSERT_EQ(b->zopeni(next.c_str()), 0);
+        EXPECT_EQ(b.record.FilePos, 0) << "counted per file";
+        EXPECT_EQ(ReadAll(*b), "ok");
+        EXPECT_EQ(b.record.FilePos, 2);
+        EXPECT_EQ(b->zclosi(), 0);
+    }
 }
 
 TEST(KermitFiles, OnlyReadableRegularFilesAreOpenedForSending) {
@@ -180,6 +198,8 @@ TEST(KermitFiles, OutputPathIsTheFolderTextAndTheNameOrTheTextAlone) {
         {"in", "a.txt", "ina.txt"},        // no separator is added
         {"file.out", "a.txt", "file.out"}, // not a folder: the whole text names the file
         {"in/", std::string(300, 'n'), "in/" + std::string(room, 'n')},
+        // The cut falls inside a two-byte character: the character goes.
+        {"in/", std::string(room - 1, 'n') + "\xc3\xa9xyz", "in/" + std::string(room - 1, 'n')},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.folder);

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <memory>
+#include <ostream>
 #include <string>
 
 #include "kermit/engine.h"
@@ -62,6 +63,10 @@ struct SparCase {
     int sndmax, timo, padcount, padchar, sndeol, rcvctlq, ebqon, ebq, chkwant, rpton;
     int attrok, longok, crlocal;
 };
+
+void PrintTo(const SparCase &c, std::ostream *os) {
+    *os << c.what;
+}
 
 class KermitSpar : public ::testing::TestWithParam<SparCase> {};
 
