@@ -170,8 +170,8 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
     }
     for (const Outcome *o : {&sent, &received})
         if (!o->failure.empty()) {
-            fmt::print(stderr, "zvxfer: loopback failed: {} {}\n", o == &sent ? "send" : "receive",
-                       o->failure);
+            fmt::print(stderr, "zvxfer: loopback failed: {}: {}\n",
+                       o == &sent ? "sender" : "receiver", o->failure);
             return 1;
         }
     bool all = true;
