@@ -26,11 +26,25 @@ long ModTime(const fs::path &path) {
     return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_mtime) : -1;
 }
 
+// A Kermit text file as this program writes it after receiving it from
+// itself: the sender puts a CR before every LF, and the receiver keeps it.
+std::vector<char> AsTextCopy(const std::vector<char> &bytes) {
+    std::vector<char> text;
+    text.reserve(bytes.size() + bytes.size() / 16);
+    for (char c : bytes) {
+        if (c == '\n') text.push_back('\r');
+        text.push_back(c);
+    }
+    return text;
+}
+
 // One file's verdict: the received copy must hold exactly the original's
-// bytes (XMODEM carries no size: its last block may add zero padding), and
-// its time where the protocol carries one.
-bool Verify(const fs::path &original, const fs::path &copy, const Protocol &protocol) {
-    const std::vector<char> a = ReadAll(original);
+// bytes (XMODEM carries no size: its last block may add zero padding; a
+// Kermit text file gains a CR before each LF), and its time where the
+// protocol carries one.
+bool Verify(const fs::path &original, const fs::path &copy, const Protocol &protocol,
+            bool textFiles) {
+    const std::vector<char> a = textFiles ? AsTextCopy(ReadAll(original)) : ReadAll(original);
     std::vector<char> b = ReadAll(copy);
     std::string note;
     bool ok = fs::exists(copy);
@@ -122,6 +136,7 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
     receiver.protocol = s.protocol;
     receiver.sending = false;
     receiver.folder = folder;
+    receiver.textFiles = sender.textFiles;
     if (!s.protocol.batch) receiver.files = {originals[0].filename().string()};
     // The capture ends once the line has been quiet for longer than any gap
     // the sender leaves: a line delay, and a round trip of the line.
@@ -153,12 +168,20 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
                    DescribeResult(sent.result), DescribeResult(received.result));
         return 1;
     }
+    for (const Outcome *o : {&sent, &received})
+        if (!o->failure.empty()) {
+            fmt::print(stderr, "zvxfer: loopback failed: {}: {}\n",
+                       o == &sent ? "sender" : "receiver", o->failure);
+            return 1;
+        }
     bool all = true;
     if (s.protocol.text) {
         all = VerifyCapture(originals, fs::path(folder) / receiver.files[0], sender.dropLf);
     } else {
         for (const fs::path &original : originals)
-            all = Verify(original, fs::path(folder) / original.filename(), s.protocol) && all;
+            all = Verify(original, fs::path(folder) / original.filename(), s.protocol,
+                         sender.textFiles) &&
+                  all;
     }
     const double rate = received.seconds > 0 ? received.bytes / received.seconds : 0;
     // A capture's time includes the silence that ended it.

@@ -89,6 +89,8 @@ void AddZmodemSendOptions(CLI::App &cmd, TransferSettings &s) {
         ->check(CLI::Range(1, 1 << 30));
 }
 
+constexpr const char *kTextHelp = "Kermit: text files (lines travel ending in CR LF)";
+
 // Plain text's own options.  A capture's silence is -1 (no limit: it then
 // ends only by Ctrl-C) or 1 ms and more.
 struct TextOptions {
@@ -192,6 +194,10 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
         fmt::print(stderr, "zvxfer: transfer failed: {}\n", DescribeResult(o.result));
         return kExitFailed;
     }
+    if (!o.failure.empty()) {
+        fmt::print(stderr, "zvxfer: transfer failed: {}\n", o.failure);
+        return kExitFailed;
+    }
     if (o.result == 0) {
         fmt::print(stderr, "zvxfer: no file was {}\n", s.sending ? "sent" : "received");
         return kExitFailed;
@@ -293,6 +299,7 @@ int Main(int argc, char **argv) {
                       ->excludes(text.echo);
     text.all.push_back(text.echo);
     text.all.push_back(text.noEcho);
+    CLI::Option *textSend = send->add_flag("--text", settings.textFiles, kTextHelp);
     send->add_option("FILE", settings.files, "files to send (wildcards allowed)")->required();
 
     auto *receive = app.add_subcommand("receive", "receive files from the line");
@@ -309,6 +316,7 @@ int Main(int argc, char **argv) {
     receive->add_flag("--remove-partial", common.removePartial,
                       "remove the file a failed receive left incomplete (default: keep it)");
     AddTextReceiveOptions(*receive, settings, text);
+    CLI::Option *textReceive = receive->add_flag("--text", settings.textFiles, kTextHelp);
     receive->add_option("FILE", settings.files, "file to write (XMODEM, ASCII: required)")
         ->expected(0, 1);
 
@@ -323,6 +331,7 @@ int Main(int argc, char **argv) {
                                         "ASCII: silence that ends the capture (default: from "
                                         "the line's latency and the line delay)")
                            ->check(CLI::Range(1, 86400000)));
+    CLI::Option *textLoopback = loopback->add_flag("--text", loop.sendOptions.textFiles, kTextHelp);
     loopback->add_option("FILE", loop.files, "files to send")->required();
 
     try {
@@ -339,7 +348,8 @@ int Main(int argc, char **argv) {
     std::signal(SIGINT, OnInterrupt); // Ctrl-C cancels the transfer properly
     InstallHooks();
 
-    if (!protocol.text && text.Any()) {
+    const bool textFiles = textSend->count() + textReceive->count() + textLoopback->count() > 0;
+    if ((!protocol.text && text.Any()) || (!protocol.textFiles && textFiles)) {
         fmt::print(stderr, "zvxfer: an option given is not available for {}\n", protocol.name);
         return kExitUsage;
     }

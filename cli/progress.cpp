@@ -85,8 +85,12 @@ void Reporter::StartFile(const XferRecord &record) {
 }
 
 void Reporter::Progress(const XferRecord &record) {
-    // A file is in progress once the record has an open file.
-    if (record.File == XFER_INVALID_FILE || !record.FileName) return;
+    // A file is in progress once the record has an open file.  The Kermit
+    // engine keeps its files to itself: its file is in progress once the
+    // record counts one (before that the name is the send list or empty).
+    const bool open =
+        record.Protocol == Kermit ? record.FileCount > 0 : record.File != XFER_INVALID_FILE;
+    if (!open || !record.FileName) return;
     const std::string_view shown = Shown(record.FileName);
     const uint64_t pos = record.FilePos > 0 ? static_cast<uint64_t>(record.FilePos) : 0;
     // A position that moves back is a restart within the file (ZMODEM

@@ -49,6 +49,13 @@ int32_t RunAscii(const EntryCall &c) {
                                                ZVXFER_CLI_WORDS(c.words));
 }
 
+int32_t RunKermit(const EntryCall &c) {
+    return c.sending
+               ? KermitSendWithOptions(c.port, c.names, c.status, c.progress,
+                                       ZVXFER_CLI_WORDS(c.words))
+               : KermitReceiveWithOptions(c.port, c.status, c.progress, ZVXFER_CLI_WORDS(c.words));
+}
+
 #undef ZVXFER_CLI_WORDS
 
 } // namespace
@@ -62,6 +69,7 @@ const std::vector<Protocol> &Protocols() {
         {"ymodem", Ymodem, false, true, true, "YMODEM batch with names, sizes and times", 0, RunYmodem},
         {"ymodem-g", Ymodem, true, true, true, "YMODEM streaming ('G')", 0, RunYmodem},
         {"zmodem", Zmodem, false, true, true, "ZMODEM streaming batch with restarts, CRC-32", 2048, RunZmodem},
+        {"kermit", Kermit, false, true, false, "Kermit batch, long packets; --text for text files", 0, RunKermit, false, true, true},
         {"ascii", Ascii, false, false, false, "plain text: paced lines out, capture until silence", 0, RunAscii, true},
         // clang-format on
     };

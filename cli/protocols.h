@@ -43,6 +43,11 @@ struct Protocol {
     // capture of everything into one file that ends when the line falls
     // silent.
     bool text = false;
+    // The entry's result says nothing of the outcome (Kermit returns 0
+    // whatever happened): the program judges it from the packets it sees.
+    bool watched = false;
+    // Takes --text: text files, line ends converted on the way (option 1003).
+    bool textFiles = false;
 };
 
 // Every protocol the library can run, in the order --help lists them.

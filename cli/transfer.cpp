@@ -5,6 +5,8 @@
 #include <utility>
 
 #include "echo_text.h"
+#include "kermit_watch.h"
+#include "port_tap.h"
 
 namespace zvxfer::cli {
 
@@ -95,6 +97,7 @@ std::vector<int32_t> OptionWords(const TransferSettings &s) {
         words.push_back(XferOptReceiveTimeout);
         words.push_back(*s.idleMs);
     }
+    if (s.textFiles) words.push_back(XferOptKermitTextMode);
     words.push_back(XferOptEnd);
     return words;
 }
@@ -164,13 +167,46 @@ int32_t RunEntry(XferPort *port, const TransferSettings &s, std::vector<int32_t>
     return s.protocol.run(call);
 }
 
+namespace {
+
+// A Kermit entry returns 0 whatever happened: the outcome is judged from
+// the packets that passed the line.  The file count becomes the result, so
+// that a good batch reads like any other protocol's.
+int32_t RunWatched(XferPort *port, const TransferSettings &s, const std::function<bool()> &lost,
+                   Outcome &outcome) {
+    KermitWatch watch(s.sending);
+    int32_t result;
+    {
+        PortTap tap(port, [&watch](bool written, const uint8_t *data, std::size_t length) {
+            if (written)
+                watch.Written(data, length);
+            else
+                watch.Read(data, length);
+        });
+        if (!tap.Ok()) return XferErrNoBuffer;
+        result = RunEntry(port, s, OptionWords(s));
+    }
+    if (result != 0) return result;
+    const KermitWatch::Verdict verdict = watch.Judge(static_cast<int>(s.files.size()));
+    if (verdict.ok) return verdict.files;
+    outcome.failure = verdict.why;
+    if (g_interrupted.load())
+        outcome.failure = "interrupted (" + verdict.why + ")";
+    else if (lost && lost())
+        outcome.failure = "the line was lost (" + verdict.why + ")";
+    return verdict.files;
+}
+
+} // namespace
+
 Outcome RunTransfer(XferPort *port, const TransferSettings &s, Reporter &reporter,
                     std::function<bool()> lineLost, ReceivedFiles *files) {
     EchoText echo;
     Outcome outcome;
     {
         ThreadBinding binding(reporter, lineLost, files, &echo);
-        outcome.result = RunEntry(port, s, OptionWords(s));
+        outcome.result = s.protocol.watched ? RunWatched(port, s, lineLost, outcome)
+                                            : RunEntry(port, s, OptionWords(s));
     }
     reporter.Finish();
     outcome.bytes = reporter.Bytes();

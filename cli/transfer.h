@@ -37,12 +37,17 @@ struct TransferSettings {
     int32_t lineDelayMs = 0;       // send: pause after each line
     std::optional<int32_t> idleMs; // receive: silence that ends the capture (-1: none)
     bool echo = false;             // send: show the far end's echo on standard error
+    // Kermit
+    bool textFiles = false; // text files: line ends converted on the way
 };
 
 struct Outcome {
     int32_t result = 0; // the entry's result: a file count or a negative code
     uint64_t bytes = 0;
     double seconds = 0;
+    // Set when the program judged the transfer failed although the entry's
+    // result does not say so (Kermit): why, safe to print.
+    std::string failure;
 };
 
 // Set when the user pressed Ctrl-C: the next abort check ends the transfer.

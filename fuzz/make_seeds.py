@@ -178,3 +178,57 @@ write(st, "utf8-accents-cjk-emoji", "caf\u00e9-\u6f22\u5b57-\U0001f600.txt".enco
 write(st, "broken-utf8", b"\xc3(\xe6\xbc\xc0\xaf\xed\xa0\x80\xf4\x90\x80\x80\xff\xe6\xbc")
 write(st, "backslashes-and-lookalike", b"a\\b\\x41\\")
 write(st, "controls-and-del", bytes(range(0, 32)) + b"\x7f")
+
+
+# --- Kermit packets ------------------------------------------------------------
+
+
+def kchk1(s):
+    t = sum(s)
+    return bytes([32 + ((t + ((t & 192) >> 6)) & 63)])
+
+
+def kcheck(s, kind):
+    if kind == 1:
+        return kchk1(s)
+    if kind == 2:
+        t = sum(s) & 0xFFF
+        return bytes([32 + (t >> 6), 32 + (t & 63)])
+    crc = 0
+    for b in s:
+        crc ^= b
+        for _ in range(8):
+            crc = (crc >> 1) ^ 0x8408 if crc & 1 else crc >> 1
+    return bytes([32 + (crc >> 12), 32 + ((crc >> 6) & 63), 32 + (crc & 63)])
+
+
+def kpacket(kind, seq, data, check=1, long_form=False):
+    n = len(data) + check
+    if not long_form and n + 2 < 95:
+        body = bytes([32 + n + 2, 32 + seq, ord(kind)])
+    else:
+        body = bytes([32, 32 + seq, ord(kind), 32 + n // 95, 32 + n % 95])
+        body += kchk1(body)
+    body += data
+    return b"\x01" + body + kcheck(body, check) + b"\r"
+
+
+def ksetup(check=1, ebq=False, rpt=False, text=False, lf_peer=False, chunk=0, limit=0, room=0):
+    return bytes([check | (4 if ebq else 0) | (8 if rpt else 0) | (16 if text else 0) | (32 if lf_peer else 0),
+                  chunk | (limit << 4) | (room << 6)])
+
+
+kp = "kermit_packet"
+write(kp, "send-init-and-ack", ksetup() + kpacket("S", 0, b"~* @-#Y3~*!J+0___B\"U1A") + kpacket("Y", 0, b""))
+write(kp, "data-with-prefixes-crc", ksetup(3, ebq=True, rpt=True) + kpacket("D", 1, b"ab~%&#M##x#J", 3))
+write(kp, "long-packet-check-2", ksetup(2, rpt=True) + kpacket("D", 2, b"xyz~~q" * 40, 2))
+write(kp, "long-form-for-a-short-packet", ksetup(1, chunk=3) + kpacket("D", 3, b"short", 1, long_form=True))
+bad = bytearray(kpacket("D", 4, b"0123456789" * 20))
+bad[6] ^= 1
+write(kp, "long-header-check-wrong", ksetup() + bytes(bad) + kpacket("Z", 5, b""))
+write(kp, "ctrl-c-inside-a-packet", ksetup() + b"\x01~!Dab\x03\x03\x03" + kpacket("B", 6, b""))
+write(kp, "length-one-to-the-limit", ksetup(limit=2) + b"\x01!" + b"x" * 40 + kpacket("Y", 7, b""))
+write(kp, "garbage-between-byte-by-byte", ksetup(chunk=1) + b"login:\r\n" + kpacket("F", 1, b"NAME.TXT") + b"+++" + kpacket("A", 2, b"\"#AMJ*!A1#123"))
+write(kp, "text-mode-lf-peer", ksetup(text=True, lf_peer=True, rpt=True) + kpacket("D", 8, b"line#M#J~$#Mend"))
+write(kp, "decode-errors", ksetup(rpt=True, ebq=True) + kpacket("D", 9, b"ab~") + kpacket("D", 10, b"~#") + kpacket("D", 11, b"x&") + kpacket("D", 12, b"x#"))
+write(kp, "name-into-small-sink", ksetup(rpt=True, room=2) + kpacket("F", 1, b"~~n~~n~~n.txt"))

@@ -31,6 +31,7 @@ bool FileClose(XferFile file);
 struct FileFacts {
     bool exists = false;
     bool isDirectory = false;
+    bool isRegular = false; // a plain file (not a folder, device or pipe)
     int64_t size = 0;
     int64_t modTime = 0; // seconds since 1970 UTC
 };
@@ -61,6 +62,15 @@ XferFile FileCreateBeneath(const char *base, const char *relative);
 // A pending replacement that is closed without this is removed, and the old
 // file stays as it was.
 bool FileCommit(XferFile file);
+
+// Whether this process may read (Read) or write (Write) the entry at
+// `path`, following links; ReadWrite asks for both.
+bool FileAccessible(const char *path, FileAccess access);
+// Remove the entry at `path` (a symlink itself, never what it points to).
+bool FileRemove(const char *path);
+// Rename the entry at `from` (a symlink itself) to `to` in the same file
+// system.
+bool FileRename(const char *from, const char *to);
 
 // The error number of the last failed platform call of this thread.
 int LastError();

@@ -5,6 +5,7 @@
 #include "platform/posix/file_internal.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -113,9 +114,37 @@ FileFacts FileStat(const char *path) {
     }
     facts.exists = true;
     facts.isDirectory = S_ISDIR(st.st_mode);
+    facts.isRegular = S_ISREG(st.st_mode);
     facts.size = static_cast<int64_t>(st.st_size);
     facts.modTime = static_cast<int64_t>(st.st_mtime);
     return facts;
+}
+
+bool FileAccessible(const char *path, FileAccess access) {
+    if (path == nullptr) {
+        errno = EINVAL;
+        return Fail(false);
+    }
+    const int mode = access == FileAccess::Read    ? R_OK
+                     : access == FileAccess::Write ? W_OK
+                                                   : R_OK | W_OK;
+    return ::access(path, mode) == 0 || Fail(false);
+}
+
+bool FileRemove(const char *path) {
+    if (path == nullptr) {
+        errno = EINVAL;
+        return Fail(false);
+    }
+    return unlink(path) == 0 || Fail(false);
+}
+
+bool FileRename(const char *from, const char *to) {
+    if (from == nullptr || to == nullptr) {
+        errno = EINVAL;
+        return Fail(false);
+    }
+    return rename(from, to) == 0 || Fail(false);
 }
 
 int LastError() {

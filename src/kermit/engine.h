@@ -66,12 +66,12 @@ class KermitEngine {
     int32_t dsize = 0, dsizeprev = 0;
     int32_t maxdata = 0;
     int32_t fillstate = 0; // 1 start a new input, 0 running, -1 input ended
-    uint8_t carry[6] = {}; // encoded byte that did not fit, NUL-terminated
+    uint8_t carry[8] = {}; // encoded byte (or pair) that did not fit, NUL-terminated
     int32_t prevc = -1;
     int32_t rptcount = 0;
     const uint8_t *stringSource = nullptr; // encstr's input instead of the file
     uint8_t *memorySink = nullptr;         // decode's output instead of the file
-    int32_t memorySinkRoom = 0;            // bytes the sink can still take
+    int32_t memorySinkRoom = 0;            // bytes the sink can still take, its NUL included
 
     // ---- negotiated parameters and protocol state -----------------------
     int32_t sndmax = 90;
@@ -105,6 +105,9 @@ class KermitEngine {
     char filnam[kNameSize] = "";
     // Set by kerror: the exchange is over and wart returns 1.
     bool exitRequested = false;
+    // The receiver's Y "Z": no further file is sent, whatever the host polls
+    // make of cz afterwards.
+    bool peerStoppedBatch = false;
 
     // The names to send: a run of NUL-terminated names split in place in the
     // caller's list (see entries.cpp), walked in order.
@@ -114,6 +117,9 @@ class KermitEngine {
     // ---- link and file glue --------------------------------------------
     PortBlock readBlock{};
     uint32_t nextcheck = 0;
+    // link.cpp: a close or quit request came while waiting for the host;
+    // from then on a read that would wait fails at once.
+    bool hostClosing = false;
     XferFile inputFile = XFER_INVALID_FILE;
     XferFile outputFile = XFER_INVALID_FILE;
     char outputPath[kPathSize] = "";
@@ -126,6 +132,13 @@ class KermitEngine {
     char workName[kPathSize] = "";
     int32_t keep = 0;
     int errorNumber = 0;
+    // files.cpp: whether the output file was made new (a discarded one is
+    // then removed; a discarded replacement leaves the old file), and file
+    // bytes read ahead so that text mode's line reads need no call per byte.
+    bool outputIsNew = false;
+    bool inputFailed = false; // a read of the input file failed: closing it reports it
+    uint8_t textStage[kFileBufferSize] = {};
+    int32_t stageCount = 0, stagePos = 0;
 
     // ---- packet layer (packet.cpp, coding.cpp) --------------------------
     int spacket(int type, int n, int len, const uint8_t *d);
@@ -142,6 +155,8 @@ class KermitEngine {
     // ---- protocol (exchange.cpp, params.cpp, send_side.cpp,
     //      receive_side.cpp) ---------------------------------------------
     int wart();
+    // The action for an event in a state: 1..22, or -1 when it is ignored.
+    static int wartAction(int state, int event);
     int input();
     int resend();
     int nak();
@@ -175,18 +190,38 @@ class KermitEngine {
     int zchko(const char *name);
     int zopeni(const char *name);
     int zopeno(const char *name);
-    int zgetc();
+    // The next byte of the input file, or -1 at its end.  It runs once per
+    // byte sent, so taking a byte from the buffer is inline.
+    int zgetc() {
+        if (bufferCount <= 0) return zfill();
+        --bufferCount;
+        return *bufferPos++;
+    }
     int zfill();
     int zclosi();
     int zcloso(int discard);
-    // Write one decoded byte to the output file; -1 on a write failure.
-    int zputc(uint8_t c);
+    // Write one decoded byte to the output file through writeBuffer, adding
+    // 1 to the record's FilePos; -1 on a write failure.  It runs once per
+    // received byte, so the common case is inline.
+    int zputc(uint8_t c) {
+        if (writeCount >= static_cast<int32_t>(sizeof writeBuffer) ||
+            outputFile == XFER_INVALID_FILE)
+            return zputcFlushing(c);
+        writeBuffer[writeCount++] = c;
+        if (record) ++record->FilePos;
+        return 0;
+    }
+    int zputcFlushing(uint8_t c); // zputc with a full buffer written out first
     void zltor(const char *name, char *out, int max);
     int zlocal(const char *name, char *out, int backup, int max);
     int zbackup(const char *name);
     // Close whatever the exchange left open when it ended on an error: the
     // input file, and the output file, which is then removed as incomplete.
     void closeLeftovers();
+    // Where a received local name is written: the receive folder's text
+    // followed by the name, or the folder text alone when it names no
+    // folder; false when that cannot be held in kPathSize bytes.
+    bool receivePath(const char *name, char *out);
 
     // A trace line to the debug log while tracing is on.
     void trace(const char *format, ...) __attribute__((format(printf, 2, 3)));

@@ -113,7 +113,14 @@ def case_usage_errors_exit_2(z, work):
                        (["receive", "-p", "ascii"], "needs the FILE"),
                        (["send", "-p", "ascii", "--checksum", f], "not available for ascii send"),
                        (["receive", "-p", "ascii", "--timeout", "100", "x"],
-                        "not available for ascii receive")]:
+                        "not available for ascii receive"),
+                       # Kermit's text files, and what its entries refuse
+                       (["send", "-p", "zmodem", "--text", f], "not available for zmodem"),
+                       (["receive", "-p", "ascii", "--text", "x"], "not available for ascii"),
+                       (["loopback", "-p", "ymodem", "--text", f], "not available for ymodem"),
+                       (["send", "-p", "kermit", "--checksum", f], "not available for kermit send"),
+                       (["receive", "-p", "kermit", "--timeout", "100"],
+                        "not available for kermit receive")]:
         rc, out, err = run([z] + args)
         what = "zvxfer %s: exit %d, stdout %r, stderr: %s" % (" ".join(args), rc, out[:60], err)
         check(rc == 2 and text in err and out == b"", what)
