@@ -14,50 +14,76 @@ namespace zvxfer::kermit {
 
 namespace {
 
-// The encoding of one byte without a repeat count, into `out`; returns the
-// number of characters (1 to 3).
-int EncodeByte(int c, uint8_t ctlq, bool eighthBit, uint8_t ebq, bool repeats, uint8_t rpt,
-               uint8_t *out) {
-    int n = 0;
-    const int c7 = c & 127;
-    if (eighthBit && (c & 128) != 0) {
-        out[n++] = ebq;
-        c = c7;
+// The sending prefixes and the state of the field being filled, held in
+// locals: the field's bytes may alias any member of the engine, so a loop
+// that kept its counters in the engine would reload them at every byte.
+struct Encoder {
+    uint8_t *out;
+    int size;      // characters in the field
+    int before;    // size before the last group: where the field may end
+    int repeat;    // equal bytes held back
+    int pairBreak; // a pair may be split only while the field is within this
+    int ctlq;      // control prefix
+    int ebq;       // eighth-bit prefix, -1 when off
+    int rpt;       // repeat prefix, -1 when off
+
+    // One byte without a repeat count: 1 to 3 characters.
+    void Byte(int c) {
+        const int c7 = c & 127;
+        if (ebq >= 0 && (c & 128) != 0) {
+            out[size++] = static_cast<uint8_t>(ebq);
+            c = c7;
+        }
+        if (c7 < 32 || c7 == 127) {
+            out[size++] = static_cast<uint8_t>(ctlq);
+            c = ctl(c);
+        } else if (c7 == ctlq || c7 == ebq || c7 == rpt) {
+            out[size++] = static_cast<uint8_t>(ctlq);
+        }
+        out[size++] = static_cast<uint8_t>(c);
     }
-    if (c7 < 32 || c7 == 127) {
-        out[n++] = ctlq;
-        c = ctl(c);
-    } else if (c7 == ctlq || (eighthBit && c7 == ebq) || (repeats && c7 == rpt)) {
-        out[n++] = ctlq;
+
+    // Byte c followed by `next` (-1 at the end of the input).
+    void Add(int c, int next) {
+        if (rpt >= 0) {
+            if (c == next) {
+                if (++repeat < 94) return; // held back: more of the same may follow
+                out[size++] = static_cast<uint8_t>(rpt);
+                out[size++] = static_cast<uint8_t>(tochar(94));
+                repeat = 0;
+            } else if (repeat == 1) {
+                // A pair is cheaper as two plain bytes than as a repeat
+                // group; a packet may end between them.
+                repeat = 0;
+                Byte(c);
+                if (size <= pairBreak) before = size;
+                Byte(c);
+                return;
+            } else if (repeat > 1) {
+                out[size++] = static_cast<uint8_t>(rpt);
+                out[size++] = static_cast<uint8_t>(tochar(repeat + 1));
+                repeat = 0;
+            }
+        }
+        Byte(c);
     }
-    out[n++] = static_cast<uint8_t>(c);
-    return n;
-}
+};
 
 } // namespace
 
 void KermitEngine::encode(int c, int next) {
-    if (rpton != 0) {
-        if (c == next) {
-            if (++rptcount < 94) return; // held back: more of the same may follow
-            data[dsize++] = rptchar;
-            data[dsize++] = static_cast<uint8_t>(tochar(94));
-            rptcount = 0;
-        } else if (rptcount == 1) {
-            // A pair is cheaper as two plain bytes than as a repeat group;
-            // a packet may end between them.
-            rptcount = 0;
-            encode(c, -1);
-            if (dsize <= maxdata) dsizeprev = dsize;
-            encode(c, -1);
-            return;
-        } else if (rptcount > 1) {
-            data[dsize++] = rptchar;
-            data[dsize++] = static_cast<uint8_t>(tochar(rptcount + 1));
-            rptcount = 0;
-        }
-    }
-    dsize += EncodeByte(c, sndctlq, ebqon != 0, ebq, rpton != 0, rptchar, data + dsize);
+    Encoder e{data,
+              dsize,
+              dsizeprev,
+              rptcount,
+              maxdata,
+              sndctlq,
+              ebqon != 0 ? ebq : -1,
+              rpton != 0 ? rptchar : -1};
+    e.Add(c, next);
+    dsize = e.size;
+    dsizeprev = e.before;
+    rptcount = e.repeat;
     data[dsize] = 0;
 }
 
@@ -90,23 +116,34 @@ int KermitEngine::getpkt(int limit) {
     carry[0] = 0;
     if (fillstate == -1) return dsize;
 
-    rptcount = 0;
+    Encoder e{
+        data, dsize, dsize, 0, maxdata, sndctlq, ebqon != 0 ? ebq : -1, rpton != 0 ? rptchar : -1};
+    int held = prevc;
+    bool ended = false;
+    bool full = false;
     for (;;) {
         const int c = next();
-        if (c < 0) fillstate = -1;
-        dsizeprev = dsize;
-        encode(prevc, c);
-        prevc = c;
-        if (dsize == limit) return dsize;
-        if (dsize > limit) break;
-        if (fillstate == -1) return dsize;
+        ended = c < 0;
+        e.before = e.size;
+        e.Add(held, c);
+        held = c;
+        if (e.size >= limit || ended) {
+            full = e.size > limit;
+            break;
+        }
     }
-
-    // The last group passed the limit: it starts the next packet.
-    const int over = dsize - dsizeprev;
-    std::memcpy(carry, data + dsizeprev, static_cast<std::size_t>(over));
-    carry[over] = 0;
-    dsize = dsizeprev;
+    if (ended) fillstate = -1;
+    prevc = held;
+    rptcount = e.repeat;
+    dsizeprev = e.before;
+    dsize = e.size;
+    if (full) {
+        // The last group passed the limit: it starts the next packet.
+        const int over = dsize - dsizeprev;
+        std::memcpy(carry, data + dsizeprev, static_cast<std::size_t>(over));
+        carry[over] = 0;
+        dsize = dsizeprev;
+    }
     data[dsize] = 0;
     return dsize;
 }
@@ -122,16 +159,23 @@ int KermitEngine::encstr(const char *s) {
 int KermitEngine::decode(int n) {
     const uint8_t *p = rdata;
     const uint8_t *const end = rdata + std::max(n, 0);
+    // The prefixes as locals (-1 when off): the loop runs once per character.
+    const int rpt = rpton != 0 ? rptchar : -1;
+    const int eb = ebqon != 0 ? ebq : -1;
+    const int ctlq = rcvctlq;
+    const bool dropCr = textmode != 0 && crlocal == 0;
     rptcount = 0;
     if (memorySink != nullptr && memorySinkRoom > 0) *memorySink = 0;
     while (p < end) {
         int a = *p++;
-        if (rpton != 0 && a == rptchar) {
+        int count = 1;
+        if (a == rpt) {
             if (p == end) {
                 trace("decode rpt error A\n");
                 return -1;
             }
-            rptcount = unchar(*p++);
+            count = unchar(*p++);
+            if (count == 0) count = 1;
             if (p == end) {
                 trace("decode rpt error B\n");
                 return -1;
@@ -139,7 +183,7 @@ int KermitEngine::decode(int n) {
             a = *p++;
         }
         int top = 0;
-        if (ebqon != 0 && a == ebq) {
+        if (a == eb) {
             if (p == end) {
                 trace("decode ebq error\n");
                 return -1;
@@ -147,7 +191,7 @@ int KermitEngine::decode(int n) {
             a = *p++;
             top = 128;
         }
-        if (a == rcvctlq) {
+        if (a == ctlq) {
             if (p == end) {
                 trace("decode ctl error\n");
                 return -1;
@@ -156,26 +200,20 @@ int KermitEngine::decode(int n) {
             const int a7 = a & 127;
             if (a7 >= 63 && a7 <= 95) a = ctl(a);
         }
-        if (rptcount == 0) rptcount = 1;
-        const uint8_t byte = static_cast<uint8_t>((a | top) & 255);
+        const auto byte = static_cast<uint8_t>((a | top) & 255);
+        if (byte == 13 && dropCr) continue; // the whole run of CRs goes
 
-        if (textmode != 0 && crlocal == 0 && byte == 13) {
-            rptcount = 0; // the whole run of CRs goes
-            continue;
-        }
         if (memorySink != nullptr) {
             // A bounded sink keeps its terminating NUL; what does not fit is
             // dropped.
-            for (; rptcount > 0; --rptcount) {
-                if (memorySinkRoom > 1) {
-                    *memorySink++ = byte;
-                    --memorySinkRoom;
-                }
+            for (; count > 0 && memorySinkRoom > 1; --count) {
+                *memorySink++ = byte;
+                --memorySinkRoom;
             }
             if (memorySinkRoom > 0) *memorySink = 0;
             continue;
         }
-        for (; rptcount > 0; --rptcount) {
+        for (; count > 0; --count) {
             if (zputc(byte) < 0) {
                 trace("decode putc a=%u errno=%u\n", static_cast<unsigned>(byte),
                       static_cast<unsigned>(errorNumber));

@@ -27,14 +27,20 @@ constexpr unsigned CrcNibbles(unsigned crc, unsigned c) {
 }
 
 // Both nibble steps for every possible (low byte of crc) ^ c: the
-// table-driven form gives the same values a byte at a time.
-constexpr std::array<uint16_t, 256> MakeCrcTable() {
-    std::array<uint16_t, 256> table{};
-    for (unsigned i = 0; i < 256; ++i) table[i] = static_cast<uint16_t>(CrcNibbles(0, i));
-    return table;
+// table-driven form gives the same values a byte at a time.  Tables 1 to 3
+// carry a byte through one, two and three further byte steps, so that four
+// bytes take four independent look-ups.
+using CrcTables = std::array<std::array<uint16_t, 256>, 4>;
+constexpr CrcTables MakeCrcTables() {
+    CrcTables t{};
+    for (unsigned i = 0; i < 256; ++i) t[0][i] = static_cast<uint16_t>(CrcNibbles(0, i));
+    for (std::size_t k = 1; k < 4; ++k)
+        for (unsigned i = 0; i < 256; ++i)
+            t[k][i] = static_cast<uint16_t>((t[k - 1][i] >> 8) ^ t[0][t[k - 1][i] & 0xFFu]);
+    return t;
 }
 
-constexpr std::array<uint16_t, 256> kCrcTable = MakeCrcTable();
+constexpr CrcTables kCrc = MakeCrcTables();
 
 static_assert(CrcNibbles(CrcNibbles(CrcNibbles(0, 'a'), 'b'), 'c') == 0x58E9);
 
@@ -62,7 +68,12 @@ unsigned KermitEngine::chk2(const uint8_t *p, int n) {
 
 unsigned KermitEngine::crc(const uint8_t *p, int n) {
     unsigned value = 0;
-    for (int i = 0; i < n; ++i) value = (value >> 8) ^ kCrcTable[(value ^ p[i]) & 0xFFu];
+    int i = 0;
+    for (; i + 4 <= n; i += 4) {
+        const unsigned x = value ^ p[i] ^ (static_cast<unsigned>(p[i + 1]) << 8);
+        value = kCrc[3][x & 0xFFu] ^ kCrc[2][x >> 8] ^ kCrc[1][p[i + 2]] ^ kCrc[0][p[i + 3]];
+    }
+    for (; i < n; ++i) value = (value >> 8) ^ kCrc[0][(value ^ p[i]) & 0xFFu];
     trace("crc=%u\n", value);
     return value;
 }
@@ -172,10 +183,26 @@ int KermitEngine::ttinl(uint8_t *dest, int max, int timeout, uint8_t start) {
             lengthKnown = true;
             trace("ttinl length = %d\n", length);
         }
-        if (lengthKnown && count > length + 1) {
-            dest[count] = 0;
-            result = count;
-            break;
+        if (lengthKnown) {
+            // The rest of the packet, as far as the host's block holds it,
+            // in one copy when it has no Ctrl-C that could start an
+            // interrupt (encoded data never carries one).
+            const int want = std::min(length + 2, max) - count;
+            if (want > 0 && readBlock.Length > 0) {
+                const auto take = std::min(static_cast<uint32_t>(want), readBlock.Length);
+                if (std::memchr(readBlock.Data, 3, take) == nullptr) {
+                    std::memcpy(dest + count, readBlock.Data, take);
+                    readBlock.Data += take;
+                    readBlock.Length -= take;
+                    count += static_cast<int>(take);
+                    ctrlC = 0;
+                }
+            }
+            if (count > length + 1) {
+                dest[count] = 0;
+                result = count;
+                break;
+            }
         }
     }
 

@@ -338,6 +338,21 @@ TEST_F(KermitPacket, LengthOfOneIsNeverCompleteAndEndsAtTheLimit) {
     EXPECT_TRUE(TraceCapture::Has("rpacket runt\n"));
     // 9000 characters stored, the one after them read and refused.
     EXPECT_EQ(engine->readBlock.Length + host.Unread(), 9102u - 9001u);
+
+    // A long packet announcing more than the limit ends there too.
+    engine->readBlock.Length = 0;
+    const int announced = 94 * 95 + 94; // 9024 characters after the header
+    const std::string head = {'\x01',
+                              ' ',
+                              '!',
+                              'D',
+                              static_cast<char>(32 + announced / 95),
+                              static_cast<char>(32 + announced % 95)};
+    host.Receive(head + std::string(9100, 'y'));
+    TraceCapture::Clear();
+    EXPECT_EQ(engine->rpacket(), 'Q');
+    EXPECT_TRUE(TraceCapture::Has("ttinl length = 9029\n"));
+    EXPECT_TRUE(TraceCapture::Has("ttinl overflow\n"));
 }
 
 TEST_F(KermitPacket, LengthsThatDoNotHoldTheCheckAreRefused) {
