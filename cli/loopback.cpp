@@ -178,10 +178,14 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
     if (s.protocol.text) {
         all = VerifyCapture(originals, fs::path(folder) / receiver.files[0], sender.dropLf);
     } else {
-        for (const fs::path &original : originals)
-            all = Verify(original, fs::path(folder) / original.filename(), s.protocol,
-                         sender.textFiles) &&
-                  all;
+        // A Kermit copy is under the name the receiver wrote it as.
+        for (std::size_t i = 0; i < originals.size(); ++i) {
+            const fs::path name = received.written.size() == originals.size()
+                                      ? fs::path(received.written[i]).filename()
+                                      : originals[i].filename();
+            all =
+                Verify(originals[i], fs::path(folder) / name, s.protocol, sender.textFiles) && all;
+        }
     }
     const double rate = received.seconds > 0 ? received.bytes / received.seconds : 0;
     // A capture's time includes the silence that ended it.

@@ -19,6 +19,7 @@ namespace {
 thread_local Reporter *t_reporter = nullptr;
 thread_local const std::function<bool()> *t_lineLost = nullptr;
 thread_local ReceivedFiles *t_files = nullptr;
+thread_local std::vector<std::string> *t_written = nullptr; // Kermit receive
 thread_local EchoText *t_echo = nullptr;
 thread_local bool t_echoMidLine = false; // the last echo shown did not end a line
 
@@ -61,6 +62,10 @@ int32_t StatusLine(XferRecord *record, int32_t level, const char *text) {
 int32_t OnProgress(XferRecord *record) {
     ShowEcho(false);
     if (t_files) t_files->Seen(*record);
+    // The Kermit engine counts a file as it opens it, with its local name.
+    if (t_written && !record->Sending && record->FileName &&
+        record->FileCount > static_cast<int32_t>(t_written->size()))
+        t_written->push_back(record->FileName);
     if (t_reporter) t_reporter->Progress(*record);
     return 0;
 }
@@ -176,6 +181,7 @@ int32_t RunWatched(XferPort *port, const TransferSettings &s, const std::functio
                    Outcome &outcome) {
     KermitWatch watch(s.sending);
     int32_t result;
+    t_written = &outcome.written;
     {
         PortTap tap(port, [&watch](bool written, const uint8_t *data, std::size_t length) {
             if (written)
@@ -186,6 +192,7 @@ int32_t RunWatched(XferPort *port, const TransferSettings &s, const std::functio
         if (!tap.Ok()) return XferErrNoBuffer;
         result = RunEntry(port, s, OptionWords(s));
     }
+    t_written = nullptr;
     if (result != 0) return result;
     const KermitWatch::Verdict verdict = watch.Judge(static_cast<int>(s.files.size()));
     if (verdict.ok) return verdict.files;

@@ -48,6 +48,9 @@ struct Outcome {
     // Set when the program judged the transfer failed although the entry's
     // result does not say so (Kermit): why, safe to print.
     std::string failure;
+    // Kermit receive: the local names the files were written under, in
+    // order (the engine converts the names that come from the line).
+    std::vector<std::string> written;
 };
 
 // Set when the user pressed Ctrl-C: the next abort check ends the transfer.

@@ -183,6 +183,29 @@ def case_loopback_reports_each_file(z, work):
     check(m and int(m.group(1)) > 73000 and float(m.group(3)) < 1.0, "no line summary: " + err)
 
 
+def case_kermit_loopback_finds_converted_names_and_text(z, work):
+    # The receiver writes a name with blanks under '_'; the loopback finds
+    # the copy under the name written.  A text file gains CR before each LF.
+    files = [make_file(work, "two with blanks.bin", 9000, 7),
+             make_file(work, "lines.txt", 0, pattern=b"")]
+    with open(files[1], "wb") as f:
+        f.write(b"one\ntwo\n")
+    for extra, copies in (([], [("two_with_blanks.bin", open(files[0], "rb").read()),
+                                ("lines.txt", b"one\ntwo\n")]),
+                          (["--text"], [("lines.txt", b"one\r\ntwo\r\n")])):
+        out_dir = os.path.join(work, "out" + "".join(extra))
+        os.mkdir(out_dir)
+        sent = files if not extra else files[1:]
+        rc, out, err = run([z, "loopback", "-p", "kermit", "-d", out_dir] + extra + sent)
+        check(rc == 0 and out == b"", "loopback %s exited %d: %s" % (extra, rc, err))
+        check(re.search(r"%d of %d file\(s\) verified" % (len(sent), len(sent)), err),
+              "no summary line: " + err)
+        for name, data in copies:
+            path = os.path.join(out_dir, name)
+            check(os.path.exists(path) and open(path, "rb").read() == data,
+                  "%s %s is not as expected" % (extra, name))
+
+
 def case_ctrl_c_cancels_sender_and_receiver(z, work):
     out_dir = os.path.join(work, "out")
     os.mkdir(out_dir)

@@ -45,10 +45,13 @@ def peer_line(name):
 
 
 class Relay:
-    # Copies the line between the two programs and keeps what went each way.
-    def __init__(self):
+    # Copies the line between the two programs and keeps what went each way;
+    # `when` (bytes from us, action) runs the action once that many have
+    # passed.
+    def __init__(self, when=None):
         self.ways = {"ours": bytearray(), "theirs": bytearray()}
         self.threads = []
+        self.when = when
 
     def carry(self, src, dst, way):
         def run():
@@ -60,6 +63,9 @@ class Relay:
                 if not data:
                     break
                 self.ways[way] += data
+                if self.when and way == "ours" and len(self.ways[way]) >= self.when[0]:
+                    self.when[1]()
+                    self.when = None
                 try:
                     os.write(dst, data)
                 except OSError:
@@ -80,10 +86,13 @@ def limit_file_size(limit):
 
 
 def relayed(ours_argv, peer, theirs_argv, c, theirs_cwd, ours_limit=0, theirs_limit=0,
-            deadline_s=60):
+            deadline_s=60, interrupt_after=0):
     # Our program on pipes and the peer on pipes or a socket, joined by a
     # recording relay; returns the two runs (ours first) and the relay.
-    relay = Relay()
+    # With interrupt_after our program gets SIGINT (Ctrl-C) once it has
+    # sent that many bytes.
+    relay = Relay((interrupt_after, lambda: ours.proc.send_signal(signal.SIGINT))
+                  if interrupt_after else None)
     o_in_r, o_in_w = os.pipe()
     o_out_r, o_out_w = os.pipe()
     if peer == "kermit":
@@ -479,6 +488,27 @@ def case_our_error_reaches_the_peer(c):
               runs)
         check(runs[1].rc != 0, "%s did not see the transfer fail" % peer, runs)
         check(not os.path.exists(c.copy(f)), "the incomplete file was left", runs)
+
+
+def case_ctrl_c_midway_discards_the_file(c):
+    # Ctrl-C in the middle of a file: our sender ends it with a discard and
+    # closes the batch; the peer keeps no whole file and ends by itself; our
+    # program fails saying so.
+    f = make_file(c.src, "cut.bin", 8 << 20, 23)
+    for peer in PEERS:
+        runs, relay = relayed(ours_send(c, [f]), peer,
+                              peer_argv(peer, *peer_line(peer), "-i", "-r"), c, c.out,
+                              interrupt_after=500000)
+        check(runs[0].rc == 1 and "interrupted (1 file discarded)" in runs[0].stderr(),
+              "our program did not report the interruption", runs)
+        check(any(t == "Z" and d[:1] == b"D" for t, _, d, _ in packets(relay.ways["ours"])),
+              "no discarding Z went to %s" % peer, runs)
+        # (kermit ends with status 4 then: a file did not arrive)
+        check(not runs[1].killed and runs[1].rc in (0, 4), "%s did not end by itself" % peer,
+              runs)
+        check(not os.path.exists(their_copy(c, f)) or
+              os.path.getsize(their_copy(c, f)) < os.path.getsize(f),
+              "%s kept a whole file" % peer, runs)
 
 
 if __name__ == "__main__":
