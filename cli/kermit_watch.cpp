@@ -98,8 +98,11 @@ void KermitWatch::Feed(Framer &f, bool ours, const uint8_t *data, std::size_t le
                 continue;
             }
         } else {
+            // A D packet's data never changes the verdict: once its type
+            // is stored, the rest is counted past.
             const std::size_t take = std::min(f.total - f.count, length);
-            std::memcpy(f.packet.data() + f.count, data, take);
+            if (f.count < 4 || f.packet[3] != 'D')
+                std::memcpy(f.packet.data() + f.count, data, take);
             f.count += take;
             data += take;
             length -= take;
@@ -128,10 +131,12 @@ bool KermitWatch::CheckOk(const uint8_t *p, std::size_t checked, const uint8_t *
 
 // The packets read are checked with the type the engine uses at that point
 // (type 1 until the S has been acknowledged); the packets written cannot
-// have been damaged, so any type that fits will do.
+// have been damaged, so any type that fits will do.  D packets are passed
+// over unchecked: whole or damaged, they decide nothing here, and they are
+// nearly all of the bytes.
 void KermitWatch::Frame(const Framer &f, bool ours) {
     const uint8_t *p = f.packet.data();
-    if (f.total < 5) return;
+    if (f.total < 5 || p[3] == 'D') return;
     const int len = Unchar(p[1] & 0x7F);
     std::size_t dataAt, field;
     if (len != 0) {

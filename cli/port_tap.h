@@ -18,9 +18,13 @@ class PortTap {
     // host handed over as read.
     using Watch = std::function<void(bool written, const uint8_t *data, std::size_t length)>;
 
+    // True once the line is to be taken as lost: from then on every read
+    // and write reports the lost-connection flag without reaching the host.
+    using Cut = std::function<bool()>;
+
     // Create on the thread that runs the transfer; the port's host window
     // is this window until the tap goes.
-    PortTap(XferPort *port, Watch watch);
+    PortTap(XferPort *port, Watch watch, Cut cut = {});
     ~PortTap();
     PortTap(const PortTap &) = delete;
     PortTap &operator=(const PortTap &) = delete;
@@ -34,6 +38,7 @@ class PortTap {
     ZvHwnd host_;
     ZvHwnd own_ = nullptr;
     Watch watch_;
+    Cut cut_;
 };
 
 } // namespace zvxfer::cli

@@ -1,7 +1,9 @@
 // Running one transfer for the zvxfer program through the generic entries.
 #include "transfer.h"
 
+#include <chrono>
 #include <cstdio>
+#include <optional>
 #include <utility>
 
 #include "echo_text.h"
@@ -174,6 +176,12 @@ int32_t RunEntry(XferPort *port, const TransferSettings &s, std::vector<int32_t>
 
 namespace {
 
+// After Ctrl-C the Kermit engine is given this long to close the batch on
+// its own (a discarding Z, then B) while the far end answers.  Then the
+// line is cut: every read reports a lost connection, so its retries fail at
+// once instead of waiting out their time-outs one by one.
+constexpr auto kInterruptGrace = std::chrono::seconds(2);
+
 // A Kermit entry returns 0 whatever happened: the outcome is judged from
 // the packets that passed the line.  The file count becomes the result, so
 // that a good batch reads like any other protocol's.
@@ -182,13 +190,23 @@ int32_t RunWatched(XferPort *port, const TransferSettings &s, const std::functio
     KermitWatch watch(s.sending);
     int32_t result;
     t_written = &outcome.written;
+    std::optional<std::chrono::steady_clock::time_point> cutAt;
+    const auto cut = [&cutAt] {
+        if (!g_interrupted.load(std::memory_order_relaxed)) return false;
+        const auto now = std::chrono::steady_clock::now();
+        if (!cutAt) cutAt = now + kInterruptGrace;
+        return now >= *cutAt;
+    };
     {
-        PortTap tap(port, [&watch](bool written, const uint8_t *data, std::size_t length) {
-            if (written)
-                watch.Written(data, length);
-            else
-                watch.Read(data, length);
-        });
+        PortTap tap(
+            port,
+            [&watch](bool written, const uint8_t *data, std::size_t length) {
+                if (written)
+                    watch.Written(data, length);
+                else
+                    watch.Read(data, length);
+            },
+            cut);
         if (!tap.Ok()) return XferErrNoBuffer;
         result = RunEntry(port, s, OptionWords(s));
     }

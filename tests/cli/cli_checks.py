@@ -228,6 +228,30 @@ def case_ctrl_c_cancels_sender_and_receiver(z, work):
             far.close()
 
 
+def case_kermit_ctrl_c_with_a_silent_far_end(z, work):
+    # The far end never answers: after Ctrl-C the program gives the engine
+    # its grace period and then ends the transfer within the bound its
+    # README promises (5 s; checked with room to spare), failing with the
+    # reason.  Without the cut the retries would time out one by one.
+    out_dir = os.path.join(work, "out")
+    os.mkdir(out_dir)
+    f = make_file(work, "k.bin", 20000, 11)
+    for argv in ([z, "send", "-p", "kermit", f], [z, "receive", "-p", "kermit", "-d", out_dir]):
+        far = Far(argv)
+        try:
+            if argv[1] == "send":  # the sender's S packet shows it is waiting for an answer
+                check(far.read(1, timeout=10) == bytes([SOH]), "%s: no packet" % argv[1])
+            else:
+                time.sleep(1)
+            far.proc.send_signal(signal.SIGINT)
+            _, rc = far.read(timeout=15)  # fails if the program is still running then
+            err = far.stderr()
+            check(rc == 1 and "interrupted (the exchange ended before the end of the batch)"
+                  in err, "%s: exit %d after Ctrl-C: %s" % (argv[1], rc, err))
+        finally:
+            far.close()
+
+
 def ymodem_sender(far, name, size, blocks, between=None, whole=False):
     # Plays a YMODEM sender: block 0 naming the file (no size when size is
     # 0), the given 1 KiB blocks, then (the sender giving up) a cancel, in
