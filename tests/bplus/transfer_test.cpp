@@ -254,10 +254,17 @@ TEST_F(BPlusTransfer, UnservableRequestsAreRefused) {
 // message 28267; stray characters afterwards end the call.
 TEST_F(BPlusTransfer, ServiceFailureIsShownWithItsText) {
     host_.Receive(First(1, Str("TDBgone.bin")));
-    service_.On(Ack(1), Cat(Packet(2, "Nabc"), Packet(3, "FI disk full"), Str("xxxxxxxxxx")));
+    service_.On(Ack(1), Cat(Packet(2, "N" + std::string(40, 'd')), Packet(3, "FI disk full"),
+                            Str("xxxxxxxxxx")));
     EXPECT_EQ(Run(), XferErrTooManyErrors);
     EXPECT_EQ(Written(), Cat(Ack(1), Ack(2), Ack(3)));
-    EXPECT_EQ(CountStatus(std::string(MessageText(MsgBPlusServiceFailure)) + "disk full", 1), 1);
+    const std::string shown = std::string(MessageText(MsgBPlusServiceFailure)) + "disk full";
+    ASSERT_EQ(CountStatus(shown, 1), 1);
+    for (const std::string &line : StatusLines()) {
+        if (line.find(shown) != std::string::npos) {
+            EXPECT_TRUE(line.ends_with(shown)) << line;
+        }
+    }
 }
 
 // ---- parameter exchanges --------------------------------------------------
@@ -291,6 +298,21 @@ TEST_F(BPlusTransfer, ShortParameterPacketsArePadded) {
         EXPECT_EQ(Written(), Cat(Packet(2, c.answer, kQuoteAll), Ack(3), Ack(4), Ack(5)));
         EXPECT_EQ(File("short.txt"), "\x01\x02");
     }
+}
+
+// Each exchange starts from the values the last one left: a short packet
+// after a full one still turns resume off, whatever the full one held.
+TEST_F(BPlusTransfer, ALaterShortExchangeRenegotiatesFromTheCurrentValues) {
+    host_.Receive(First(1, Params(18, 8, 0, {0x14, 0, 0xD4, 0}, {0, 0, 0, 0}, 1)));
+    const Bytes first = Packet(2, OwnParams(0, 2), kQuoteAll);
+    const Bytes second = Packet(4, OwnParams(0, 1), kQuoteAll); // resume agreed at 1 so far
+    service_.On(first, Cat(Ack(2), Packet(3, Params(7, 8, 0))));
+    service_.On(second, Cat(Ack(4), Packet(5, "TDBtwice.txt")));
+    service_.On(Ack(5), Packet(6, "TC"));
+    tree_.File("twice.txt", "old");
+    EXPECT_EQ(Run(XferOptBPlusResume), 1);
+    EXPECT_EQ(Written(), Cat(first, second, Ack(5), Ack(6)));
+    EXPECT_EQ(File("twice.txt"), "") << "not resumed: the old file is replaced";
 }
 
 // Without option 1024 we offer the checksum, so a service offering CRC
