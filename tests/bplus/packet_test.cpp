@@ -381,6 +381,20 @@ TEST_F(BPlusLinkTest, SilenceEndsAtTheErrorLimit) {
     EXPECT_TRUE(Sent().empty());
 }
 
+// With a packet outstanding the first time-out asks for a resend; the
+// time-outs while that request is pending are counted without more asking.
+TEST_F(BPlusLinkTest, SilenceAfterAResendRequest) {
+    BPlusSendNumbered(&r_, 2, B("Dr").data());
+    Sent();
+    const uint32_t start = clock_.Now();
+    EXPECT_EQ(Wait(), -610);
+    EXPECT_EQ(Sent(), (Bytes{ENQ, ENQ}));
+    EXPECT_EQ(link_->ResendPending, 1);
+    EXPECT_EQ(link_->Outstanding, 1);
+    EXPECT_GE(clock_.Now() - start, 10u * 15000u);
+    EXPECT_LE(clock_.Now() - start, 11u * 15000u);
+}
+
 // Endless garbage (never the same twice, with packet starts in it) ends at
 // the error limit; with packets outstanding the errors are resend requests.
 TEST_F(BPlusLinkTest, EndlessGarbageEndsAtTheErrorLimit) {
