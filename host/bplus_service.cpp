@@ -459,9 +459,11 @@ bool BPlusService::Session::Transmit(const Stored &packet, bool first) {
 }
 
 bool BPlusService::Session::SendNumbered(std::vector<uint8_t> data) {
-    // Up to the window plus two unacknowledged packets before this one, as
-    // a terminal does; the store never holds more than five.
-    const std::size_t limit = static_cast<std::size_t>(std::clamp(window_ + 3, 1, 5));
+    // At most the window (and the extra packets allowed) unacknowledged: a
+    // terminal counts an error for every packet that arrives after a lost
+    // one, so running far ahead costs it its error budget.
+    const std::size_t limit =
+        static_cast<std::size_t>(std::clamp(window_ + config_.extraAhead, 1, 5));
     while (outstanding_.size() >= limit)
         if (!Pump(nullptr)) return false;
     counter_ = (counter_ + 1) % 10;
@@ -522,10 +524,14 @@ bool BPlusService::Session::Pump(std::optional<std::vector<uint8_t>> *packet) {
         }
         return !failed_;
     case Event::Nak:
+        // Not every packet sent since the one refused needs sending again:
+        // ask which one the terminal took last, as on a time-out.
         Log("NAK received");
         if (!CountError()) return false;
-        ResendAll();
-        return !failed_;
+        if (outstanding_.empty() || resendPending_) return true;
+        resendPending_ = true;
+        ackAfterEnq_ = -1;
+        return Write({kEnq, kEnq});
     case Event::Enq:
         SendAck();
         return !failed_;
@@ -707,9 +713,15 @@ bool BPlusService::Session::Download() {
 }
 
 bool BPlusService::Session::Upload() {
+    // Only the name's last part lands in the folder: a terminal's path
+    // never reaches outside it.
+    std::string base = report_.request.path;
+    if (const auto slash = base.find_last_of('/'); slash != std::string::npos)
+        base.erase(0, slash + 1);
+    if (base.empty() || base == "." || base == "..") return Fail("no file name to write");
     std::string path = config_.folder;
     if (!path.empty() && path.back() != '/') path += '/';
-    path += report_.request.path;
+    path += base;
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     if (!out) return Fail("cannot create " + path);
 

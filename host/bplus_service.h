@@ -4,8 +4,9 @@
 // parameters ('+'), a download ('T' 'D': the service sends a file) or an
 // upload ('T' 'U': the service receives one into a folder), data ('N'),
 // file information ('T' 'I'), restarts ('T' 'f') and the closing 'T' 'C'.
-// It acknowledges, NAKs, answers ENQ, resends on NAK and after its own
-// resend request (ENQ ENQ), and checks a terminal's resume point.  On
+// It acknowledges, NAKs, answers ENQ, and on a NAK or a time-out asks the
+// terminal for its last acknowledgement (ENQ ENQ) and resends what follows
+// it; it checks a terminal's resume point.  On
 // request it misbehaves: drops, damages or repeats packets and
 // acknowledgements, goes silent, or fails a transfer midway.
 //
@@ -97,7 +98,7 @@ struct ServiceRequest {
     enum Kind { Download, Upload };
     Kind kind = Download;
     // Download: the local file sent.  Upload: the name asked of the
-    // terminal, which is also the name written in the service's folder.
+    // terminal; its last part is the file written in the service's folder.
     std::string path;
     // Download: the name sent in the request (default: the file's base name).
     std::string remoteName;
@@ -135,6 +136,9 @@ struct BPlusServiceConfig {
     int fileInfo = 0; // non-zero: a 'T' 'I' packet before the data
     bool sendParameters = true;
     int parametersLength = 18; // shorter packets leave out the later bytes
+    // Packets sent beyond the negotiated window before an acknowledgement
+    // is awaited (a terminal allows itself two).
+    int extraAhead = 0;
 
     bool greet = true; // start the session with ENQ
     int readTimeoutMs = 10000;

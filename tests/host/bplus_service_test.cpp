@@ -7,10 +7,12 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "bplus_service.h"
+#include "link_pair.h"
 #include "temp_tree.h"
 
 namespace zvxfer::host {
@@ -629,21 +631,30 @@ TEST(BPlusServiceRequests, SilentTerminalEndsAfterTheErrorLimit) {
               t.written.end());
 }
 
-TEST(BPlusServiceRequests, ResendsOnNak) {
-    Fixture f;
-    const Bytes content = Pattern(100);
-    FakeTerminal::Options o;
-    o.nakFirstData = true;
-    FakeTerminal t(o);
-    BPlusService service(t, QuickConfig());
-    const auto r = service.Run({Down(f.File("n", content))});
-    ASSERT_TRUE(r[0].ok) << r[0].why;
-    EXPECT_GE(r[0].resends, 1u);
-    // The data, the 'T' 'C' behind it (out of order), and the second resend's
-    // data packet, older than the 'T' 'C' just taken.
-    EXPECT_EQ(t.naksSent, 3);
-    EXPECT_EQ(t.repeats, 1);
-    EXPECT_EQ(t.received, content);
+TEST(BPlusServiceRequests, NakBringsAResendRequest) {
+    // A NAK makes the service ask for the last acknowledgement (ENQ ENQ);
+    // the second alike answer resends what follows it.  Stop-and-wait, and
+    // running two packets ahead (the 'T' 'C' behind the refused data is out
+    // of order for the terminal then, and is NAKed as well).
+    for (int ahead : {0, 2}) {
+        Fixture f;
+        const Bytes content = Pattern(100);
+        FakeTerminal::Options o;
+        o.nakFirstData = true;
+        FakeTerminal t(o);
+        BPlusServiceConfig config = QuickConfig();
+        config.extraAhead = ahead;
+        BPlusService service(t, config);
+        const auto r = service.Run({Down(f.File("n", content))});
+        ASSERT_TRUE(r[0].ok) << r[0].why;
+        EXPECT_EQ(t.naksSent, ahead == 0 ? 1 : 2);
+        EXPECT_EQ(r[0].resends, ahead == 0 ? 1u : 2u);
+        EXPECT_EQ(t.repeats, 0);
+        const Bytes enqEnq{kEnq, kEnq};
+        EXPECT_NE(std::search(t.written.begin(), t.written.end(), enqEnq.begin(), enqEnq.end()),
+                  t.written.end());
+        EXPECT_EQ(t.received, content);
+    }
 }
 
 TEST(BPlusServiceRequests, AnswersEnqWithItsCounter) {
@@ -679,8 +690,10 @@ TEST(BPlusServiceFaults, EachOptionDoesWhatItSays) {
          {ServiceFault::DropPacket, 3},
          true,
          [](const FakeTerminal &t, const RequestReport &r) {
-             EXPECT_GE(t.naksSent, 1); // packet 4 came out of order
-             EXPECT_GE(r.resends, 1u);
+             // Nothing came back: the time-out's resend request brings it.
+             EXPECT_EQ(t.naksSent, 0);
+             EXPECT_EQ(r.errors, 1u);
+             EXPECT_EQ(r.resends, 1u);
          }},
         {"damage packet",
          {ServiceFault::DamagePacket, 4},
@@ -750,6 +763,240 @@ TEST(BPlusServiceFaults, Acknowledgements) {
         EXPECT_TRUE(r[0].ok) << r[0].why;
         const Bytes tail(t.written.end() - static_cast<long>(c.tail.size()), t.written.end());
         EXPECT_EQ(tail, c.tail) << c.what;
+    }
+}
+
+// ------------------------------------------------ against our own engine
+
+namespace engine {
+
+std::mutex gLogMutex;
+std::vector<std::string> gLog; // the engine's status lines and the service's events
+
+int32_t Status(XferRecord *, int32_t level, const char *text) {
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    gLog.push_back("terminal " + std::to_string(level) + " " + text);
+    return 0;
+}
+
+void Note(const std::string &line) {
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    gLog.push_back("service " + line);
+}
+
+std::string Log() {
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    std::string all;
+    for (const std::string &line : gLog) all += line + "\n";
+    gLog.clear();
+    return all;
+}
+
+struct TerminalOptions {
+    int checkMethod = -1; // -1: no option 1024 (the engine offers the checksum)
+    bool resume = false;  // option 1026
+};
+
+// A terminal program in terminal mode: ENQ gets the B+ answer, DLE 'B'
+// hands the line to the engine; one engine call per request.
+int32_t Terminal(XferPort *port, int requests, const TerminalOptions &o,
+                 std::vector<int32_t> &results) {
+    PortServiceLine line(port);
+    int previous = -1;
+    while (static_cast<int>(results.size()) < requests) {
+        int b = line.Read(20000);
+        if (b < 0) return b;
+        if (b == kEnq) {
+            CompuServeBPlusRespond(port, 1);
+        } else if (previous == kDle && b == 'B') {
+            int32_t r = 0;
+            if (o.checkMethod < 0 && !o.resume)
+                r = CompuServeBPlusWithOptions(port, Status, nullptr, XferOptEnd);
+            else if (o.checkMethod < 0)
+                r = CompuServeBPlusWithOptions(port, Status, nullptr, XferOptBPlusResume,
+                                               XferOptEnd);
+            else if (!o.resume)
+                r = CompuServeBPlusWithOptions(port, Status, nullptr, XferOptBPlusCheckMethod,
+                                               o.checkMethod, XferOptEnd);
+            else
+                r = CompuServeBPlusWithOptions(port, Status, nullptr, XferOptBPlusCheckMethod,
+                                               o.checkMethod, XferOptBPlusResume, XferOptEnd);
+            results.push_back(r);
+            b = -1;
+        }
+        previous = b;
+    }
+    return 0;
+}
+
+struct Session {
+    std::vector<RequestReport> reports;
+    std::vector<int32_t> terminalResults;
+    bool timedOut = false;
+};
+
+Session Run(BPlusServiceConfig config, const std::vector<ServiceRequest> &requests,
+            const TerminalOptions &terminal, const std::string &terminalFolder) {
+    LinkConfig link;
+    link.b.receiveFolder = terminalFolder;
+    link.hangUpOnExit = true;
+    link.deadlineMs = 120000;
+    config.readTimeoutMs = std::min(config.readTimeoutMs, 5000);
+    config.log = Note;
+    Session s;
+    LinkPair pair(link);
+    const LinkResult r = pair.Run(
+        [&](XferPort *port) {
+            PortServiceLine line(port);
+            BPlusService service(line, config);
+            s.reports = service.Run(requests);
+            return 0;
+        },
+        [&](XferPort *port) {
+            return Terminal(port, static_cast<int>(requests.size()), terminal, s.terminalResults);
+        });
+    s.timedOut = r.timedOut;
+    return s;
+}
+
+Bytes ReadAll(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return Bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+} // namespace engine
+
+TEST(BPlusServiceWithEngine, Downloads) {
+    struct Case {
+        const char *name;
+        int serviceMethod;
+        int terminalMethod; // -1: no option
+        int blockSize;
+        std::size_t size;
+        int expectedMethod;
+    };
+    const Case cases[] = {
+        {"engine defaults: checksum", 3, -1, 8, 5000, 0},
+        {"CRC-16", 1, 1, 8, 4097, 1},
+        {"X.25, small blocks", 2, 2, 2, 1500, 2},
+        {"CRC-32", 3, 3, 8, 3000, 3},
+        {"CRC-32 offered, CRC-16 taken", 3, 1, 4, 2000, 1},
+        {"empty file", 1, 1, 8, 0, 1},
+        {"two packets ahead", 1, 1, 8, 9000, 1},
+    };
+    for (const Case &c : cases) {
+        Fixture f;
+        Bytes content = Pattern(c.size);
+        const std::string source = f.File("src/file.bin", content);
+        const std::string into = f.tree.Dir("terminal") + "/";
+        BPlusServiceConfig config;
+        config.checkMethod = c.serviceMethod;
+        config.blockSize = c.blockSize;
+        config.extraAhead = c.size == 9000 ? 2 : 0;
+        engine::TerminalOptions terminal;
+        terminal.checkMethod = c.terminalMethod;
+        const engine::Session s = engine::Run(config, {Down(source)}, terminal, into);
+        const std::string log = engine::Log();
+        ASSERT_FALSE(s.timedOut) << c.name << "\n" << log;
+        ASSERT_EQ(s.reports.size(), 1u);
+        EXPECT_TRUE(s.reports[0].ok) << c.name << ": " << s.reports[0].why << "\n" << log;
+        EXPECT_EQ(s.reports[0].checkMethod, c.expectedMethod) << c.name;
+        ASSERT_EQ(s.terminalResults.size(), 1u) << c.name;
+        EXPECT_EQ(s.terminalResults[0], 1) << c.name << "\n" << log;
+        EXPECT_EQ(engine::ReadAll(into + "file.bin"), content) << c.name;
+    }
+}
+
+TEST(BPlusServiceWithEngine, UploadsAndASessionOfTwo) {
+    Fixture f;
+    const Bytes up = Pattern(3333);
+    const Bytes down = Pattern(777);
+    const std::string upPath = f.File("terminal/up.bin", up);
+    const std::string downPath = f.File("service/down.bin", down);
+    BPlusServiceConfig config;
+    config.folder = f.tree.Dir("landed");
+    engine::TerminalOptions terminal;
+    terminal.checkMethod = 3;
+    const engine::Session s =
+        engine::Run(config, {Up(upPath), Down(downPath)}, terminal, f.tree.Folder() + "terminal/");
+    const std::string log = engine::Log();
+    ASSERT_FALSE(s.timedOut) << log;
+    ASSERT_EQ(s.reports.size(), 2u);
+    EXPECT_TRUE(s.reports[0].ok) << s.reports[0].why << "\n" << log;
+    EXPECT_TRUE(s.reports[1].ok) << s.reports[1].why << "\n" << log;
+    EXPECT_EQ(s.reports[0].crc32, Crc32Of(up.data(), up.size()));
+    EXPECT_EQ(s.terminalResults, (std::vector<int32_t>{1, 1})) << log;
+    EXPECT_EQ(engine::ReadAll(f.tree.Path("landed/up.bin")), up);
+    EXPECT_EQ(engine::ReadAll(f.tree.Path("terminal/down.bin")), down);
+}
+
+TEST(BPlusServiceWithEngine, ResumePoints) {
+    // The terminal holds the first 1500 bytes, right or damaged; the
+    // service checks the word for every method and resumes or restarts.
+    const Bytes content = Pattern(4000);
+    for (int method : {-1, 1, 2, 3}) {
+        for (bool damaged : {false, true}) {
+            Fixture f;
+            const std::string source = f.File("src/r.bin", content);
+            Bytes partial(content.begin(), content.begin() + 1500);
+            if (damaged) partial[700] ^= 0x40;
+            f.File("terminal/r.bin", partial);
+            BPlusServiceConfig config;
+            config.checkMethod = 3;
+            config.downloadResume = 1;
+            engine::TerminalOptions terminal;
+            terminal.checkMethod = method;
+            terminal.resume = true;
+            const engine::Session s =
+                engine::Run(config, {Down(source)}, terminal, f.tree.Folder() + "terminal/");
+            const std::string log = engine::Log();
+            const std::string name =
+                "method " + std::to_string(method) + (damaged ? " damaged" : " intact");
+            ASSERT_FALSE(s.timedOut) << name << "\n" << log;
+            ASSERT_EQ(s.reports.size(), 1u);
+            const RequestReport &r = s.reports[0];
+            EXPECT_TRUE(r.ok) << name << ": " << r.why << "\n" << log;
+            EXPECT_EQ(r.resumePoint, 1500) << name;
+            EXPECT_EQ(r.restarted, damaged) << name << "\n" << log;
+            EXPECT_EQ(r.bytes, damaged ? 4000u : 2500u) << name;
+            EXPECT_EQ(engine::ReadAll(f.tree.Path("terminal/r.bin")), content) << name;
+        }
+    }
+}
+
+TEST(BPlusServiceWithEngine, MisbehaviourTheEngineRecoversFrom) {
+    // A dropped packet is noticed by the service's own time-out (1 s here).
+    struct Case {
+        const char *name;
+        ServiceFault fault;
+        int ahead;
+    };
+    const Case cases[] = {
+        {"damaged data packet", {ServiceFault::DamagePacket, 4}, 0},
+        {"damaged data packet, two ahead", {ServiceFault::DamagePacket, 4}, 2},
+        {"damaged parameters", {ServiceFault::DamagePacket, 1}, 0},
+        {"repeated data packet", {ServiceFault::RepeatPacket, 3}, 0},
+        {"dropped data packet", {ServiceFault::DropPacket, 3}, 0},
+        {"dropped data packet, two ahead", {ServiceFault::DropPacket, 3}, 2},
+        {"repeated acknowledgement", {ServiceFault::RepeatAck, 1}, 0},
+    };
+    const Bytes content = Pattern(6000);
+    for (const Case &c : cases) {
+        Fixture f;
+        const std::string source = f.File("src/m.bin", content);
+        BPlusServiceConfig config;
+        config.faults = {c.fault};
+        config.extraAhead = c.ahead;
+        config.readTimeoutMs = 1000;
+        engine::TerminalOptions terminal;
+        terminal.checkMethod = 1;
+        const engine::Session s =
+            engine::Run(config, {Down(source)}, terminal, f.tree.Dir("t") + "/");
+        const std::string log = engine::Log();
+        ASSERT_FALSE(s.timedOut) << c.name << "\n" << log;
+        EXPECT_TRUE(s.reports[0].ok) << c.name << ": " << s.reports[0].why << "\n" << log;
+        EXPECT_EQ(s.terminalResults, (std::vector<int32_t>{1})) << c.name << "\n" << log;
+        EXPECT_EQ(engine::ReadAll(f.tree.Path("t/m.bin")), content) << c.name;
     }
 }
 
