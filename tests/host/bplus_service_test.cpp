@@ -3,6 +3,7 @@
 // scripted terminal kept here (the greeting, ENQ and NAK answers, resume
 // points, uploads, and each misbehaviour option doing what it says).
 #include <algorithm>
+#include <atomic>
 #include <deque>
 #include <fstream>
 #include <functional>
@@ -829,14 +830,43 @@ int32_t Terminal(XferPort *port, int requests, const TerminalOptions &o,
     return 0;
 }
 
+// Set to make the engine's abort check stop it (the program's Ctrl-C).
+std::atomic<bool> gStop{false};
+
+int32_t StopWhenAsked(XferRecord *) {
+    return gStop.load() ? XferErrUserAbort : 0;
+}
+
+// The service's line, keeping every byte the terminal sent.
+class RecordingLine : public ServiceLine {
+  public:
+    explicit RecordingLine(XferPort *port) : inner_(port) {}
+    int Read(int timeoutMs) override {
+        const int b = inner_.Read(timeoutMs);
+        if (b >= 0) bytes.push_back(static_cast<uint8_t>(b));
+        return b;
+    }
+    bool Write(const uint8_t *data, std::size_t length) override {
+        return inner_.Write(data, length);
+    }
+    Bytes bytes;
+
+  private:
+    PortServiceLine inner_;
+};
+
 struct Session {
+    Bytes fromTerminal;
     std::vector<RequestReport> reports;
     std::vector<int32_t> terminalResults;
     bool timedOut = false;
 };
 
+// `stopAfter`: once the service is done, the terminal's user aborts (the
+// engine waits for the service without limit otherwise).
 Session Run(BPlusServiceConfig config, const std::vector<ServiceRequest> &requests,
-            const TerminalOptions &terminal, const std::string &terminalFolder) {
+            const TerminalOptions &terminal, const std::string &terminalFolder,
+            bool stopAfter = false) {
     LinkConfig link;
     link.b.receiveFolder = terminalFolder;
     link.hangUpOnExit = true;
@@ -847,15 +877,24 @@ Session Run(BPlusServiceConfig config, const std::vector<ServiceRequest> &reques
     LinkPair pair(link);
     const LinkResult r = pair.Run(
         [&](XferPort *port) {
-            PortServiceLine line(port);
+            RecordingLine line(port);
             BPlusService service(line, config);
             s.reports = service.Run(requests);
+            s.fromTerminal = line.bytes;
+            if (stopAfter) {
+                // A byte after the abort wakes the engine's 15-second read
+                // at once, so its abort check comes without that wait.
+                gStop.store(true);
+                const uint8_t space = ' ';
+                line.Write(&space, 1);
+            }
             return 0;
         },
         [&](XferPort *port) {
             return Terminal(port, static_cast<int>(requests.size()), terminal, s.terminalResults);
         });
     s.timedOut = r.timedOut;
+    gStop.store(false);
     return s;
 }
 
@@ -997,6 +1036,86 @@ TEST(BPlusServiceWithEngine, MisbehaviourTheEngineRecoversFrom) {
         EXPECT_TRUE(s.reports[0].ok) << c.name << ": " << s.reports[0].why << "\n" << log;
         EXPECT_EQ(s.terminalResults, (std::vector<int32_t>{1})) << c.name << "\n" << log;
         EXPECT_EQ(engine::ReadAll(f.tree.Path("t/m.bin")), content) << c.name;
+    }
+}
+
+TEST(BPlusServiceWithEngine, FailurePacketMidway) {
+    // The engine takes the failure packet (its text shown), acknowledges
+    // it, and then waits for the service's next packet until its user
+    // aborts: it does not end by itself, not even when the line is lost.
+    SetAbortXferFunctionPtr(engine::StopWhenAsked);
+    Fixture f;
+    const std::string source = f.File("src/x.bin", Pattern(5000));
+    BPlusServiceConfig config;
+    config.faults = {{ServiceFault::FailAt, 2, 'I'}};
+    engine::TerminalOptions terminal;
+    terminal.checkMethod = 1;
+    const engine::Session s =
+        engine::Run(config, {Down(source)}, terminal, f.tree.Dir("t") + "/", true);
+    const std::string log = engine::Log();
+    ASSERT_FALSE(s.timedOut) << log;
+    EXPECT_FALSE(s.reports[0].ok);
+    EXPECT_EQ(s.reports[0].why, "failure packet I sent midway");
+    EXPECT_EQ(s.reports[0].failureCode, 'I');
+    ASSERT_EQ(s.terminalResults.size(), 1u) << log;
+    EXPECT_EQ(s.terminalResults[0], XferErrUserAbort) << log;
+    EXPECT_NE(log.find("Service failure"), std::string::npos) << log;
+}
+
+TEST(BPlusServiceWithEngine, ShortParameterPackets) {
+    // The engine reads the bytes left out as zeros: four bytes leave the
+    // check method at the checksum, seven keep it.
+    struct Case {
+        int length;
+        int method;
+    };
+    for (const Case c : {Case{4, 0}, Case{7, 3}, Case{18, 3}}) {
+        Fixture f;
+        const Bytes content = Pattern(2100);
+        const std::string source = f.File("src/p.bin", content);
+        BPlusServiceConfig config;
+        config.checkMethod = 3;
+        config.parametersLength = c.length;
+        engine::TerminalOptions terminal;
+        terminal.checkMethod = 3;
+        const engine::Session s =
+            engine::Run(config, {Down(source)}, terminal, f.tree.Dir("t") + "/");
+        const std::string log = engine::Log();
+        ASSERT_FALSE(s.timedOut) << log;
+        EXPECT_TRUE(s.reports[0].ok) << c.length << ": " << s.reports[0].why << "\n" << log;
+        EXPECT_EQ(s.reports[0].checkMethod, c.method) << c.length;
+        EXPECT_EQ(engine::ReadAll(f.tree.Path("t/p.bin")), content) << c.length;
+    }
+}
+
+TEST(BPlusServiceWithEngine, EngineQuotesTheServiceSet) {
+    // The service asks for CR and 0x91 quoted as well; the engine's upload
+    // (checksum: every check byte goes through the quoting too) then holds
+    // neither as it is, while the file is full of both.
+    Fixture f;
+    Bytes content(3000);
+    for (std::size_t i = 0; i < content.size(); ++i) content[i] = i % 3 ? 0x0D : 0x91;
+    const std::string source = f.File("terminal/q.bin", content);
+    for (bool asked : {false, true}) {
+        BPlusServiceConfig config;
+        config.folder = f.tree.Dir(asked ? "asked" : "plain");
+        if (asked) config.quote.Add(0x0D), config.quote.Add(0x91);
+        const engine::Session s = engine::Run(config, {Up(source)}, {}, f.tree.Folder());
+        const std::string log = engine::Log();
+        ASSERT_FALSE(s.timedOut) << log;
+        ASSERT_TRUE(s.reports[0].ok) << s.reports[0].why << "\n" << log;
+        EXPECT_EQ(engine::ReadAll(config.folder + "/q.bin"), content);
+        const auto raw = [&](uint8_t c) {
+            return std::count(s.fromTerminal.begin(), s.fromTerminal.end(), c);
+        };
+        if (asked) {
+            EXPECT_EQ(raw(0x0D), 0);
+            EXPECT_EQ(raw(0x91), 0);
+        } else {
+            // Without the request both travel as they are.
+            EXPECT_GE(raw(0x0D), 2000);
+            EXPECT_GE(raw(0x91), 1000);
+        }
     }
 }
 
