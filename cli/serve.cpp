@@ -147,6 +147,7 @@ int RunServe(const ServeSettings &s) {
     }
     port->Ops.PortClose(port);
     line.reset();
+    if (g_interrupted.load()) fmt::print(stderr, "zvxfer serve: interrupted\n");
     bool allOk = true;
     for (const host::RequestReport &r : reports) {
         allOk = allOk && r.ok;
