@@ -10,9 +10,13 @@
 #include <gtest/gtest.h>
 #include <mutex>
 #include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include "bplus_service.h"
+#include "line_host.h"
 #include "link_pair.h"
 #include "temp_tree.h"
 
@@ -1117,6 +1121,51 @@ TEST(BPlusServiceWithEngine, EngineQuotesTheServiceSet) {
             EXPECT_GE(raw(0x91), 1000);
         }
     }
+}
+
+TEST(BPlusServiceWithEngine, OverFdLineHosts) {
+    // As `zvxfer serve` runs: the service on a LineHost's port, here over
+    // a socket pair to our engine on another LineHost (queued writes, real
+    // fds), a download then an upload.
+    Fixture f;
+    const Bytes down = Pattern(20000);
+    const Bytes up = Pattern(7000);
+    const std::string downPath = f.File("service/d.bin", down);
+    const std::string upPath = f.File("terminal/u.bin", up);
+    const std::string terminalFolder = f.tree.Folder() + "terminal/";
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    std::vector<RequestReport> reports;
+    std::vector<int32_t> results;
+    std::thread terminal([&] {
+        LineHost host(fds[1]);
+        XferPort *port = host.OpenPort(terminalFolder.c_str());
+        engine::TerminalOptions o;
+        o.checkMethod = 3;
+        engine::Terminal(port, 2, o, results);
+        port->Ops.PortClose(port);
+    });
+    {
+        LineHost host(fds[0]);
+        XferPort *port = host.OpenPort();
+        PortServiceLine line(port);
+        BPlusServiceConfig config;
+        config.readTimeoutMs = 5000;
+        config.folder = f.tree.Dir("landed");
+        BPlusService service(line, config);
+        reports = service.Run({Down(downPath), Up(upPath)});
+        port->Ops.PortClose(port);
+    }
+    terminal.join();
+    close(fds[0]);
+    close(fds[1]);
+    const std::string log = engine::Log();
+    ASSERT_EQ(reports.size(), 2u);
+    EXPECT_TRUE(reports[0].ok) << reports[0].why << "\n" << log;
+    EXPECT_TRUE(reports[1].ok) << reports[1].why << "\n" << log;
+    EXPECT_EQ(results, (std::vector<int32_t>{1, 1})) << log;
+    EXPECT_EQ(engine::ReadAll(terminalFolder + "d.bin"), down);
+    EXPECT_EQ(engine::ReadAll(f.tree.Path("landed/u.bin")), up);
 }
 
 } // namespace
