@@ -281,6 +281,7 @@ TEST_F(BPlusLinkTest, DamagedPacketsAreRefused) {
              return p;
          }()},
         {"early etx", 0, Bytes{ETX}},
+        {"empty packet", 0, Bytes{DLE, 'B', '1', ETX, RefSum(B("1\x03"))}},
     };
     for (const auto &c : cases) {
         link_->CheckMethod = c.method;
