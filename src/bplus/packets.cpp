@@ -26,7 +26,8 @@ int32_t BPlusSendPacket(XferRecord *r, int32_t length, int32_t seq, const uint8_
     std::size_t used = 0;
     int32_t failure = 0;
     const auto flush = [&] {
-        const int32_t result = WriteRun(r, out, used);
+        // After a failed write the rest would only wait out its time-outs.
+        const int32_t result = failure == 0 ? WriteRun(r, out, used) : failure;
         if (result < 0 && failure == 0) failure = result;
         used = 0;
     };
@@ -51,8 +52,9 @@ int32_t BPlusSendPacket(XferRecord *r, int32_t length, int32_t seq, const uint8_
 
 int32_t BPlusSendNumbered(XferRecord *r, int32_t length, const uint8_t *data) {
     BPlusLink *link = Link(r);
-    // Up to the window + 3 packets may be on their way unacknowledged.
-    while (link->Outstanding > SendWindow(r) + 2) {
+    // Up to the window + 3 packets may be on their way unacknowledged, and
+    // never more than the store holds, whatever window was agreed.
+    while (link->Outstanding > SendWindow(r) + 2 || link->Outstanding >= kStoreSize) {
         const int32_t result = _BPWaitForACK(r, false, true, true);
         if (!Waiting(result)) return result;
     }

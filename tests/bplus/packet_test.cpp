@@ -228,6 +228,19 @@ TEST_F(BPlusLinkTest, StoreAndWindow) {
     EXPECT_EQ(BPlusWaitAllAcks(&r_), 0);
 }
 
+// A wide window still keeps at most five packets: the sixth waits.
+TEST_F(BPlusLinkTest, StoreLimitsAWideWindow) {
+    SendWindow(&r_) = 4;
+    const Bytes d = B("Dw");
+    for (int i = 0; i < 5; ++i) BPlusSendNumbered(&r_, 2, d.data());
+    Sent();
+    Line(Ack(1));
+    EXPECT_EQ(BPlusSendNumbered(&r_, 2, d.data()), 0);
+    EXPECT_EQ(Sent(), RefPacket(0, 6, d));
+    EXPECT_EQ(link_->Outstanding, 5);
+    EXPECT_EQ(link_->Store[link_->Oldest].Seq, 2);
+}
+
 TEST_F(BPlusLinkTest, AlternateSequenceAndNoMemory) {
     AltSeqParam(&r_) = 1;
     r_.RxSeq = 3;
