@@ -1168,5 +1168,29 @@ TEST(BPlusServiceWithEngine, OverFdLineHosts) {
     EXPECT_EQ(engine::ReadAll(f.tree.Path("landed/u.bin")), up);
 }
 
+TEST(BPlusServiceWithEngine, LastAcknowledgementLostInAnUpload) {
+    // The engine runs ahead, so a lost acknowledgement of a data packet is
+    // covered by the next one; the one of its 'T' 'C' (the seventh: its
+    // '+', five data packets, 'T' 'C') is not.  The service, done, lingers:
+    // after its read time-out (15 s) the engine asks for the last
+    // acknowledgement (ENQ ENQ), gets it twice and ends well.
+    Fixture f;
+    const Bytes up = Pattern(5000);
+    const std::string upPath = f.File("terminal/u.bin", up);
+    BPlusServiceConfig config;
+    config.folder = f.tree.Dir("landed");
+    config.lingerMs = 30000;
+    config.faults = {{ServiceFault::DropAck, 7}};
+    engine::TerminalOptions terminal;
+    terminal.checkMethod = 2;
+    const engine::Session s = engine::Run(config, {Up(upPath)}, terminal, f.tree.Folder());
+    const std::string log = engine::Log();
+    ASSERT_FALSE(s.timedOut) << log;
+    EXPECT_TRUE(s.reports[0].ok) << s.reports[0].why << "\n" << log;
+    EXPECT_EQ(s.terminalResults, (std::vector<int32_t>{1})) << log;
+    EXPECT_EQ(engine::ReadAll(f.tree.Path("landed/u.bin")), up);
+    EXPECT_NE(log.find("acknowledgement 7 dropped"), std::string::npos) << log;
+}
+
 } // namespace
 } // namespace zvxfer::host
