@@ -350,15 +350,16 @@ Event BPlusService::Session::ReadBody(Clock::time_point deadline) {
         return bad;
     }
     // Reads one data or check byte, undoing the quoting; -1 for an
-    // unquoted ETX, -2 for an unquoted ENQ, -3 for a failed read.
+    // unquoted ETX, -2 for an unquoted ENQ, -3 for a time-out, -4 for a
+    // lost line.
     auto readQuoted = [&]() -> int {
         int c = ReadUntil(deadline);
-        if (c < 0) return -3;
+        if (c < 0) return c == ServiceLine::kLost ? -4 : -3;
         if (c == kEtx) return -1;
         if (c == kEnq) return -2;
         if (c != kDle) return c;
         c = ReadUntil(deadline);
-        if (c < 0) return -3;
+        if (c < 0) return c == ServiceLine::kLost ? -4 : -3;
         if (c >= 0x60) c += 0x80;
         return c & 0x9F;
     };
@@ -367,8 +368,8 @@ Event BPlusService::Session::ReadBody(Clock::time_point deadline) {
         const int c = readQuoted();
         if (c == -1) break;
         if (c == -2) return {Event::Enq};
+        if (c == -4) return {Event::Lost};
         if (c == -3) {
-            if (service_.line_.Read(0) == ServiceLine::kLost) return {Event::Lost};
             bad.why = "time-out in a packet";
             return bad;
         }
@@ -394,6 +395,7 @@ Event BPlusService::Session::ReadBody(Clock::time_point deadline) {
     for (int i = 0; i < checkBytes; ++i) {
         const int c = readQuoted();
         if (c == -2) return {Event::Enq};
+        if (c == -4) return {Event::Lost};
         if (c < 0) {
             bad.why = "check bytes missing";
             return bad;
@@ -698,6 +700,7 @@ bool BPlusService::Session::Download() {
             Log(std::string("failure packet ") + code + " sent");
             if (SendNumbered(failure)) WaitAllAcks();
             report_.failureCode = code;
+            // The failure packet is the reason, whatever came after it.
             failed_ = false;
             return Fail(std::string("failure packet ") + code + " sent midway");
         }
