@@ -5,6 +5,7 @@
 #include <array>
 
 #include "bplus/bplus.h"
+#include "bplus/wire.h"
 #include "core/crc16.h"
 #include "port/port.h"
 
@@ -39,15 +40,6 @@ static_assert(kCrc32Table[1] == 0x77073096u);
 
 constexpr uint16_t kX25Residue = 0xF0B8;
 constexpr uint32_t kCrc32Residue = 0xDEBB20E3u;
-
-// Check bytes of the CRC methods: only control characters go through the
-// quoting rule; everything from 0x20 up goes out as it is.
-void SendCheckByte(XferRecord *r, uint8_t b) {
-    if (b < 0x20)
-        BPlusSendQuoted(r, b);
-    else
-        WriteCharTimed(r->Port, b, kWriteTimeoutMs);
-}
 
 uint32_t SumUpdate(uint32_t s, uint8_t b) {
     s <<= 1;
@@ -106,30 +98,44 @@ void BPlusCheckUpdate(XferRecord *r, uint8_t b) {
     }
 }
 
-void BPlusSendCheck(XferRecord *r) {
-    const BPlusLink *link = Link(r);
+std::size_t CheckBytesInto(const XferRecord *r, uint8_t *out) {
+    const BPlusLink &link = *Link(r);
     const auto value = static_cast<uint32_t>(r->RxCheck);
-    switch (link->CheckMethod) {
+    uint8_t raw[4];
+    std::size_t n = 0;
+    switch (link.CheckMethod) {
     case 1:
-        SendCheckByte(r, static_cast<uint8_t>(value >> 8));
-        SendCheckByte(r, static_cast<uint8_t>(value));
+        raw[n++] = static_cast<uint8_t>(value >> 8);
+        raw[n++] = static_cast<uint8_t>(value);
         break;
-    case 2: {
-        const uint32_t sent = value ^ 0xFFFF;
-        SendCheckByte(r, static_cast<uint8_t>(sent));
-        SendCheckByte(r, static_cast<uint8_t>(sent >> 8));
+    case 2:
+        raw[n++] = static_cast<uint8_t>(value ^ 0xFF);
+        raw[n++] = static_cast<uint8_t>((value >> 8) ^ 0xFF);
         break;
-    }
-    case 3: {
-        const uint32_t sent = ~link->Crc32;
+    case 3:
         for (int shift = 0; shift < 32; shift += 8)
-            SendCheckByte(r, static_cast<uint8_t>(sent >> shift));
+            raw[n++] = static_cast<uint8_t>(~link.Crc32 >> shift);
         break;
-    }
     default:
-        BPlusSendQuoted(r, static_cast<uint8_t>(value));
-        break;
+        // The checksum byte follows the quoting rule like any data byte.
+        return QuoteInto(link, static_cast<uint8_t>(value), out);
     }
+    // CRC bytes: only control characters go through the quoting rule;
+    // everything from 0x20 up goes out as it is.
+    std::size_t length = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        if (raw[i] < 0x20)
+            length += QuoteInto(link, raw[i], out + length);
+        else
+            out[length++] = raw[i];
+    }
+    return length;
+}
+
+void BPlusSendCheck(XferRecord *r) {
+    uint8_t out[8];
+    const std::size_t n = CheckBytesInto(r, out);
+    for (std::size_t i = 0; i < n; ++i) WriteCharTimed(r->Port, out[i], kWriteTimeoutMs);
 }
 
 bool BPlusCheckGood(const XferRecord *r) {

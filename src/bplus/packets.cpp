@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "bplus/bplus.h"
+#include "bplus/wire.h"
 #include "core/core.h"
 #include "locale/messages.h"
 #include "platform/heap.h"
@@ -11,40 +12,49 @@
 namespace zvxfer::bplus {
 namespace {
 
-// A byte that goes out as it is; the first failure is kept for the caller.
-void Put(XferRecord *r, uint8_t b, int32_t &failure) {
-    const int32_t result = WriteCharTimed(r->Port, b, kWriteTimeoutMs);
-    if (result < 0 && failure == 0) failure = result;
-}
-
 bool Waiting(int32_t result) {
     return result == 0 || result == XferErrBPlusPacket;
 }
 
 } // namespace
 
+// The packet is put together in memory and handed over in runs: one port
+// write for a typical packet instead of one per byte.
 int32_t BPlusSendPacket(XferRecord *r, int32_t length, int32_t seq, const uint8_t *data) {
+    const BPlusLink &link = *Link(r);
+    uint8_t out[1024];
+    std::size_t used = 0;
     int32_t failure = 0;
+    const auto flush = [&] {
+        // After a failed write the rest would only wait out its time-outs.
+        const int32_t result = failure == 0 ? WriteRun(r, out, used) : failure;
+        if (result < 0 && failure == 0) failure = result;
+        used = 0;
+    };
     const auto seqChar = static_cast<uint8_t>('0' + seq);
     BPlusCheckInit(r);
-    Put(r, kDle, failure);
-    Put(r, 'B', failure);
-    Put(r, seqChar, failure);
+    out[used++] = kDle;
+    out[used++] = 'B';
+    out[used++] = seqChar;
     BPlusCheckUpdate(r, seqChar);
     for (int32_t i = 0; i < length; ++i) {
-        BPlusSendQuoted(r, data[i]);
+        if (used > sizeof out - 2) flush();
+        used += QuoteInto(link, data[i], out + used);
         BPlusCheckUpdate(r, data[i]);
     }
-    Put(r, kEtx, failure);
+    if (used > sizeof out - 9) flush();
+    out[used++] = kEtx;
     BPlusCheckUpdate(r, kEtx);
-    BPlusSendCheck(r);
+    used += CheckBytesInto(r, out + used);
+    flush();
     return failure;
 }
 
 int32_t BPlusSendNumbered(XferRecord *r, int32_t length, const uint8_t *data) {
     BPlusLink *link = Link(r);
-    // Up to the window + 3 packets may be on their way unacknowledged.
-    while (link->Outstanding > SendWindow(r) + 2) {
+    // Up to the window + 3 packets may be on their way unacknowledged, and
+    // never more than the store holds, whatever window was agreed.
+    while (link->Outstanding > SendWindow(r) + 2 || link->Outstanding >= kStoreSize) {
         const int32_t result = _BPWaitForACK(r, false, true, true);
         if (!Waiting(result)) return result;
     }
@@ -72,8 +82,8 @@ int32_t BPlusSendNumbered(XferRecord *r, int32_t length, const uint8_t *data) {
 }
 
 void _BPSendACK(XferRecord *r) {
-    WriteCharTimed(r->Port, kDle, kWriteTimeoutMs);
-    WriteCharTimed(r->Port, static_cast<uint8_t>('0' + r->RxSeq), kWriteTimeoutMs);
+    const uint8_t ack[2] = {kDle, static_cast<uint8_t>('0' + r->RxSeq)};
+    WriteRun(r, ack, sizeof ack);
     XferStatus(r, 0, "_BPSendACK : Sent ACK");
 }
 

@@ -144,6 +144,12 @@ int32_t _BPWaitForACK(XferRecord *r, bool afterDleB, bool acknowledge, bool allo
             if (c < 0) {
                 XferStatus(r, 0, "_BPWaitForACK : Sending NAK, read char failure");
                 state = State::SendNak;
+            } else if (link->Unquoted && c == kEtx && index == 0) {
+                // Every packet starts with its type letter: without one the
+                // caller would read the previous packet's.
+                r->Result = XferErrPacketSize;
+                XferStatus(r, 0, "_BPWaitForACK : Sending NAK, empty packet");
+                state = State::SendNak;
             } else if (link->Unquoted && c == kEtx) {
                 crcCount = 2;
                 state = State::GetCheck1;

@@ -131,6 +131,24 @@ TEST_F(BPlusLinkTest, PacketsUnderEachMethod) {
     EXPECT_EQ(r_.RxSeq, 0);
 }
 
+// A packet leaves in runs: the same bytes whatever the host takes at a
+// time, longer than the staging block too; a lost line is reported.
+TEST_F(BPlusLinkTest, PacketsSurviveSlowHostsAndLongData) {
+    Bytes big(1025);
+    for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<uint8_t>(i % 3 ? 0x10 : i);
+    link_->CheckMethod = 3;
+    host_.SetWriteLimit(3);
+    host_.RefuseWrites(2);
+    EXPECT_EQ(BPlusSendPacket(&r_, 1025, 4, big.data()), 0);
+    EXPECT_EQ(Sent(), RefPacket(3, 4, big));
+    host_.SetWriteLimit(SIZE_MAX);
+    r_.RxSeq = 2;
+    _BPSendACK(&r_);
+    EXPECT_EQ(Sent(), Ack(2));
+    host_.SetWriteError(true);
+    EXPECT_LT(BPlusSendPacket(&r_, 3, 1, big.data()), 0);
+}
+
 // CRC-32 check bytes go least significant first; a control character
 // among them is quoted, 0x80..0x9F are not.
 TEST_F(BPlusLinkTest, Crc32CheckByteNakIsQuoted) {
@@ -210,6 +228,19 @@ TEST_F(BPlusLinkTest, StoreAndWindow) {
     EXPECT_EQ(BPlusWaitAllAcks(&r_), 0);
 }
 
+// A wide window still keeps at most five packets: the sixth waits.
+TEST_F(BPlusLinkTest, StoreLimitsAWideWindow) {
+    SendWindow(&r_) = 4;
+    const Bytes d = B("Dw");
+    for (int i = 0; i < 5; ++i) BPlusSendNumbered(&r_, 2, d.data());
+    Sent();
+    Line(Ack(1));
+    EXPECT_EQ(BPlusSendNumbered(&r_, 2, d.data()), 0);
+    EXPECT_EQ(Sent(), RefPacket(0, 6, d));
+    EXPECT_EQ(link_->Outstanding, 5);
+    EXPECT_EQ(link_->Store[link_->Oldest].Seq, 2);
+}
+
 TEST_F(BPlusLinkTest, AlternateSequenceAndNoMemory) {
     AltSeqParam(&r_) = 1;
     r_.RxSeq = 3;
@@ -281,6 +312,7 @@ TEST_F(BPlusLinkTest, DamagedPacketsAreRefused) {
              return p;
          }()},
         {"early etx", 0, Bytes{ETX}},
+        {"empty packet", 0, Bytes{DLE, 'B', '1', ETX, RefSum(B("1\x03"))}},
     };
     for (const auto &c : cases) {
         link_->CheckMethod = c.method;
