@@ -1,8 +1,7 @@
 // The Kermit entries: which option codes each accepts and what they set in
-// the record, the name block of the receiver, the send list split from the
-// host's string (names in order, unreadable ones passed over but counted,
-// no limit on their number), and the result, which is 0 once the exchange
-// has run, also when the peer ends it with an error.
+// the record, the send list split from the host's string (names in order, unreadable ones passed
+// over but counted, no limit on their number), and the result, which is 0 once the exchange has
+// run, also when the peer ends it with an error.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -14,10 +13,10 @@
 #include "fake_clock.h"
 #include "link_files.h"
 #include "platform/file.h"
-#include "platform/heap.h"
 #include "temp_tree.h"
 #include "test_host.h"
 #include "turns.h"
+#include "wire.h"
 #include "zvxfer.h"
 
 namespace zvxfer {
@@ -25,30 +24,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A Kermit packet with a one-character block check, framed here by hand so
-// that the test does not lean on the engine's own framing.
 std::string Packet(char type, int seq, const std::string &data) {
-    std::string body;
-    body += static_cast<char>(32 + data.size() + 3);
-    body += static_cast<char>(32 + seq);
-    body += type;
-    body += data;
-    unsigned sum = 0;
-    for (unsigned char c : body) sum += c;
-    return "\x01" + body + static_cast<char>(32 + ((sum + ((sum & 192) >> 6)) & 63)) + "\r";
+    return wire::Frame(type, seq, data);
 }
 // A peer's parameters: longest packet 94, 10 s, no padding, CR, '#',
 // no eighth-bit prefix, one-character checks, nothing more.
 const std::string kPeerInit = "~* @-#N1";
 
-// The packets in what the engine wrote, by their type letters.
-std::string Types(const std::string &written) {
-    std::string types;
-    for (std::size_t at = written.find('\x01'); at != std::string::npos && at + 3 < written.size();
-         at = written.find('\x01', at + 1))
-        types += written[at + 3];
-    return types;
-}
+using wire::Types;
 
 // What the progress callback saw of the record, last call.
 struct Seen {
@@ -123,15 +106,6 @@ TEST_F(KermitEntry, RefusedCodesEndTheCallBeforeAnythingHappens) {
         EXPECT_EQ(gSeen.calls, 0) << "no callback";
         EXPECT_EQ(names, "\"" + file + "\"") << "the list is not touched";
     }
-}
-
-TEST_F(KermitEntry, ReceiverWithoutItsNameBlockDoesNothing) {
-    plat::SetAllocFailAfter(0);
-    const int32_t result = KermitReceiveWithOptions(port_, nullptr, &Watch, 0);
-    plat::SetAllocFailAfter(-1);
-    EXPECT_EQ(result, -601);
-    EXPECT_EQ(host_.WriteRequests(), 0);
-    EXPECT_EQ(gSeen.calls, 0);
 }
 
 // With nobody answering, each entry runs its exchange to the retry limit

@@ -126,24 +126,6 @@ INSTANTIATE_TEST_SUITE_P(
                  1, 0, 0, 0, 1},
         SparCase{"own EOL and QCTL", "~(  *!", 94, 8, 0, 96, 10, '!', 0, '&', 1, 0, 0, 0, 1}));
 
-TEST(KermitSpar, NoTimeLimitStaysWithoutLimitAndARepeatPrefixTurnsRepeatsOn) {
-    auto k = NewEngine();
-    k->timo = 0;
-    Spar(*k, "~(  -#Y3%");
-    EXPECT_EQ(k->timo, 0);
-    EXPECT_EQ(k->rpton, 1);
-    EXPECT_EQ(k->rptchar, '%');
-    Spar(*k, "~(  -#Y3 ");
-    EXPECT_EQ(k->rpton, 0); // a blank is no prefix
-    Spar(*k, "~(  -#Y3");
-    EXPECT_EQ(k->rpton, 0);
-    // Capabilities once announced stay on for the exchange.
-    Spar(*k, "~(  -#Y3~*");
-    Spar(*k, "~(  -#Y3~ ");
-    EXPECT_EQ(k->attrok, 1);
-    EXPECT_EQ(k->longok, 1);
-}
-
 // The transition table: the start events and E the same in every state,
 // blank and characters outside the printable range ignored, the entries
 // particular to each state, everything else an unexpected packet.
