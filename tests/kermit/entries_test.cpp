@@ -194,48 +194,6 @@ TEST_F(KermitEntry, AnErrorFromThePeerEndsTheExchangeWithFilesClosed) {
     EXPECT_EQ(gSeen.fileCount, 1);
 }
 
-// Whatever name the peer sends, the file lands in the receive folder under
-// its local form, or the file is refused with an error packet and nothing
-// is written anywhere.
-TEST_F(KermitEntry, ReceivedNamesLandInTheReceiveFolderOrAreRefused) {
-    const struct {
-        std::string sent;  // as encoded in the F packet
-        std::string local; // "" when the file is refused
-    } cases[] = {
-        {"README.TXT", "readme.txt"},
-        {"dir/sub/x.bin", "x.bin"},
-        {"C:\\dos\\PROG.EXE", "prog.exe"},
-        {"../../escape", "escape"},
-        {"a#Ab", "a\x01"
-                 "b"},        // a control byte inside is kept
-        {"#A#B  ", "NONAME"}, // nothing but controls and blanks
-        {"", "NONAME"},
-        {"..", ""},
-        {"sub/.", ""},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.sent);
-        fs::remove_all(tree_.Path("in"));
-        fs::create_directories(tree_.Path("in"));
-        host_.ClearWritten();
-        // A refused file gets its error right after F; nothing more is fed.
-        const bool refused = c.local.empty();
-        host_.Receive(
-            Packet('S', 0, kPeerInit) + Packet('F', 1, c.sent) +
-            (refused ? "" : Packet('D', 2, "data") + Packet('Z', 3, "") + Packet('B', 4, "")));
-        EXPECT_EQ(KermitReceiveWithOptions(port_, nullptr, nullptr, 0), 0);
-        std::vector<std::string> landed;
-        for (const auto &entry : fs::directory_iterator(tree_.Path("in")))
-            landed.push_back(entry.path().filename().string());
-        EXPECT_EQ(Types(host_.WrittenString()), refused ? "YE" : "YYYYY");
-        EXPECT_EQ(landed, refused ? std::vector<std::string>{} : std::vector<std::string>{c.local});
-        if (!refused) {
-            EXPECT_EQ(test::FileText(tree_.Path("in/" + c.local)), "data");
-        }
-    }
-    EXPECT_FALSE(fs::exists(tree_.Path("escape")));
-}
-
 // --- the send list, over the link pair ---------------------------------
 
 std::mutex gNamesMutex;
