@@ -235,12 +235,8 @@ TEST_F(KermitPacket, LengthOfOneIsNeverCompleteAndEndsAtTheLimit) {
     // A long packet announcing more than the limit ends there too.
     engine->readBlock.Length = 0;
     const int announced = 94 * 95 + 94; // 9024 characters after the header
-    const std::string head = {'\x01',
-                              ' ',
-                              '!',
-                              'D',
-                              static_cast<char>(32 + announced / 95),
-                              static_cast<char>(32 + announced % 95)};
+    const std::string head =
+        std::string("\x01 !D") + wire::ToChar(announced / 95) + wire::ToChar(announced % 95);
     host.Receive(head + std::string(9100, 'y'));
     TraceCapture::Clear();
     EXPECT_EQ(engine->rpacket(), 'Q');
