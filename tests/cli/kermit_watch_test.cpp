@@ -115,7 +115,14 @@ TEST(KermitWatch, JudgesExchanges) {
          "before the end of the batch"},
         {"line went quiet mid-file", false, 0, Cut(Mirrored(OneFileSent(3)), 6), false, 0,
          "before the end of the batch"},
-        {"names passed over", true, 3, OneFileSent(3), false, 1, "1 of 3 files sent"},
+        {"a name passed over", true, 2, OneFileSent(3), false, 1, "1 of 2 files sent"},
+        {"second file ended by B without Z", true, 2,
+         [] {
+             auto s = With(OneFileSent(3), 8, {{true, 'F', 4, "B.TXT", 3}, {false, 'Y', 4, "", 3}});
+             s[10].seq = s[11].seq = 5; // B and its answer
+             return s;
+         }(),
+         false, 1, "1 file not finished"},
         {"empty batch",
          true,
          1,
