@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "../kermit/wire.h"
 #include "kermit_watch.h"
 
 namespace zvxfer::cli {
@@ -13,53 +14,15 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-char ToChar(int x) {
-    return static_cast<char>(x + 32);
-}
-
 // A packet as a Kermit program puts it on the line, with check type `check`.
 Bytes Packet(char type, int seq, const std::string &data, int check) {
-    std::string p;
-    const std::size_t n = data.size() + static_cast<std::size_t>(check);
-    if (n + 2 >= 95) {
-        p = std::string(1, ' ') + ToChar(seq) + type + ToChar(static_cast<int>(n / 95)) +
-            ToChar(static_cast<int>(n % 95));
-        unsigned s = 0;
-        for (char c : p) s += static_cast<uint8_t>(c);
-        p += ToChar(static_cast<int>((s + ((s & 192) >> 6)) & 63));
-    } else {
-        p = std::string(1, ToChar(static_cast<int>(n + 2))) + ToChar(seq) + type;
-    }
-    p += data;
-    unsigned s = 0, crc = 0;
-    for (char ch : p) {
-        const unsigned c = static_cast<uint8_t>(ch);
-        s += c;
-        crc = (crc >> 4) ^ (((crc ^ c) & 15) * 4225);
-        crc = (crc >> 4) ^ (((crc ^ (c >> 4)) & 15) * 4225);
-    }
-    if (check == 1) p += ToChar(static_cast<int>((s + ((s & 192) >> 6)) & 63));
-    if (check == 2) p += std::string{ToChar(static_cast<int>((s >> 6) & 63)), ToChar(s & 63)};
-    if (check == 3)
-        p += std::string{ToChar(static_cast<int>((crc >> 12) & 15)),
-                         ToChar(static_cast<int>((crc >> 6) & 63)), ToChar(crc & 63)};
-    Bytes out(p.size() + 2);
-    out.front() = 0x01;
-    std::copy(p.begin(), p.end(), out.begin() + 1);
-    out.back() = '\r';
-    return out;
+    const std::string p = wire::Frame(type, seq, data, check);
+    return Bytes(p.begin(), p.end());
 }
 
 // A send-init string asking for block-check type `check`.
 std::string Init(char check) {
     return std::string("~* @-#Y") + check + "~*";
-}
-
-TEST(KermitWatch, PacketBuilderMatchesAKnownPacket) {
-    // An empty Y, type 1 check, number 5: '#' + '%' + 'Y' is 161, and
-    // (161 + (128 >> 6)) & 63 is 35, the character C.
-    const Bytes expected{0x01, '#', '%', 'Y', 'C', '\r'};
-    EXPECT_EQ(Packet('Y', 5, "", 1), expected);
 }
 
 // One exchange seen from this end: who sent each packet, and which check
@@ -152,7 +115,14 @@ TEST(KermitWatch, JudgesExchanges) {
          "before the end of the batch"},
         {"line went quiet mid-file", false, 0, Cut(Mirrored(OneFileSent(3)), 6), false, 0,
          "before the end of the batch"},
-        {"names passed over", true, 3, OneFileSent(3), false, 1, "1 of 3 files sent"},
+        {"a name passed over", true, 2, OneFileSent(3), false, 1, "1 of 2 files sent"},
+        {"second file ended by B without Z", true, 2,
+         [] {
+             auto s = With(OneFileSent(3), 8, {{true, 'F', 4, "B.TXT", 3}, {false, 'Y', 4, "", 3}});
+             s[10].seq = s[11].seq = 5; // B and its answer
+             return s;
+         }(),
+         false, 1, "1 file not finished"},
         {"empty batch",
          true,
          1,

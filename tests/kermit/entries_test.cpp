@@ -1,8 +1,7 @@
 // The Kermit entries: which option codes each accepts and what they set in
-// the record, the name block of the receiver, the send list split from the
-// host's string (names in order, unreadable ones passed over but counted,
-// no limit on their number), and the result, which is 0 once the exchange
-// has run, also when the peer ends it with an error.
+// the record, the send list split from the host's string (names in order, unreadable ones passed
+// over but counted, no limit on their number), and the result, which is 0 once the exchange has
+// run, also when the peer ends it with an error.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -14,10 +13,10 @@
 #include "fake_clock.h"
 #include "link_files.h"
 #include "platform/file.h"
-#include "platform/heap.h"
 #include "temp_tree.h"
 #include "test_host.h"
 #include "turns.h"
+#include "wire.h"
 #include "zvxfer.h"
 
 namespace zvxfer {
@@ -25,30 +24,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A Kermit packet with a one-character block check, framed here by hand so
-// that the test does not lean on the engine's own framing.
 std::string Packet(char type, int seq, const std::string &data) {
-    std::string body;
-    body += static_cast<char>(32 + data.size() + 3);
-    body += static_cast<char>(32 + seq);
-    body += type;
-    body += data;
-    unsigned sum = 0;
-    for (unsigned char c : body) sum += c;
-    return "\x01" + body + static_cast<char>(32 + ((sum + ((sum & 192) >> 6)) & 63)) + "\r";
+    return wire::Frame(type, seq, data);
 }
 // A peer's parameters: longest packet 94, 10 s, no padding, CR, '#',
 // no eighth-bit prefix, one-character checks, nothing more.
 const std::string kPeerInit = "~* @-#N1";
 
-// The packets in what the engine wrote, by their type letters.
-std::string Types(const std::string &written) {
-    std::string types;
-    for (std::size_t at = written.find('\x01'); at != std::string::npos && at + 3 < written.size();
-         at = written.find('\x01', at + 1))
-        types += written[at + 3];
-    return types;
-}
+using wire::Types;
 
 // What the progress callback saw of the record, last call.
 struct Seen {
@@ -123,15 +106,6 @@ TEST_F(KermitEntry, RefusedCodesEndTheCallBeforeAnythingHappens) {
         EXPECT_EQ(gSeen.calls, 0) << "no callback";
         EXPECT_EQ(names, "\"" + file + "\"") << "the list is not touched";
     }
-}
-
-TEST_F(KermitEntry, ReceiverWithoutItsNameBlockDoesNothing) {
-    plat::SetAllocFailAfter(0);
-    const int32_t result = KermitReceiveWithOptions(port_, nullptr, &Watch, 0);
-    plat::SetAllocFailAfter(-1);
-    EXPECT_EQ(result, -601);
-    EXPECT_EQ(host_.WriteRequests(), 0);
-    EXPECT_EQ(gSeen.calls, 0);
 }
 
 // With nobody answering, each entry runs its exchange to the retry limit
@@ -218,48 +192,6 @@ TEST_F(KermitEntry, AnErrorFromThePeerEndsTheExchangeWithFilesClosed) {
     EXPECT_EQ(Types(host_.WrittenString()), "YYYYY");
     EXPECT_EQ(test::FileText(tree_.Path("in/whole.bin")), "hello");
     EXPECT_EQ(gSeen.fileCount, 1);
-}
-
-// Whatever name the peer sends, the file lands in the receive folder under
-// its local form, or the file is refused with an error packet and nothing
-// is written anywhere.
-TEST_F(KermitEntry, ReceivedNamesLandInTheReceiveFolderOrAreRefused) {
-    const struct {
-        std::string sent;  // as encoded in the F packet
-        std::string local; // "" when the file is refused
-    } cases[] = {
-        {"README.TXT", "readme.txt"},
-        {"dir/sub/x.bin", "x.bin"},
-        {"C:\\dos\\PROG.EXE", "prog.exe"},
-        {"../../escape", "escape"},
-        {"a#Ab", "a\x01"
-                 "b"},        // a control byte inside is kept
-        {"#A#B  ", "NONAME"}, // nothing but controls and blanks
-        {"", "NONAME"},
-        {"..", ""},
-        {"sub/.", ""},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.sent);
-        fs::remove_all(tree_.Path("in"));
-        fs::create_directories(tree_.Path("in"));
-        host_.ClearWritten();
-        // A refused file gets its error right after F; nothing more is fed.
-        const bool refused = c.local.empty();
-        host_.Receive(
-            Packet('S', 0, kPeerInit) + Packet('F', 1, c.sent) +
-            (refused ? "" : Packet('D', 2, "data") + Packet('Z', 3, "") + Packet('B', 4, "")));
-        EXPECT_EQ(KermitReceiveWithOptions(port_, nullptr, nullptr, 0), 0);
-        std::vector<std::string> landed;
-        for (const auto &entry : fs::directory_iterator(tree_.Path("in")))
-            landed.push_back(entry.path().filename().string());
-        EXPECT_EQ(Types(host_.WrittenString()), refused ? "YE" : "YYYYY");
-        EXPECT_EQ(landed, refused ? std::vector<std::string>{} : std::vector<std::string>{c.local});
-        if (!refused) {
-            EXPECT_EQ(test::FileText(tree_.Path("in/" + c.local)), "data");
-        }
-    }
-    EXPECT_FALSE(fs::exists(tree_.Path("escape")));
 }
 
 // --- the send list, over the link pair ---------------------------------

@@ -1,14 +1,15 @@
-// The Kermit engine's local files: reading a file to send (text mode's line
-// ends, the position count), the checks before reading and writing, and
-// the output file beneath the receive folder: created without following
-// links, made permanent only when kept, removed when discarded.
+// The Kermit engine's local files and names: reading a file to send (text
+// mode's line ends, the position count), the output file beneath the receive
+// folder (created without following links, removed when discarded), the
+// name a file is sent under, the local name of a received one, and the
+// numbered backups that move an older file aside.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <memory>
+#include <set>
 #include <string>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "kermit/engine.h"
 #include "link_files.h"
@@ -173,43 +174,6 @@ TEST(KermitFiles, OutputFilesAreKeptWhenCompleteAndRemovedWhenDiscarded) {
     EXPECT_EQ(b->zputc('x'), -1) << "nothing open";
 }
 
-TEST(KermitFiles, AFailedWriteIsReportedAndTheFileNotKept) {
-    Bench b("");
-    b->outputFile =
-        plat::FileOpen("/dev/full", plat::FileAccess::Write, plat::FileDisposition::OpenExisting);
-    ASSERT_NE(b->outputFile, XFER_INVALID_FILE);
-    int result = 0;
-    for (int i = 0; i <= 4096 && result == 0; ++i) result = b->zputc('d');
-    EXPECT_EQ(result, -1) << "the disk is full once the buffer goes out";
-    b->zputc('d');
-    EXPECT_EQ(b->zcloso(0), -1);
-    EXPECT_EQ(b->outputFile, XFER_INVALID_FILE);
-}
-
-TEST(KermitFiles, OutputPathIsTheFolderTextAndTheNameOrTheTextAlone) {
-    test::TempTree tree;
-    fs::create_directories(tree.Path("in"));
-    // A path holds 259 characters; a long name is cut to what is left.
-    const std::size_t room = std::min<std::size_t>(255, 259 - tree.Path("in/").size());
-    const struct {
-        std::string folder, name, written; // relative to the tree
-    } cases[] = {
-        {"in/", "a.txt", "in/a.txt"},
-        {"in", "a.txt", "ina.txt"},        // no separator is added
-        {"file.out", "a.txt", "file.out"}, // not a folder: the whole text names the file
-        {"in/", std::string(300, 'n'), "in/" + std::string(room, 'n')},
-        // The cut falls inside a two-byte character: the character goes.
-        {"in/", std::string(room - 1, 'n') + "\xc3\xa9xyz", "in/" + std::string(room - 1, 'n')},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.folder);
-        Bench b(tree.Path(c.folder));
-        EXPECT_EQ(Receive(*b, c.name.c_str(), "data", 0), 0);
-        EXPECT_EQ(test::FileText(tree.Path(c.written)), "data");
-        fs::remove(tree.Path(c.written));
-    }
-}
-
 TEST(KermitFiles, OutputNeverFollowsALinkNorLeavesTheFolder) {
     test::TempTree tree;
     fs::create_directories(tree.Path("in"));
@@ -236,36 +200,147 @@ TEST(KermitFiles, OutputNeverFollowsALinkNorLeavesTheFolder) {
     EXPECT_EQ(test::FileText(tree.Path("target")), "outside");
 }
 
-TEST(KermitFiles, WriteCheckLooksInTheReceiveFolder) {
+// ---- names ------------------------------------------------------------
+
+std::string Zltor(const std::string &name, int max = 260) {
+    Bench b("");
+    char out[kNameSize] = "unchanged";
+    b->zltor(name.c_str(), out, max);
+    return out;
+}
+
+TEST(KermitNames, SentNamesHaveNoFolderOnlyTheirLastDotAndPortableCharactersAndFit) {
+    const std::string longName(300, 'a');
+    const struct {
+        std::string local, sent;
+        int max = 260; // the output buffer with its terminator
+    } cases[] = {
+        {"C:\\data\\my file.tar.gz", "my_file_tar.gz"},
+        {"/home/u/src/main.c", "main.c"},
+        {".profile", "X.profile"},
+        {"a~b#c", "a-bXc"},
+        {"a*b?c", "aXbXc"},
+        {"tab\there\x7f", "tabXhere\x7f"},
+        {"\xc3\xa9t\xc3\xa9.txt", "XXtXX.txt"},
+        {"a.b.c", "a_b.c"},
+        {"noext", "noext"},
+        {".", "X."},
+        {"C:\\dir\\", "C:\\dir\\"}, // ends with a separator: taken whole
+        {"", ""},
+        // Long names are cut to the buffer, the leading X counted.
+        {longName, std::string(259, 'a')},
+        {"x/" + longName + ".txt", std::string(259, 'a')},
+        {"." + longName, "X." + std::string(257, 'a')},
+        {"abcdef.g", "abcd", 5},
+    };
+    for (const auto &c : cases) EXPECT_EQ(Zltor(c.local, c.max), c.sent) << c.local;
+}
+
+std::string Zlocal(const std::string &received, int max = 260) {
+    Bench b("");
+    char out[kNameSize] = "unchanged";
+    EXPECT_EQ(b->zlocal(received.c_str(), out, 0, max), 0);
+    return out;
+}
+
+TEST(KermitNames, ReceivedNamesAreTrimmedAndLoweredWhenAllCapitals) {
+    const struct {
+        std::string received, local;
+    } cases[] = {
+        {"  README.TXT ", "readme.txt"},
+        {"ReadMe.TXT", "ReadMe.TXT"},
+        {"ABC123.TXT", "abc123.txt"},
+        {"123", "123"},
+        {"   ", "NONAME"},
+        {"", "NONAME"},
+        // Controls and bytes of 128 and above are trimmed from both ends,
+        // kept inside.
+        {"\x01\x1f"
+         "name\x1b\r\n",
+         "name"},
+        {"\xc3\xa9"
+         "file\xff",
+         "file"},
+        {"a\x01"
+         "b",
+         "a\x01"
+         "b"},
+        {"\xc3\xa9"
+         "T\xc3\xa9",
+         "t"},
+        {"\x7f", "\x7f"},
+    };
+    for (const auto &c : cases) EXPECT_EQ(Zlocal(c.received), c.local) << c.received;
+    EXPECT_EQ(Zlocal(std::string(400, 'x')), std::string(259, 'x'));
+    EXPECT_EQ(Zlocal("  abcdefgh", 5), "abcd");
+
+    // The name may be converted in place.
+    Bench b("");
+    char name[kNameSize] = "  HELLO.C  ";
+    EXPECT_EQ(b->zlocal(name, name, 0, sizeof name), 0);
+    EXPECT_STREQ(name, "hello.c");
+}
+
+// Names in the folder, sorted.
+std::set<std::string> Listing(const std::string &folder) {
+    std::set<std::string> names;
+    for (const auto &entry : fs::directory_iterator(folder))
+        names.insert(entry.path().filename().string());
+    return names;
+}
+
+TEST(KermitNames, BackupsTakeTheFirstFreeNumberOnTheBaseName) {
+    using Set = std::set<std::string>;
+    const struct {
+        Set present;
+        std::string name;
+        Set after;
+        std::string movedTo; // the old file's new name, "" when nothing moved
+    } cases[] = {
+        {{"log", "log.~1~"}, "log", {"log.~1~", "log.~2~"}, "log.~2~"},
+        {{"log"}, "log", {"log.~1~"}, "log.~1~"},
+        {{"log.~2~"}, "log.~2~", {"log.~1~"}, "log.~1~"},
+        {{"log.~1~", "log.~2~"}, "log.~2~", {"log.~1~", "log.~3~"}, "log.~3~"},
+        {{"a.~x~"}, "a.~x~", {"a.~x~.~1~"}, "a.~x~.~1~"},
+        {{".~1~"}, ".~1~", {".~1~.~1~"}, ".~1~.~1~"}, // the first character is never the dot
+        {{"other"}, "log", {"other"}, ""},            // nothing to move
+    };
+    for (const auto &c : cases) {
+        test::TempTree tree;
+        for (const std::string &name : c.present) tree.File("in/" + name, "old " + name);
+        Bench b(tree.Path("in/"));
+        EXPECT_EQ(b->zbackup(c.name.c_str()), 0) << c.name;
+        EXPECT_EQ(Listing(tree.Path("in")), c.after) << c.name;
+        if (!c.movedTo.empty()) {
+            EXPECT_EQ(test::FileText(tree.Path("in/" + c.movedTo)), "old " + c.name);
+        }
+    }
+}
+
+TEST(KermitNames, BackupsStayInTheReceiveFolderAndNeverMoveFoldersOrFollowLinks) {
     test::TempTree tree;
-    fs::create_directories(tree.Path("in/sub"));
-    tree.File("in/present", "x");
+    tree.File("in/sub/keep", "folder content");
+    tree.File("target", "outside");
+    fs::create_symlink(tree.Path("target"), tree.Path("in/link"));
+    tree.File("log", "beside the folder");
     Bench b(tree.Path("in/"));
-    EXPECT_EQ(b->zchko("new"), 0) << "a missing file: the folder is checked";
-    EXPECT_EQ(b->zchko("present"), 0);
-    EXPECT_EQ(b->zchko("sub"), -1) << "a folder is never written";
-    EXPECT_EQ(b->zchko(""), -1);
-    EXPECT_EQ(b->zchko(nullptr), -1);
 
-    // /dev/null is always writable, whatever the folder.
-    Bench nowhere(tree.Path("missing/deeper/"));
-    EXPECT_EQ(nowhere->zchko("/dev/null"), 0);
-    EXPECT_EQ(nowhere->zchko("null"), -1);
+    EXPECT_EQ(b->zbackup("sub"), 0);
+    EXPECT_TRUE(fs::is_directory(tree.Path("in/sub"))) << "a folder is never moved";
+    EXPECT_EQ(b->zbackup("log"), 0);
+    EXPECT_FALSE(fs::exists(tree.Path("log.~1~"))) << "only the receive folder is looked at";
 
-    // Folders this process may not write.  Permission bits do not hold
-    // back the super-user, so a folder of /proc stands in too.
-    std::vector<std::string> locked = {"/proc/self/"};
-    if (geteuid() != 0) {
-        fs::create_directories(tree.Path("ro"));
-        fs::permissions(tree.Path("ro"), fs::perms::owner_read | fs::perms::owner_exec);
-        locked.push_back(tree.Path("ro/"));
-    }
-    for (const std::string &folder : locked) {
-        Bench ro(folder);
-        EXPECT_EQ(ro->zchko("new.txt"), -1) << folder;
-        EXPECT_EQ(ro->zopeno("new.txt"), -1) << folder;
-    }
-    if (geteuid() != 0) fs::permissions(tree.Path("ro"), fs::perms::owner_all);
+    // A link is moved as a link; what it points at is left alone.
+    EXPECT_EQ(b->zbackup("link"), 0);
+    EXPECT_TRUE(fs::is_symlink(tree.Path("in/link.~1~")));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(tree.Path("in/link"))));
+    EXPECT_EQ(test::FileText(tree.Path("target")), "outside");
+    EXPECT_FALSE(fs::exists(tree.Path("target.~1~")));
+
+    // A dangling link is in the way like any other entry.
+    fs::create_symlink(tree.Path("nowhere"), tree.Path("in/dangling"));
+    EXPECT_EQ(b->zbackup("dangling"), 0);
+    EXPECT_TRUE(fs::is_symlink(tree.Path("in/dangling.~1~")));
 }
 
 } // namespace

@@ -1,13 +1,10 @@
-// The Kermit packet layer on the wire: packets built against a small
-// independent framer (lengths, both forms, the three checks), every verdict
-// of the reader, the data-field coding as exact characters and as round
-// trips through packets, and the host link (partial writes, read errors,
-// time-outs on a sleepless clock, the host polls).
+// The Kermit packet layer on the wire: packets built against the framer of
+// wire.h (lengths, both forms, the three checks), the reader's verdicts, the
+// data-field coding as exact characters and as round trips through packets,
+// and the host link (partial writes, time-outs on a sleepless clock, polls).
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <random>
 #include <string>
@@ -16,9 +13,8 @@
 
 #include "fake_clock.h"
 #include "kermit/engine.h"
-#include "platform/file.h"
-#include "temp_tree.h"
 #include "test_host.h"
+#include "wire.h"
 #include "zvxfer.h"
 
 namespace zvxfer::kermit {
@@ -33,80 +29,8 @@ Bytes Raw(std::string_view s) {
     return Bytes(s.begin(), s.end());
 }
 
-// ---- an independent framer: what the wire must carry --------------------
-
-unsigned Sum(std::string_view s) {
-    unsigned sum = 0;
-    for (unsigned char c : s) sum += c;
-    return sum;
-}
-char Chk1(std::string_view s) {
-    const unsigned sum = Sum(s);
-    return static_cast<char>(32 + ((sum + ((sum & 192) >> 6)) & 63));
-}
-// The Kermit CRC one bit at a time (reflected 0x1021, initial 0).
-unsigned BitCrc(std::string_view s) {
-    unsigned crc = 0;
-    for (unsigned char c : s) {
-        crc ^= c;
-        for (int bit = 0; bit < 8; ++bit) crc = (crc & 1) ? (crc >> 1) ^ 0x8408 : crc >> 1;
-    }
-    return crc;
-}
-std::string CheckChars(std::string_view s, int type) {
-    if (type == 1) return std::string(1, Chk1(s));
-    if (type == 2) {
-        const unsigned v = Sum(s) & 0xFFF;
-        return {static_cast<char>(32 + (v >> 6)), static_cast<char>(32 + (v & 63))};
-    }
-    const unsigned v = BitCrc(s);
-    return {static_cast<char>(32 + (v >> 12)), static_cast<char>(32 + ((v >> 6) & 63)),
-            static_cast<char>(32 + (v & 63))};
-}
-// MARK through EOL; the long form whenever the length does not fit LEN.
-std::string Frame(char type, int seq, std::string_view data, int check = 1, bool longForm = false) {
-    const int n = static_cast<int>(data.size()) + check;
-    std::string body;
-    if (!longForm && n + 2 < 95) {
-        body = {static_cast<char>(32 + n + 2), static_cast<char>(32 + seq), type};
-    } else {
-        body = {' ', static_cast<char>(32 + seq), type, static_cast<char>(32 + n / 95),
-                static_cast<char>(32 + n % 95)};
-        body += Chk1(body);
-    }
-    body += data;
-    return "\x01" + body + CheckChars(body, check) + "\r";
-}
-
-// ---- trace capture ---------------------------------------------------------
-
-std::vector<std::string> &TraceLines() {
-    static std::vector<std::string> lines;
-    return lines;
-}
-class TraceCapture {
-  public:
-    TraceCapture() {
-        TraceLines().clear();
-        ZvSetDebugOutput([](const char *text) {
-            const std::string line(text);
-            TraceLines().push_back(line.size() > 13 ? line.substr(13) : line); // no time stamp
-        });
-    }
-    ~TraceCapture() { ZvSetDebugOutput(nullptr); }
-    TraceCapture(const TraceCapture &) = delete;
-    TraceCapture &operator=(const TraceCapture &) = delete;
-    static bool Has(std::string_view line) {
-        const auto &lines = TraceLines();
-        return std::find(lines.begin(), lines.end(), line) != lines.end();
-    }
-    static bool HasPrefix(std::string_view prefix) {
-        for (const auto &l : TraceLines())
-            if (l.starts_with(prefix)) return true;
-        return false;
-    }
-    static void Clear() { TraceLines().clear(); }
-};
+using wire::Frame;
+using TraceCapture = wire::Traces;
 
 // ---- the engine on a scripted host -------------------------------------------
 
@@ -208,20 +132,6 @@ TEST_F(KermitPacket, NormalAndLongFormAtTheBoundaryForEachCheck) {
     }
 }
 
-TEST_F(KermitPacket, PaddingGoesBeforeTheMarkAndTheReaderSkipsIt) {
-    engine->padcount = 3;
-    engine->padchar = 'p';
-    engine->sndeol = '\n';
-    engine->spacket('N', 63, 0, nullptr);
-    std::string want = "ppp" + Frame('N', 63, "");
-    want.back() = '\n';
-    EXPECT_EQ(host.WrittenString(), want);
-    EXPECT_EQ(engine->sndlen, static_cast<int>(want.size()));
-    host.Receive(want);
-    EXPECT_EQ(engine->rpacket(), 'N');
-    EXPECT_EQ(engine->rseq, 63);
-}
-
 TEST_F(KermitPacket, BlockCheckValues) {
     const auto crcOf = [&](std::string_view s) {
         return engine->crc(reinterpret_cast<const uint8_t *>(s.data()), static_cast<int>(s.size()));
@@ -236,23 +146,15 @@ TEST_F(KermitPacket, BlockCheckValues) {
         for (char &c : s) c = static_cast<char>(rng());
         const auto *p = reinterpret_cast<const uint8_t *>(s.data());
         const int n = static_cast<int>(s.size());
-        ASSERT_EQ(engine->crc(p, n), BitCrc(s));
-        ASSERT_EQ(engine->chk2(p, n), Sum(s));
-        ASSERT_EQ(tochar(static_cast<int>(engine->chk1(p, n))), Chk1(s));
+        ASSERT_EQ(engine->crc(p, n), wire::BitCrc(s));
+        ASSERT_EQ(engine->chk2(p, n), wire::Sum(s));
+        ASSERT_EQ(tochar(static_cast<int>(engine->chk1(p, n))), wire::Chk1(s));
     }
     // The 6-bit check folds the sum's two top bits of its low byte in.
     const uint8_t ff[] = {0xFF, 0xFF};
     TraceCapture::Clear();
     EXPECT_EQ(engine->chk1(ff, 2), (510u + 3u) & 63u);
     EXPECT_TRUE(TraceCapture::Has("chksum=510\n"));
-}
-
-TEST_F(KermitPacket, PacketsThatCannotBeSentAreRefused) {
-    EXPECT_EQ(engine->ttol(engine->sndbuf, -1), -1);
-    EXPECT_TRUE(TraceCapture::Has("ttol len = -1\n"));
-    std::vector<uint8_t> big(9100, 'a');
-    EXPECT_LT(engine->spacket('D', 1, 9100, big.data()), 0);
-    EXPECT_TRUE(host.Written().empty());
 }
 
 // ---- reading packets ------------------------------------------------------------
@@ -271,15 +173,6 @@ TEST_F(KermitPacket, GarbageBeforeBetweenAndAfterPacketsIsSkipped) {
     EXPECT_EQ(engine->rdlen, 0);
     EXPECT_EQ(engine->rpacket(), 'Q'); // only junk left, then the time-out
     EXPECT_EQ(engine->rseq, -1);
-}
-
-TEST_F(KermitPacket, ReadTraceShowsThePacketWithoutMarkAndLastCharacter) {
-    host.Receive(Frame('Y', 5, ""));
-    EXPECT_EQ(engine->rpacket(), 'Y');
-    EXPECT_TRUE(TraceCapture::Has("ttinl read timo = 9\n"));
-    EXPECT_TRUE(TraceCapture::Has("ttinl length = 3\n"));
-    EXPECT_TRUE(TraceCapture::Has("PKT<-[^A#%Y](5) rc=5\n"));
-    EXPECT_TRUE(TraceCapture::Has("rpacket type=Y, seq=05, len=0\n"));
 }
 
 TEST_F(KermitPacket, DamageInEachCheckTypeIsRefusedWithItsTrace) {
@@ -342,29 +235,13 @@ TEST_F(KermitPacket, LengthOfOneIsNeverCompleteAndEndsAtTheLimit) {
     // A long packet announcing more than the limit ends there too.
     engine->readBlock.Length = 0;
     const int announced = 94 * 95 + 94; // 9024 characters after the header
-    const std::string head = {'\x01',
-                              ' ',
-                              '!',
-                              'D',
-                              static_cast<char>(32 + announced / 95),
-                              static_cast<char>(32 + announced % 95)};
+    const std::string head =
+        std::string("\x01 !D") + wire::ToChar(announced / 95) + wire::ToChar(announced % 95);
     host.Receive(head + std::string(9100, 'y'));
     TraceCapture::Clear();
     EXPECT_EQ(engine->rpacket(), 'Q');
     EXPECT_TRUE(TraceCapture::Has("ttinl length = 9029\n"));
     EXPECT_TRUE(TraceCapture::Has("ttinl overflow\n"));
-}
-
-TEST_F(KermitPacket, LengthsThatDoNotHoldTheCheckAreRefused) {
-    engine->chkuse = 3;
-    // LEN tochar(4) leaves no room for a 3-character check and SEQ/TYPE.
-    host.Receive(std::string("\x01$%Dxy"));
-    EXPECT_EQ(engine->rpacket(), 'Q');
-    EXPECT_TRUE(TraceCapture::Has("rpacket bad length\n"));
-    // A packet cut short by the end of the line is a runt.
-    host.Receive(std::string("\x01#%"));
-    EXPECT_EQ(engine->rpacket(), 'Q');
-    EXPECT_TRUE(TraceCapture::Has("rpacket runt\n"));
 }
 
 TEST_F(KermitPacket, TimeOutAfterTimoSecondsOnTheSleeplessClock) {
@@ -385,52 +262,6 @@ TEST_F(KermitPacket, TimeOutAfterTimoSecondsOnTheSleeplessClock) {
     host.ReceiveAt(later + 60000, Frame('S', 0, "~"));
     EXPECT_EQ(engine->rpacket(), 'S');
     EXPECT_GE(clock.Now() - later, 60000u);
-}
-
-TEST_F(KermitPacket, AReadErrorFailsAtOnce) {
-    const uint32_t start = clock.Now();
-    host.Receive(Frame('Y', 1, ""));
-    host.SetReadError(true);
-    EXPECT_EQ(engine->rpacket(), 'Q');
-    EXPECT_EQ(clock.Now(), start);
-    EXPECT_EQ(engine->errorNumber, -1);
-    EXPECT_EQ(engine->ttflui(), 0);
-    EXPECT_EQ(engine->errorNumber, 0);
-    EXPECT_TRUE(TraceCapture::Has("ttflui = 0, errno = 0\n"));
-}
-
-TEST_F(KermitPacket, AQuitRequestEndsTheWaitAndEveryLaterOne) {
-    engine->timo = 30;
-    const uint32_t start = clock.Now();
-    ZvPostQuitMessage(0);
-    EXPECT_EQ(engine->rpacket(), 'Q');
-    EXPECT_LT(clock.Now() - start, 100u);
-    // Later reads fail without asking the host or waiting.
-    const int asked = host.ReadRequests();
-    const uint32_t then = clock.Now();
-    EXPECT_EQ(engine->rpacket(), 'Q');
-    EXPECT_EQ(host.ReadRequests(), asked);
-    EXPECT_EQ(clock.Now(), then);
-    // Bytes already handed over are still read.
-    host.Receive(Frame('Y', 1, "") + Frame('Y', 2, ""));
-    engine->hostClosing = false;
-    EXPECT_EQ(engine->rpacket(), 'Y');
-    engine->hostClosing = true;
-    EXPECT_EQ(engine->rpacket(), 'Y');
-    EXPECT_EQ(engine->rseq, 2);
-}
-
-TEST_F(KermitPacket, TheHostIsAskedOnlyWhenItsBlockIsUsedUp) {
-    host.Receive(Frame('D', 1, "one") + Frame('D', 2, "two") + "rest");
-    EXPECT_EQ(engine->rpacket(), 'D');
-    EXPECT_EQ(engine->rpacket(), 'D');
-    EXPECT_EQ(Data(), "two");
-    EXPECT_EQ(host.ReadRequests(), 1);
-    EXPECT_TRUE(TraceCapture::HasPrefix("ReadDataFromStack: Read: "));
-    // Bytes after a packet stay for the next reader.
-    uint8_t buf[16] = {};
-    EXPECT_EQ(engine->ReadDataFromStack(buf, 16, 1), 5);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(buf), 5), "\rrest");
 }
 
 // ---- the data field ---------------------------------------------------------------
@@ -532,38 +363,6 @@ TEST_F(KermitPacket, TextModeDropsCarriageReturnsOnlyForALineFeedPeer) {
     EXPECT_EQ(Str(out), "A\r\n");
 }
 
-TEST_F(KermitPacket, ABoundedSinkIsCutAndStaysTerminated) {
-    engine->rpton = 1;
-    char name[kNameSize + 8];
-    std::fill(std::begin(name), std::end(name), '#');
-    engine->memorySink = reinterpret_cast<uint8_t *>(name);
-    engine->memorySinkRoom = kNameSize;
-    std::string field = std::string(250, 'n') + "~~m"; // 250 + 94 characters
-    engine->rdata = reinterpret_cast<uint8_t *>(field.data());
-    engine->rdlen = static_cast<int32_t>(field.size());
-    EXPECT_EQ(engine->decode(engine->rdlen), 0);
-    EXPECT_EQ(std::string(name), std::string(250, 'n') + std::string(kNameSize - 1 - 250, 'm'));
-    for (int i = kNameSize; i < kNameSize + 8; ++i) EXPECT_EQ(name[i], '#') << i;
-    // An empty field still leaves an empty, terminated name.
-    engine->memorySink = reinterpret_cast<uint8_t *>(name);
-    engine->memorySinkRoom = kNameSize;
-    EXPECT_EQ(engine->decode(0), 0);
-    EXPECT_EQ(name[0], '\0');
-}
-
-TEST_F(KermitPacket, EncodingAStringIsCutAtAWholeCharacter) {
-    engine->sndmax = 90;
-    EXPECT_EQ(engine->encstr("my file.txt"), 11);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(engine->data)), "my file.txt");
-    EXPECT_EQ(engine->stringSource, nullptr);
-    // Control bytes take two characters: the field stops short of the limit
-    // rather than split one.
-    engine->sndmax = 5;
-    EXPECT_EQ(engine->encstr("ab\x01\x02"), 4);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(engine->data)), "ab#A");
-    EXPECT_EQ(engine->encstr(""), 0);
-}
-
 // How getpkt splits a run of input into fields of at most `limit`.
 std::vector<std::string> Fields(KermitEngine &e, const char *input, int limit) {
     std::vector<std::string> fields;
@@ -588,29 +387,6 @@ TEST_F(KermitPacket, FieldsBreakBetweenEncodedBytesAndInsideAPair) {
     EXPECT_EQ(Fields(*engine, "ab\x81\x81\x81", 5), (F{"ab", "~#&#A"}));
     EXPECT_EQ(Fields(*engine, "abcde", 5), (F{"abcde"}));
     EXPECT_EQ(Fields(*engine, "", 5), (F{}));
-}
-
-// Every byte value, in runs of every length up to 11 and in pairs, for each
-// prefix combination: the field decodes back to the bytes.
-TEST_F(KermitPacket, EveryByteValueSurvivesEncodeAndDecode) {
-    Bytes bytes;
-    for (int v = 0; v < 256; ++v) {
-        bytes.push_back(static_cast<uint8_t>(v));
-        bytes.push_back(static_cast<uint8_t>(v));
-        bytes.push_back(static_cast<uint8_t>(255 - v));
-        bytes.insert(bytes.end(), static_cast<std::size_t>(v % 12), static_cast<uint8_t>(v));
-    }
-    for (int flags = 0; flags < 4; ++flags) {
-        SCOPED_TRACE(flags);
-        engine->rpton = flags & 1;
-        engine->ebqon = (flags >> 1) & 1;
-        const std::string field = EncodeAll(*engine, bytes);
-        for (unsigned char c : field)
-            ASSERT_TRUE(c >= 32 && c != 127 && (c < 128 || !engine->ebqon)) << int(c);
-        Bytes back;
-        ASSERT_EQ(DecodeField(*engine, field, back), 0);
-        EXPECT_EQ(back, bytes);
-    }
 }
 
 struct RoundTrip {
@@ -679,63 +455,6 @@ TEST_F(KermitPacket, RoundTripsThroughPacketsForEachPrefixAndCheck) {
     }
 }
 
-// The file glue as source and sink: a binary file through getpkt (zgetc),
-// packets, rpacket and decode (zputc), each side counting its bytes.
-TEST_F(KermitPacket, FileBytesThroughPacketsIntoTheOutputFile) {
-    test::TempTree dir;
-    std::mt19937 rng(7);
-    std::string content;
-    while (content.size() < 20000) content.append(rng() % 8 == 0 ? rng() % 50 : 1, char(rng()));
-    const std::string from = dir.File("from.bin", content);
-    const std::string to = dir.Path("to.bin");
-
-    test::TestHost far;
-    XferRecord farRecord{};
-    auto receiver = NewEngine(far);
-    receiver->record = &farRecord;
-    for (KermitEngine *e : {engine.get(), receiver.get()}) {
-        e->rpton = 1;
-        e->ebqon = 1;
-        e->chkuse = 3;
-    }
-    ASSERT_EQ(engine->zopeni(from.c_str()), 0);
-    engine->maxdata = 1000;
-    engine->fillstate = 1;
-    for (int x, seq = 1; (x = engine->getpkt(engine->maxdata)) > 0; seq = (seq + 1) % 64)
-        engine->spacket('D', seq, x, engine->data);
-    EXPECT_EQ(engine->zclosi(), 0);
-    EXPECT_EQ(record.FilePos, static_cast<int32_t>(content.size()));
-
-    far.Receive(host.Written());
-    receiver->outputFile =
-        plat::FileOpen(to.c_str(), plat::FileAccess::Write, plat::FileDisposition::CreateAlways);
-    ASSERT_NE(receiver->outputFile, XFER_INVALID_FILE);
-    int packets = 0;
-    while (receiver->rpacket() == 'D') {
-        ASSERT_EQ(receiver->decode(receiver->rdlen), 0);
-        ++packets;
-    }
-    EXPECT_GT(packets, 5); // the file spans several packets
-    EXPECT_EQ(farRecord.FilePos, static_cast<int32_t>(content.size()));
-    receiver->zcloso(0);
-    std::ifstream in(to, std::ios::binary);
-    const std::string written((std::istreambuf_iterator<char>(in)),
-                              std::istreambuf_iterator<char>());
-    EXPECT_EQ(written.size(), content.size());
-    EXPECT_TRUE(written == content);
-}
-
-TEST_F(KermitPacket, AFailedWriteEndsTheDecodeAndMarksTheTransferFailed) {
-    ASSERT_EQ(engine->outputFile, XFER_INVALID_FILE); // nothing can be written
-    Bytes unused;
-    std::string field = "ok";
-    engine->rdata = reinterpret_cast<uint8_t *>(field.data());
-    engine->rdlen = 2;
-    EXPECT_EQ(engine->decode(2), -1);
-    EXPECT_EQ(engine->failed, 1);
-    EXPECT_TRUE(TraceCapture::HasPrefix("decode putc a=111 errno="));
-}
-
 // ---- the host link --------------------------------------------------------------
 
 TEST_F(KermitPacket, APacketTakenInPiecesArrivesWhole) {
@@ -768,10 +487,6 @@ int32_t CountPoll(XferRecord *) {
     ++g_polls;
     return 0;
 }
-int32_t StopOnThirdPoll(XferRecord *r) {
-    if (++g_polls == 3) r->Result = XferErrUserAbort;
-    return 0;
-}
 
 TEST_F(KermitPacket, TheHostIsPolledAfterEverySendAndAtMostEvery100msOfReading) {
     g_polls = 0;
@@ -790,20 +505,6 @@ TEST_F(KermitPacket, TheHostIsPolledAfterEverySendAndAtMostEvery100msOfReading) 
     EXPECT_EQ(g_polls, 4);
     EXPECT_EQ(engine->cx, 0);
     EXPECT_EQ(engine->cz, 0);
-}
-
-TEST_F(KermitPacket, AStopFromTheHostSetsBothStopFlagsAndStays) {
-    g_polls = 0;
-    record.ProgressCallback = StopOnThirdPoll;
-    engine->spacket('Y', 1, 0, nullptr);
-    engine->spacket('Y', 2, 0, nullptr);
-    EXPECT_EQ(engine->cx + engine->cz, 0);
-    engine->spacket('Y', 3, 0, nullptr);
-    EXPECT_EQ(engine->cx, 1);
-    EXPECT_EQ(engine->cz, 1);
-    engine->spacket('Y', 4, 0, nullptr);
-    EXPECT_EQ(engine->cx, 1);
-    EXPECT_EQ(engine->cz, 1);
 }
 
 } // namespace
