@@ -16,6 +16,7 @@
 #include "loopback.h"
 #include "partial_file.h"
 #include "protocols.h"
+#include "serve.h"
 #include "shown_text.h"
 #include "transfer.h"
 #include "tty.h"
@@ -334,12 +335,17 @@ int Main(int argc, char **argv) {
     CLI::Option *textLoopback = loopback->add_flag("--text", loop.sendOptions.textFiles, kTextHelp);
     loopback->add_option("FILE", loop.files, "files to send")->required();
 
+    // The service end of a B+ session (a test partner for terminals).
+    ServeSettings serve;
+    auto *serveCommand = AddServeCommand(app, serve);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
         const int code = app.exit(e);
         return code == 0 ? kExitOk : kExitUsage;
     }
+    if (serveCommand->parsed()) return RunServe(serve);
 
     const Protocol protocol = *FindProtocol(common.protocol);
     const Verbosity verbosity = VerbosityOf(common);

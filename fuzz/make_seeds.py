@@ -232,3 +232,74 @@ write(kp, "garbage-between-byte-by-byte", ksetup(chunk=1) + b"login:\r\n" + kpac
 write(kp, "text-mode-lf-peer", ksetup(text=True, lf_peer=True, rpt=True) + kpacket("D", 8, b"line#M#J~$#Mend"))
 write(kp, "decode-errors", ksetup(rpt=True, ebq=True) + kpacket("D", 9, b"ab~") + kpacket("D", 10, b"~#") + kpacket("D", 11, b"x&") + kpacket("D", 12, b"x#"))
 write(kp, "name-into-small-sink", ksetup(rpt=True, room=2) + kpacket("F", 1, b"~~n~~n~~n.txt"))
+# --- the B+ packet reader ----------------------------------------------------
+
+def bp_quote(b, quote_all=False):
+    if b < 0x20 and (quote_all or b in (0x03, 0x05, 0x10, 0x11, 0x13, 0x15)):
+        return bytes([0x10, b + 0x40])
+    if 0x80 <= b <= 0x9F and quote_all:
+        return bytes([0x10, b - 0x20])
+    return bytes([b])
+
+
+def bp_check(method, covered):
+    if method == 0:
+        s = 0
+        for b in covered:
+            s *= 2
+            s = (s & 255) + 1 if s > 255 else s
+            s += b
+            s = (s & 255) + 1 if s > 255 else s
+        return bytes([s])
+    if method == 1:
+        c = 0xFFFF
+        for b in covered:
+            c ^= b << 8
+            for _ in range(8):
+                c = (((c << 1) ^ 0x1021) if c & 0x8000 else c << 1) & 0xFFFF
+        return bytes([c >> 8, c & 0xFF])
+    if method == 2:
+        c = 0xFFFF
+        for b in covered:
+            c ^= b
+            for _ in range(8):
+                c = (c >> 1) ^ 0x8408 if c & 1 else c >> 1
+        c ^= 0xFFFF
+        return bytes([c & 0xFF, c >> 8])
+    c = crc32(covered) ^ 0xFFFFFFFF
+    return bytes([c & 0xFF, (c >> 8) & 0xFF, (c >> 16) & 0xFF, c >> 24])
+
+
+def bp_packet(method, seq, data, quote_all=False):
+    seq_char = ord("0") + seq
+    out = bytes([0x10, ord("B"), seq_char])
+    out += b"".join(bp_quote(b, quote_all) for b in data) + b"\x03"
+    for b in bp_check(method, bytes([seq_char]) + data + b"\x03"):
+        out += bp_quote(b, quote_all) if method == 0 or b < 0x20 else bytes([b])
+    return out
+
+
+def bp_setup(method, quote_all=False, sends=0, chunk=0, seq=0, after_b=False, ack=True,
+             resend=True, alt=False):
+    return bytes([method | (4 if quote_all else 0) | (sends << 3) | (chunk << 6),
+                  seq | (0x10 if after_b else 0) | (0x20 if ack else 0) |
+                  (0x40 if resend else 0) | (0x80 if alt else 0)])
+
+
+bp = "bplus_wait_ack"
+for method in range(4):
+    write(bp, "packets-method-%d" % method,
+          bp_setup(method, chunk=method) + bp_packet(method, 1, b"N\x00\x03\x10\x91data")
+          + bp_packet(method, 1, b"Nrepeat") + bp_packet(method, 2, b"T\x15" * 40))
+write(bp, "quote-all-crc32", bp_setup(3, quote_all=True, seq=4)
+      + bp_packet(3, 5, bytes(range(256)), quote_all=True))
+write(bp, "failure-any-number", bp_setup(0, seq=3) + bp_packet(0, 8, b"FA"))
+write(bp, "acks-and-resend-all", bp_setup(1, sends=3)
+      + b"\x10;\x151\x10\x31\x10\x31\x10\x33")
+write(bp, "no-resend-allowed", bp_setup(2, sends=2, resend=False) + b"\x15\x10\x31\x10\x31")
+write(bp, "enq-mid-packet", bp_setup(0, seq=7) + bp_packet(0, 8, b"Nhello")[:6] + b"\x05"
+      + bp_packet(0, 8, b"Nhello"))
+write(bp, "after-dle-b", bp_setup(1, after_b=True, alt=True, sends=1) + b"1Tx\x03\x00\x00")
+write(bp, "early-etx-and-overflow", bp_setup(0, chunk=1) + b"\x03\x10B1" + b"x" * 1100 + b"\x03\x00")
+write(bp, "packets-while-unanswered", bp_setup(0, sends=1)
+      + b"".join(bp_packet(0, s, b"N") for s in range(2, 7)) + b"\x10\x31\x10\x31")

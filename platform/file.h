@@ -56,6 +56,11 @@ EntryKind FileEntryKind(const char *path);
 // `relative` must not be empty, absolute or hold "", "." or ".."
 // components.  The handle has exclusive access like FileOpen's.
 XferFile FileCreateBeneath(const char *base, const char *relative);
+// Open `relative` beneath `base` to continue it, with the same rules for the
+// folders on the way: a regular file is opened for reading and writing at
+// its end (the old content stays), a missing one is created; a symlink or
+// anything else in the way is refused.  Exclusive access like FileOpen's.
+XferFile FileAppendBeneath(const char *base, const char *relative);
 // Finish a file from FileCreateBeneath that is complete: a pending
 // replacement is renamed over the old file (which then has the old file's
 // permissions).  True when there was nothing to do or the rename worked.

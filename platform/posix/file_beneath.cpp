@@ -163,55 +163,81 @@ void Release(Replacement &r) {
     close(r.folder);
 }
 
-} // namespace
-
-XferFile FileCreateBeneath(const char *base, const char *relative) {
+// The folder that holds the last component of `relative` below `base`,
+// its missing subfolders made on the way (none followed through a link),
+// and that last component; -1 when the name is not acceptable or a folder
+// cannot be entered.
+int FolderOfLast(const char *base, const char *relative, std::string &name) {
     if (base == nullptr || relative == nullptr) {
         errno = EINVAL;
-        return Fail(XFER_INVALID_FILE);
+        return -1;
     }
     // The whole name is checked before any folder is made for it.
     for (std::string_view rest(relative);;) {
         const std::size_t slash = rest.find('/');
         if (BadComponent(rest.substr(0, slash))) {
             errno = EINVAL;
-            return Fail(XFER_INVALID_FILE);
+            return -1;
         }
         if (slash == rest.npos) break;
         rest.remove_prefix(slash + 1);
     }
     Fd folder(open(*base ? base : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder.Get() < 0) return Fail(XFER_INVALID_FILE);
-
+    if (folder.Get() < 0) return -1;
     std::string_view rest(relative);
-    for (;;) {
-        const std::size_t slash = rest.find('/');
-        const std::string name(rest.substr(0, slash));
-        if (slash != rest.npos) {
-            folder = Fd(EnterFolder(folder.Get(), name));
-            if (folder.Get() < 0) return Fail(XFER_INVALID_FILE);
-            rest.remove_prefix(slash + 1);
-            continue;
-        }
-        // The file itself: created new, or a replacement for a regular file.
-        const int fd = openat(folder.Get(), name.c_str(),
-                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
-        if (fd >= 0) {
-            if (Lock(fd)) return fd;
-            tLastError = errno;
-            close(fd);
-            return XFER_INVALID_FILE;
-        }
-        if (errno != EEXIST) return Fail(XFER_INVALID_FILE);
-        struct stat st {};
-        if (fstatat(folder.Get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
-            !S_ISREG(st.st_mode)) {
-            errno = EEXIST;
-            return Fail(XFER_INVALID_FILE);
-        }
-        const int temp = CreateReplacement(std::move(folder), name);
-        return temp >= 0 ? temp : Fail(XFER_INVALID_FILE);
+    for (std::size_t slash = rest.find('/'); slash != rest.npos; slash = rest.find('/')) {
+        folder = Fd(EnterFolder(folder.Get(), std::string(rest.substr(0, slash))));
+        if (folder.Get() < 0) return -1;
+        rest.remove_prefix(slash + 1);
     }
+    name.assign(rest);
+    return folder.Release();
+}
+
+} // namespace
+
+XferFile FileCreateBeneath(const char *base, const char *relative) {
+    std::string name;
+    Fd folder(FolderOfLast(base, relative, name));
+    if (folder.Get() < 0) return Fail(XFER_INVALID_FILE);
+    // The file itself: created new, or a replacement for a regular file.
+    const int fd = openat(folder.Get(), name.c_str(),
+                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (fd >= 0) {
+        if (Lock(fd)) return fd;
+        tLastError = errno;
+        close(fd);
+        return XFER_INVALID_FILE;
+    }
+    if (errno != EEXIST) return Fail(XFER_INVALID_FILE);
+    struct stat st {};
+    if (fstatat(folder.Get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(st.st_mode)) {
+        errno = EEXIST;
+        return Fail(XFER_INVALID_FILE);
+    }
+    const int temp = CreateReplacement(std::move(folder), name);
+    return temp >= 0 ? temp : Fail(XFER_INVALID_FILE);
+}
+
+XferFile FileAppendBeneath(const char *base, const char *relative) {
+    std::string name;
+    Fd folder(FolderOfLast(base, relative, name));
+    if (folder.Get() < 0) return Fail(XFER_INVALID_FILE);
+    // O_NONBLOCK keeps a FIFO in the way from blocking until it is refused.
+    Fd file(openat(folder.Get(), name.c_str(),
+                   O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+    struct stat facts {};
+    if (file.Get() < 0 || fstat(file.Get(), &facts) != 0) return Fail(XFER_INVALID_FILE);
+    if (!S_ISREG(facts.st_mode)) {
+        errno = EEXIST;
+        return Fail(XFER_INVALID_FILE);
+    }
+    const int flags = fcntl(file.Get(), F_GETFL);
+    if (flags < 0 || fcntl(file.Get(), F_SETFL, flags & ~O_NONBLOCK) != 0 || !Lock(file.Get()) ||
+        lseek(file.Get(), 0, SEEK_END) < 0)
+        return Fail(XFER_INVALID_FILE);
+    return file.Release();
 }
 
 bool FileCommit(XferFile file) {

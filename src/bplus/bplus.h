@@ -122,5 +122,17 @@ int32_t _BPHandleProtocol(XferRecord *r);
 void BPlusNegotiate(XferRecord *r);
 int32_t SendFile(XferRecord *r);
 int32_t ReceiveFile(XferRecord *r);
+// The abort check of the transfer: a packet that just arrived (-622) is no
+// reason to skip the host's abort hook.
+bool BPlusCheckAbort(XferRecord *r);
+// XferOpenFile (or, with `append`, XferOpenFileToAppend) with the link
+// state and the packet buffer kept through a failed open, so that the
+// service can still be told; 1 = open, 0 = stop (Result says why).
+int BPlusOpenFile(XferRecord *r, bool append);
+// Closes the file and tells the service the host stopped the transfer; the
+// host's answer stays the result.
+void BPlusCancel(XferRecord *r);
+// Sends failure `code` with the text of `message` and shows that text.
+void BPlusFail(XferRecord *r, char code, int32_t message);
 
 } // namespace zvxfer::bplus

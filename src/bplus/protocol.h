@@ -1,12 +1,14 @@
 // What the core knows of CompuServe B+: its buffer holds a packet's data and
 // check, its link state lives in ProtocolParam, and an aborted transfer is
 // ended by the engine (which tells the service) without a notice from the
-// core.  One entry serves both directions; it is not built yet, so the
-// generic entries refuse the protocol.
+// core.  One entry serves both directions: the service says which.
 #pragma once
+#include <cstdint>
+#include <span>
+
+#include "bplus/bplus.h"
 #include "core/options.h"
 #include "core/protocol.h"
-#include "platform/heap.h"
 
 namespace zvxfer::bplus {
 
@@ -23,12 +25,13 @@ inline void SetBPlusDefaults(XferRecord *record) {
     record->FilePos = 0;
 }
 
-// The link state is a heap block whose address ProtocolParam holds.
+// The link state and the copies it keeps for resending.
 inline void ReleaseBPlusState(XferRecord *record) {
-    if (record->ProtocolParam == 0) return;
-    plat::HeapFreeBlock(reinterpret_cast<void *>(record->ProtocolParam));
-    record->ProtocolParam = 0;
+    BPlusReleaseLink(record);
 }
+
+// The one entry; the generic entries call it for either direction.
+int32_t BPlusEntry(const EntryArgs &args, std::span<const int32_t> words);
 
 inline constexpr int32_t kSlots[] = {XferOptFlag1006,         XferOptAbortKey,
                                      XferOptBPlusCheckMethod, XferOptBPlusFileInfo,
@@ -43,6 +46,8 @@ inline constexpr ProtocolInfo kBPlusProtocol{
     .namesFromLine = true,
     .setDefaults = &SetBPlusDefaults,
     .releaseState = &ReleaseBPlusState,
+    .send = &BPlusEntry,
+    .receive = &BPlusEntry,
     .sendSlots = kSlots,
     .receiveSlots = kSlots,
 };

@@ -59,6 +59,11 @@ int XferCheckAbort(XferRecord *record);
 // set, clean-up done).  A receiver's FileName buffer must hold at least
 // three characters more than the name (policy 1 may grow it by "(1)").
 int XferOpenFile(XferRecord *record);
+// Open the current received file to continue it: "ab" through the host's
+// hook, without the existing-file policy (the old content is wanted).  The
+// default opener places it like a new file and opens it at its end, for
+// reading and writing, creating it when missing.  Returns like XferOpenFile.
+int XferOpenFileToAppend(XferRecord *record);
 // Write what is gathered, flush and close; safe when nothing is open.  Only
 // a file whose transfer completed (Result 0) is stamped with FileTime
 // (unless -1) and, when it replaces an old file, renamed over it; any other

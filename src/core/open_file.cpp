@@ -77,4 +77,20 @@ int XferOpenFile(XferRecord *record) {
     return 0;
 }
 
+int XferOpenFileToAppend(XferRecord *record) {
+    if (record->Result == XferErrShouldSkip) record->Result = 0;
+    record->FilePos = 0;
+    record->SkipFile = 0;
+    XferStatus(record, 0, "Opening file %s to continue it", record->FileName);
+    record->File = OpenThroughHook(record, "ab");
+    if (record->File != XFER_INVALID_FILE) {
+        ++record->FileCount;
+        return XferCheckAbort(record) ? 0 : 1;
+    }
+    record->Result = XferErrOpenFile;
+    XferStatusMessage(record, 1, MsgCannotOpenFile);
+    XferCleanup(record);
+    return 0;
+}
+
 } // namespace zvxfer

@@ -48,6 +48,14 @@ XferFile OpenForWriting(const XferRecord *record, const char *name) {
     return plat::FileCreateBeneath(base.c_str(), rest.c_str());
 }
 
+// A received file continued where it ends: the same place and the same
+// rules as a new one, the old content kept.
+XferFile OpenToContinue(const XferRecord *record, const char *name) {
+    std::string base, rest;
+    if (!XferReceivePlace(record, name, base, rest)) return XFER_INVALID_FILE;
+    return plat::FileAppendBeneath(base.c_str(), rest.c_str());
+}
+
 } // namespace
 
 XferFile DefaultFileOpen(XferRecord *record, const char *name, const char *mode) {
@@ -57,9 +65,7 @@ XferFile DefaultFileOpen(XferRecord *record, const char *name, const char *mode)
     if (std::strcmp(mode, "rb") == 0) {
         return plat::FileOpen(name, FileAccess::Read, FileDisposition::OpenExisting);
     }
-    if (std::strcmp(mode, "ab") == 0) {
-        return plat::FileOpen(name, FileAccess::Write, FileDisposition::OpenExisting);
-    }
+    if (std::strcmp(mode, "ab") == 0) return OpenToContinue(record, name);
     if (std::strcmp(mode, "wb") == 0) return OpenForWriting(record, name);
     return XFER_INVALID_FILE;
 }

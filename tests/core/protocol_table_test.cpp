@@ -54,7 +54,7 @@ TEST(ProtocolTable, GenericEntriesPassTheDocumentedSlots) {
         {Zmodem, true, {4, 10, 3, 5, 6, 16, 14, 17, 22, 23, 24, 25, 26, 27},
                        {4, 3, 5, 6, 14, 15, 22, 23, 24, 25}},
         {Xmodem1K, true, {4, 5, 6, 7, 8, 9, 11, 22, 23}, {4, 5, 6, 11, 22, 23}},
-        {CompuServeBPlus, false, {4, 5, 6, 18, 19, 20, 21, 22, 23}, {4, 5, 6, 18, 19, 20, 21, 22, 23}},
+        {CompuServeBPlus, true, {4, 5, 6, 18, 19, 20, 21, 22, 23}, {4, 5, 6, 18, 19, 20, 21, 22, 23}},
         {Xmodem1KG, false, {}, {}},
         {YmodemG, false, {}, {}},
         {Ascii, true, {4, 5, 6, 10, 22, 23}, {4, 5, 6, 10, 22, 23, 12, 13}},

@@ -91,6 +91,41 @@ TEST_F(Beneath, CreatesBelowTheFolderAndNeverThroughALinkOrIntoAnotherKindOfEntr
     EXPECT_TRUE(inCurrent && FileText(tree.Path("in/d.txt")) == "new");
 }
 
+// Continuing a file: the same folder rules; a regular file keeps its
+// content and is written at its end (and can be read from its start), a
+// missing one is made; links and other kinds of entries are refused.
+TEST_F(Beneath, AppendContinuesARegularFileBelowTheFolderOnly) {
+    const std::string in = tree.Path("in/");
+    const struct {
+        const char *relative;
+        const char *after; // the file's content after appending "+", or null: refused
+    } cases[] = {
+        {"plain", "plain+"},
+        {"sub/new.txt", "+"},
+        {"tofile", nullptr},
+        {"dangling", nullptr},
+        {"linkdir/target.txt", nullptr},
+        {"adir", nullptr},
+        {"fifo", nullptr},
+        {"../x", nullptr},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.relative);
+        const XferFile f = plat::FileAppendBeneath(in.c_str(), c.relative);
+        ASSERT_EQ(f != XFER_INVALID_FILE, c.after != nullptr);
+        if (f == XFER_INVALID_FILE) continue;
+        EXPECT_TRUE(Write(f, "+"));
+        char head[2] = {};
+        EXPECT_EQ(plat::FileSeek(f, 0, 0), 0);
+        EXPECT_EQ(plat::FileRead(f, head, 1), 1);
+        EXPECT_EQ(head[0], c.after[0]);
+        EXPECT_TRUE(plat::FileClose(f));
+        EXPECT_EQ(FileText(in + c.relative), c.after);
+    }
+    EXPECT_EQ(FileText(outside.Path("target.txt")), "outside");
+    EXPECT_FALSE(fs::exists(outside.Path("nothing.txt")));
+}
+
 TEST_F(Beneath, AnOldFileIsReplacedOnlyByACommittedFileAndNeverWhileHeld) {
     const std::string in = tree.Path("in/"), old = tree.Path("in/plain");
     chmod(old.c_str(), 0640);

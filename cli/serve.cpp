@@ -1,0 +1,158 @@
+// The `serve` subcommand: a B+ service on the chosen line, each request's
+// outcome reported on standard error.
+#include "serve.h"
+
+#include <csignal>
+#include <fmt/format.h>
+
+#include "bplus_service.h"
+#include "shown_text.h"
+#include "transfer.h"
+#include "tty.h"
+
+namespace zvxfer::cli {
+
+namespace {
+
+void OnServeInterrupt(int) {
+    g_interrupted.store(true);
+}
+
+host::BPlusServiceConfig ConfigOf(const ServeSettings &s) {
+    host::BPlusServiceConfig c;
+    c.checkMethod = s.checkMethod;
+    c.blockSize = s.blockSize;
+    c.sendWindow = c.receiveWindow = s.window;
+    c.downloadResume = s.resume ? 1 : 0;
+    c.fileInfo = s.fileInfo ? 1 : 0;
+    c.greet = !s.noGreeting;
+    c.readTimeoutMs = s.timeoutMs;
+    c.maxErrors = s.maxErrors;
+    c.lingerMs = s.lingerMs;
+    c.folder = s.folder;
+    using F = host::ServiceFault;
+    const std::pair<F::What, int> faults[] = {
+        {F::DropPacket, s.dropPacket},     {F::DamagePacket, s.damagePacket},
+        {F::RepeatPacket, s.repeatPacket}, {F::DropAck, s.dropAck},
+        {F::DamageAck, s.damageAck},       {F::RepeatAck, s.repeatAck},
+        {F::SilentFrom, s.silentFrom},     {F::FailAt, s.failAt}};
+    for (const auto &[what, at] : faults)
+        if (at > 0) c.faults.push_back({what, at, s.failCode});
+    if (s.verbose)
+        c.log = [](const std::string &line) { fmt::print(stderr, "zvxfer serve: {}\n", line); };
+    return c;
+}
+
+std::string Describe(const host::RequestReport &r) {
+    const bool download = r.request.kind == host::ServiceRequest::Download;
+    std::string text =
+        fmt::format("{} {}: ", download ? "download" : "upload", ShownText(r.request.path));
+    if (!r.ok) return text + "failed: " + r.why;
+    text += fmt::format("{} bytes, file CRC-32 {:08X}, check method {}", r.bytes, r.crc32,
+                        r.checkMethod);
+    if (r.resumePoint >= 0)
+        text += r.restarted ? fmt::format(", resume point {} refused: restarted", r.resumePoint)
+                            : fmt::format(", resumed at {}", r.resumePoint);
+    if (r.resends != 0) text += fmt::format(", {} packets resent", r.resends);
+    return text;
+}
+
+} // namespace
+
+CLI::App *AddServeCommand(CLI::App &app, ServeSettings &s) {
+    auto *cmd = app.add_subcommand("serve", "be the service end of a B+ session on the line");
+    cmd->add_option("-p,--protocol", s.protocol, "protocol: bplus")
+        ->required()
+        ->check(CLI::IsMember({"bplus"}));
+    cmd->add_flag("-q,--quiet", s.quiet, "show nothing but failures");
+    cmd->add_flag("-v,--verbose", s.verbose, "show every event of the service");
+    auto *device =
+        cmd->add_option("--line", s.line.device, "serial device (default: stdin/stdout)");
+    cmd->add_option("--baud", s.line.baud, "speed of the serial device")->needs(device);
+    cmd->add_option("--tcp", s.line.tcp, "connect to HOST:PORT")->excludes(device);
+    cmd->add_option("--download", s.downloads, "a file the service sends (repeatable)")
+        ->check(CLI::ExistingFile);
+    cmd->add_option("--upload", s.uploads, "a name the service asks the terminal to send");
+    cmd->add_option("-d,--dir", s.folder, "folder uploads land in")->check(CLI::ExistingDirectory);
+    cmd->add_option("--check-method", s.checkMethod,
+                    "offered check: 0 checksum, 1 CRC-16, 2 X.25, 3 CRC-32")
+        ->check(CLI::Range(0, 3));
+    cmd->add_option("--block-size", s.blockSize, "offered packet size in 128-byte units")
+        ->check(CLI::Range(1, 8));
+    cmd->add_option("--window", s.window, "offered window")->check(CLI::Range(1, 2));
+    cmd->add_flag("--resume", s.resume, "offer download resume");
+    cmd->add_flag("--file-info", s.fileInfo, "offer file information before the data");
+    cmd->add_flag("--no-greeting", s.noGreeting, "start without ENQ");
+    cmd->add_option("--timeout", s.timeoutMs, "read time-out in milliseconds")
+        ->check(CLI::Range(100, 600000));
+    cmd->add_option("--max-errors", s.maxErrors, "errors before a request fails")
+        ->check(CLI::Range(1, 1000));
+    cmd->add_option("--linger", s.lingerMs,
+                    "after the last request, answer the terminal until quiet this long (ms)")
+        ->check(CLI::Range(0, 600000));
+    const auto packet = CLI::Range(1, 1000000);
+    cmd->add_option("--drop-packet", s.dropPacket, "do not send packet N the first time")
+        ->check(packet);
+    cmd->add_option("--damage-packet", s.damagePacket, "damage packet N the first time")
+        ->check(packet);
+    cmd->add_option("--repeat-packet", s.repeatPacket, "send packet N twice")->check(packet);
+    cmd->add_option("--drop-ack", s.dropAck, "do not send acknowledgement N")->check(packet);
+    cmd->add_option("--damage-ack", s.damageAck, "damage acknowledgement N")->check(packet);
+    cmd->add_option("--repeat-ack", s.repeatAck, "send acknowledgement N twice")->check(packet);
+    cmd->add_option("--silent-from", s.silentFrom, "write nothing from packet N on")->check(packet);
+    cmd->add_option("--fail-at", s.failAt,
+                    "send a failure packet instead of data packet N of a download")
+        ->check(packet);
+    cmd->add_option("--fail-code", s.failCode, "the failure packet's code letter (default A)");
+    return cmd;
+}
+
+int RunServe(const ServeSettings &s) {
+    std::vector<host::ServiceRequest> requests;
+    for (const std::string &file : s.downloads) {
+        host::ServiceRequest r;
+        r.path = file;
+        requests.push_back(r);
+    }
+    for (const std::string &name : s.uploads) {
+        host::ServiceRequest r;
+        r.kind = host::ServiceRequest::Upload;
+        r.path = name;
+        requests.push_back(r);
+    }
+    if (requests.empty()) {
+        fmt::print(stderr, "zvxfer serve: give at least one --download or --upload\n");
+        return 2;
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    host::TtyRestoreOnExit();
+    std::signal(SIGINT, OnServeInterrupt);
+
+    std::string error;
+    auto line = OpenLine(s.line, {}, error);
+    if (!line) {
+        fmt::print(stderr, "zvxfer serve: cannot open the line: {}\n", error);
+        return 1;
+    }
+    XferPort *port = line->host->OpenPort();
+    if (!port) {
+        fmt::print(stderr, "zvxfer serve: cannot open a port\n");
+        return 1;
+    }
+    std::vector<host::RequestReport> reports;
+    {
+        host::PortServiceLine serviceLine(port, [] { return g_interrupted.load(); });
+        host::BPlusService service(serviceLine, ConfigOf(s));
+        reports = service.Run(requests);
+    }
+    port->Ops.PortClose(port);
+    line.reset();
+    bool allOk = true;
+    for (const host::RequestReport &r : reports) {
+        allOk = allOk && r.ok;
+        if (!r.ok || !s.quiet) fmt::print(stderr, "zvxfer serve: {}\n", Describe(r));
+    }
+    return allOk ? 0 : 1;
+}
+
+} // namespace zvxfer::cli

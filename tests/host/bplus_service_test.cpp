@@ -1,0 +1,757 @@
+// The B+ service on its own: its checks against the catalogue values, its
+// framing and quoting as exact bytes, and whole requests against a small
+// scripted terminal kept here (the greeting, ENQ and NAK answers, resume
+// points, uploads, and each misbehaviour option doing what it says).
+#include <algorithm>
+#include <deque>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "bplus_service.h"
+#include "temp_tree.h"
+
+namespace zvxfer::host {
+namespace {
+
+using namespace bplus_wire;
+using Bytes = std::vector<uint8_t>;
+
+Bytes B(const std::string &s) {
+    return Bytes(s.begin(), s.end());
+}
+
+// ---------------------------------------------------------------- checks
+
+TEST(BPlusServiceChecks, CatalogueValues) {
+    const std::string text = "123456789";
+    uint16_t ccitt = 0xFFFF, x25 = 0xFFFF;
+    uint32_t crc32 = 0xFFFFFFFFu;
+    for (char c : text) {
+        ccitt = Crc16CcittUpdate(ccitt, static_cast<uint8_t>(c));
+        x25 = X25Update(x25, static_cast<uint8_t>(c));
+        crc32 = Crc32Update(crc32, static_cast<uint8_t>(c));
+    }
+    EXPECT_EQ(ccitt, 0x29B1);
+    EXPECT_EQ(x25 ^ 0xFFFF, 0x906E);
+    EXPECT_EQ(~crc32, 0xCBF43926u);
+    EXPECT_EQ(Crc32Of(B(text).data(), text.size()), 0xCBF43926u);
+}
+
+TEST(BPlusServiceChecks, ChecksumFoldsTheCarry) {
+    struct Case {
+        Bytes in;
+        uint8_t sum;
+    };
+    // s = 2s (carry folded in), then + b (carry folded in).
+    const Case cases[] = {
+        {{0x01, 0x02}, 0x04},       // 2*1 + 2
+        {{0x80, 0x00}, 0x01},       // 2*0x80 = 0x100 -> 0x01
+        {{0xFF, 0xFF}, 0xFF},       // 0x1FE -> 0xFF, + 0xFF = 0x1FE -> 0xFF
+        {{0x90, 0x90}, 0xB1},       // 0x120 -> 0x21, + 0x90 = 0xB1
+        {{0x10, 0x20, 0x30}, 0xB0}, // 0x10 -> 0x40 -> 0xB0
+    };
+    for (const Case &c : cases) {
+        uint8_t s = 0;
+        for (uint8_t b : c.in) s = ChecksumUpdate(s, b);
+        EXPECT_EQ(s, c.sum) << testing::PrintToString(c.in);
+    }
+}
+
+TEST(BPlusServiceChecks, ResumeWordPerMethod) {
+    const Bytes data = B("123456789");
+    // CRC-16 CCITT from 0 (the XMODEM value) for 0, 1 and 3; X.25 from 0xF0B8 for 2.
+    EXPECT_EQ(ResumeCheckWord(0, data.data(), data.size()), 0x31C3);
+    EXPECT_EQ(ResumeCheckWord(1, data.data(), data.size()), 0x31C3);
+    EXPECT_EQ(ResumeCheckWord(3, data.data(), data.size()), 0x31C3);
+    uint16_t x = 0xF0B8;
+    for (uint8_t b : data) x = X25Update(x, b);
+    EXPECT_EQ(ResumeCheckWord(2, data.data(), data.size()), x);
+    EXPECT_NE(x, 0x31C3);
+    EXPECT_EQ(ResumeCheckWord(2, data.data(), 0), 0xF0B8);
+}
+
+// --------------------------------------------------------------- framing
+
+// Undo the quoting of a framed packet's bytes after DLE 'B': sequence
+// character, data, ETX and the check bytes, as the receiver reads them.
+struct Unframed {
+    int seq = -1;
+    Bytes data;
+    Bytes check;
+};
+
+Unframed Unframe(const Bytes &frame, int method) {
+    Unframed u;
+    std::size_t i = 2;
+    u.seq = frame.at(i++) - '0';
+    auto next = [&] {
+        uint8_t c = frame.at(i++);
+        if (c != kDle) return static_cast<int>(c);
+        int q = frame.at(i++);
+        if (q >= 0x60) q += 0x80;
+        return (q & 0x9F) | 0x100; // marked: an ETX read this way is data
+    };
+    for (;;) {
+        const int c = next();
+        if (c == kEtx) break;
+        u.data.push_back(static_cast<uint8_t>(c & 0xFF));
+    }
+    const int n = method == 0 ? 1 : method == 3 ? 4 : 2;
+    for (int k = 0; k < n; ++k) u.check.push_back(static_cast<uint8_t>(next() & 0xFF));
+    EXPECT_EQ(i, frame.size());
+    return u;
+}
+
+// True when the check bytes fit the sequence character and data.
+bool CheckHolds(const Unframed &u, int method) {
+    Bytes fed{static_cast<uint8_t>('0' + u.seq)};
+    fed.insert(fed.end(), u.data.begin(), u.data.end());
+    fed.push_back(kEtx);
+    if (method == 0) {
+        uint8_t s = 0;
+        for (uint8_t b : fed) s = ChecksumUpdate(s, b);
+        return u.check[0] == s;
+    }
+    fed.insert(fed.end(), u.check.begin(), u.check.end());
+    uint16_t c16 = 0xFFFF;
+    uint32_t c32 = 0xFFFFFFFFu;
+    for (uint8_t b : fed) {
+        c16 = method == 2 ? X25Update(c16, b) : Crc16CcittUpdate(c16, b);
+        c32 = Crc32Update(c32, b);
+    }
+    return method == 1 ? c16 == 0 : method == 2 ? c16 == 0xF0B8 : c32 == 0xDEBB20E3u;
+}
+
+TEST(BPlusServiceFraming, ExactBytesPerMethod) {
+    // '1' 'N' 0x03 ETX is checked; the data byte 0x03 travels as DLE 'C'.
+    // CRC-16/CCITT-FALSE of 31 4E 03 03 is 0xBD01 (high byte first); X-25
+    // is 0xA209 after its final complement (low byte first); CRC-32 is
+    // 0xA1F3E26B (least significant byte first); the checksum runs 0x31,
+    // 0xB0, 0x64, 0xCB.  Check bytes from 0x20 up go as they are, those
+    // below only quoted when the set says so (0x01, 0x09 are not).
+    struct Case {
+        int method;
+        Bytes check; // as on the wire
+    };
+    const Case cases[] = {
+        {0, {0xCB}},
+        {1, {0xBD, 0x01}},
+        {2, {0x09, 0xA2}},
+        {3, {0x6B, 0xE2, 0xF3, 0xA1}},
+    };
+    for (const Case &c : cases) {
+        Bytes expected{kDle, 'B', '1', 'N', kDle, 'C', kEtx};
+        expected.insert(expected.end(), c.check.begin(), c.check.end());
+        EXPECT_EQ(FramePacket(1, {'N', 0x03}, c.method, QuoteSet::Default()), expected)
+            << "method " << c.method;
+    }
+    // CRC-32 of 32 4E 45 03 is 0x1565A506: its 0x15 goes out as DLE 'U'.
+    EXPECT_EQ(FramePacket(2, {'N', 'E'}, 3, QuoteSet::Default()),
+              (Bytes{kDle, 'B', '2', 'N', 'E', kEtx, 0x06, 0xA5, 0x65, kDle, 'U'}));
+}
+
+TEST(BPlusServiceFraming, ChecksHoldForAwkwardData) {
+    // Data full of characters that travel quoted, in every method: the
+    // receiver's reading of the frame gives the data back and the check
+    // holds (so check bytes below 0x20 are quoted and others are not).
+    Bytes data{'N'};
+    for (int c = 0; c < 256; ++c) data.push_back(static_cast<uint8_t>(c));
+    for (int method = 0; method < 4; ++method) {
+        for (int seq = 0; seq < 10; ++seq) {
+            for (const QuoteSet &q : {QuoteSet::Default(), QuoteSet::All()}) {
+                const Bytes frame = FramePacket(seq, data, method, q);
+                const Unframed u = Unframe(frame, method);
+                EXPECT_EQ(u.seq, seq);
+                EXPECT_EQ(u.data, data);
+                EXPECT_TRUE(CheckHolds(u, method)) << "method " << method << " seq " << seq;
+            }
+        }
+    }
+}
+
+TEST(BPlusServiceFraming, QuotingSets) {
+    struct Case {
+        uint8_t c;
+        Bytes byDefault;
+        Bytes byAll;
+    };
+    const Case cases[] = {
+        {0x03, {kDle, 'C'}, {kDle, 'C'}}, {0x05, {kDle, 'E'}, {kDle, 'E'}},
+        {0x10, {kDle, 'P'}, {kDle, 'P'}}, {0x11, {kDle, 'Q'}, {kDle, 'Q'}},
+        {0x13, {kDle, 'S'}, {kDle, 'S'}}, {0x15, {kDle, 'U'}, {kDle, 'U'}},
+        {0x00, {0x00}, {kDle, 0x40}},     {0x0D, {0x0D}, {kDle, 0x4D}},
+        {0x1B, {0x1B}, {kDle, 0x5B}},     {0x91, {0x91}, {kDle, 0x71}},
+        {0x80, {0x80}, {kDle, 0x60}},     {0x9F, {0x9F}, {kDle, 0x7F}},
+        {0x41, {0x41}, {0x41}},           {0xA0, {0xA0}, {0xA0}},
+    };
+    for (const Case &c : cases) {
+        for (bool all : {false, true}) {
+            const Bytes frame =
+                FramePacket(0, {'N', c.c}, 1, all ? QuoteSet::All() : QuoteSet::Default());
+            // After 'N', up to the ETX that ends the data.
+            std::size_t end = 4;
+            while (frame.at(end) != kEtx) end += frame[end] == kDle ? 2 : 1;
+            const Bytes body(frame.begin() + 4, frame.begin() + static_cast<long>(end));
+            EXPECT_EQ(body, all ? c.byAll : c.byDefault) << std::hex << int(c.c) << " all " << all;
+        }
+    }
+    EXPECT_EQ(QuoteSet::Default().bits, (std::array<uint8_t, 8>{0x14, 0, 0xD4, 0, 0, 0, 0, 0}));
+}
+
+// ----------------------------------------------------- a scripted terminal
+
+// Just enough of a terminal to drive the service: it answers ENQ, takes
+// the '+' exchange, acknowledges what it accepts, NAKs bad or out-of-order
+// packets, and sends packets of its own.  Reading an empty line is an
+// instant time-out, so nothing waits on the clock.
+class FakeTerminal : public ServiceLine {
+  public:
+    struct Options {
+        int checkMethod = 1;            // offered in its '+'
+        int blockSize = 8;              // offered
+        int downloadResume = 0;         // offered
+        int fileInfo = 0;               // offered
+        bool answerEnq = true;          // DLE '+' '+' DLE '0' to a lone ENQ outside a session
+        bool bplus = true;              // greeting: with or without '+' '+'
+        std::string resumeText;         // non-empty: the 'T' 'r' text sent for a download
+        Bytes upload;                   // the file sent for an upload
+        bool silent = false;            // answers nothing at all
+        bool nakFirstData = false;      // NAK the first data packet once, though it is good
+        int enqsBeforeAck = 0;          // ENQs sent before acknowledging a download request
+        bool repeatFirstUpload = false; // the first upload packet goes twice
+    };
+    explicit FakeTerminal(Options o) : o_(std::move(o)) {}
+
+    int Read(int) override {
+        React();
+        if (input_.empty()) {
+            ++timeouts;
+            return kTimeout;
+        }
+        const uint8_t b = input_.front();
+        input_.pop_front();
+        return b;
+    }
+    bool Write(const uint8_t *data, std::size_t length) override {
+        written.insert(written.end(), data, data + length);
+        pending_.insert(pending_.end(), data, data + length);
+        return true;
+    }
+
+    Bytes written;               // everything the service wrote
+    std::vector<Bytes> accepted; // packets taken, in order
+    Bytes received;              // the data of the download
+    int naksSent = 0;
+    int enqsSeen = 0;
+    int repeats = 0;
+    int badChecks = 0;
+    int timeouts = 0;
+    bool restarted = false;
+    bool done = false;
+
+  private:
+    void Send(const Bytes &b) { input_.insert(input_.end(), b.begin(), b.end()); }
+    void Ack() { Send({kDle, static_cast<uint8_t>('0' + counter_)}); }
+    void SendPacket(const Bytes &data) {
+        counter_ = (counter_ + 1) % 10;
+        Send(FramePacket(counter_, data, method_, QuoteSet::Default()));
+    }
+
+    // Work through what the service wrote since the last look.
+    void React() {
+        if (o_.silent) {
+            pending_.clear();
+            return;
+        }
+        while (!pending_.empty()) {
+            const uint8_t b = pending_.front();
+            if (b == kEnq) {
+                pending_.pop_front();
+                ++enqsSeen;
+                if (!inSession_) {
+                    if (o_.answerEnq && o_.bplus) Send({kDle, '+', '+'});
+                    if (o_.answerEnq) Send({kDle, '0'});
+                } else {
+                    Ack();
+                }
+                continue;
+            }
+            if (b == kNak) {
+                pending_.pop_front();
+                continue;
+            }
+            if (b != kDle) {
+                pending_.pop_front();
+                continue;
+            }
+            if (pending_.size() < 2) return;
+            if (pending_[1] != 'B') {
+                if (pending_[1] >= '0' && pending_[1] <= '9') {
+                    OnAck(pending_[1] - '0');
+                }
+                pending_.erase(pending_.begin(), pending_.begin() + 2);
+                continue;
+            }
+            std::size_t end = 0;
+            if (!FrameLength(end)) return;
+            const Bytes frame(pending_.begin(), pending_.begin() + static_cast<long>(end));
+            pending_.erase(pending_.begin(), pending_.begin() + static_cast<long>(end));
+            OnFrame(frame);
+        }
+    }
+
+    // The length of the complete frame at the front, if it is all there.
+    bool FrameLength(std::size_t &end) const {
+        std::size_t i = 3;
+        while (i < pending_.size() && pending_[i] != kEtx) i += pending_[i] == kDle ? 2 : 1;
+        if (i >= pending_.size()) return false;
+        ++i;
+        const int n = method_ == 0 ? 1 : method_ == 3 ? 4 : 2;
+        for (int k = 0; k < n; ++k) {
+            if (i >= pending_.size()) return false;
+            i += pending_[i] == kDle ? 2 : 1;
+        }
+        if (i > pending_.size()) return false;
+        end = i;
+        return true;
+    }
+
+    void OnAck(int digit) {
+        if (awaitingPlusAck_ && digit == counter_) {
+            awaitingPlusAck_ = false;
+            method_ = negotiatedMethod_;
+            StartUpload();
+        }
+    }
+
+    void OnFrame(const Bytes &frame) {
+        inSession_ = true;
+        Unframed u = Unframe(frame, method_);
+        if (!CheckHolds(u, method_)) {
+            ++badChecks, ++naksSent;
+            Send({kNak});
+            return;
+        }
+        const bool failure = u.data[0] == 'F';
+        if (u.seq == counter_ && !failure) {
+            ++repeats;
+            Ack();
+            return;
+        }
+        if (u.seq != (counter_ + 1) % 10 && !failure) {
+            ++naksSent;
+            Send({kNak});
+            return;
+        }
+        if (o_.nakFirstData && u.data[0] == 'N' && !nakedOnce_) {
+            nakedOnce_ = true;
+            ++naksSent;
+            Send({kNak});
+            return;
+        }
+        counter_ = u.seq;
+        accepted.push_back(u.data);
+        const Bytes &d = u.data;
+        if (d[0] == '+') {
+            // Answer with our own parameters, checksum and all quoted, as a
+            // terminal does; switch once the service acknowledges them.
+            Bytes own(18, 0);
+            own[0] = '+', own[1] = 1, own[2] = 1, own[3] = static_cast<uint8_t>(o_.blockSize);
+            own[4] = static_cast<uint8_t>(o_.checkMethod);
+            own[7] = 0x14, own[9] = 0xD4;
+            own[15] = static_cast<uint8_t>(o_.downloadResume);
+            own[17] = static_cast<uint8_t>(o_.fileInfo);
+            Bytes theirs = d;
+            theirs.resize(18, 0);
+            negotiatedMethod_ = std::min<int>(static_cast<int8_t>(theirs[4]), o_.checkMethod);
+            resume_ = std::min<int>(static_cast<int8_t>(theirs[15]), o_.downloadResume);
+            SendPacket(own);
+            awaitingPlusAck_ = true;
+        } else if (d[0] == 'T' && d[1] == 'D') {
+            if (resume_ != 0 && !o_.resumeText.empty()) {
+                Bytes r{'T', 'r'};
+                r.insert(r.end(), o_.resumeText.begin(), o_.resumeText.end());
+                SendPacket(r);
+            } else {
+                for (int i = 0; i < o_.enqsBeforeAck; ++i) Send({kEnq});
+                Ack();
+            }
+        } else if (d[0] == 'T' && d[1] == 'U') {
+            Ack();
+            uploading_ = true;
+            StartUpload();
+        } else if (d[0] == 'N') {
+            received.insert(received.end(), d.begin() + 1, d.end());
+            Ack();
+        } else if (d[0] == 'T' && d[1] == 'f') {
+            restarted = true;
+            received.clear();
+            Ack();
+        } else if (d[0] == 'T' && d[1] == 'C') {
+            done = true;
+            Ack();
+        } else {
+            Ack();
+        }
+    }
+
+    void StartUpload() {
+        if (!uploading_ || uploadStarted_) return;
+        uploadStarted_ = true;
+        for (std::size_t at = 0; at < o_.upload.size(); at += 100) {
+            const std::size_t n = std::min<std::size_t>(100, o_.upload.size() - at);
+            Bytes p(n + 1, 'N');
+            std::copy_n(o_.upload.begin() + static_cast<long>(at), n, p.begin() + 1);
+            SendPacket(p);
+            if (at == 0 && o_.repeatFirstUpload)
+                Send(FramePacket(counter_, p, method_, QuoteSet::Default()));
+        }
+        SendPacket({'T', 'C', ' '});
+    }
+
+    Options o_;
+    std::deque<uint8_t> pending_;
+    std::deque<uint8_t> input_;
+    int counter_ = 0;
+    int method_ = 0;
+    int negotiatedMethod_ = 0;
+    int resume_ = 0;
+    bool inSession_ = false;
+    bool awaitingPlusAck_ = false;
+    bool uploading_ = false;
+    bool uploadStarted_ = false;
+    bool nakedOnce_ = false;
+};
+
+ServiceRequest Down(const std::string &path) {
+    ServiceRequest r;
+    r.path = path;
+    return r;
+}
+
+ServiceRequest Up(const std::string &name) {
+    ServiceRequest r;
+    r.kind = ServiceRequest::Upload;
+    r.path = name;
+    return r;
+}
+
+Bytes Pattern(std::size_t n) {
+    Bytes b(n);
+    for (std::size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>((i * 7 + i / 251) & 0xFF);
+    return b;
+}
+
+struct Fixture {
+    test::TempTree tree;
+    std::string File(const std::string &name, const Bytes &content) {
+        return tree.File(name, std::string(content.begin(), content.end()));
+    }
+};
+
+BPlusServiceConfig QuickConfig() {
+    BPlusServiceConfig c;
+    c.readTimeoutMs = 1000; // never reached: the fake line times out at once
+    return c;
+}
+
+// ------------------------------------------------------------- greeting
+
+TEST(BPlusServiceGreeting, Answers) {
+    struct Case {
+        const char *name;
+        FakeTerminal::Options o;
+        bool greeted;
+        int enqs;
+    };
+    FakeTerminal::Options bplus, plain, mute;
+    plain.bplus = false;
+    mute.answerEnq = false;
+    const Case cases[] = {{"B+ terminal", bplus, true, 1},
+                          {"terminal without B+", plain, false, 1},
+                          {"no answer: three ENQs", mute, false, 3}};
+    for (const Case &c : cases) {
+        FakeTerminal t(c.o);
+        BPlusService service(t, QuickConfig());
+        EXPECT_EQ(service.Greet(), c.greeted) << c.name;
+        EXPECT_EQ(std::count(t.written.begin(), t.written.end(), kEnq), c.enqs) << c.name;
+    }
+}
+
+// ------------------------------------------------------------- requests
+
+TEST(BPlusServiceRequests, DownloadPerCheckMethod) {
+    for (int method = 0; method < 4; ++method) {
+        Fixture f;
+        const Bytes content = Pattern(3000);
+        FakeTerminal::Options o;
+        o.checkMethod = method;
+        FakeTerminal t(o);
+        BPlusServiceConfig config = QuickConfig();
+        config.checkMethod = 3;
+        BPlusService service(t, config);
+        const auto reports = service.Run({Down(f.File("a.bin", content))});
+        ASSERT_EQ(reports.size(), 1u);
+        const RequestReport &r = reports[0];
+        EXPECT_TRUE(r.ok) << "method " << method << ": " << r.why;
+        EXPECT_EQ(r.checkMethod, method);
+        EXPECT_EQ(r.bytes, content.size());
+        EXPECT_EQ(r.crc32, Crc32Of(content.data(), content.size()));
+        EXPECT_EQ(t.received, content) << "method " << method;
+        EXPECT_TRUE(t.done);
+        EXPECT_EQ(t.badChecks, 0);
+        // '+', 'T' 'D' "a.bin", 1025 + 1025 + 950 data, 'T' 'C'.
+        ASSERT_EQ(t.accepted.size(), 6u);
+        EXPECT_EQ(t.accepted[1], B("TDBa.bin"));
+        EXPECT_EQ(t.accepted[2].size(), 1025u);
+        EXPECT_EQ(t.accepted[5], B("TC"));
+    }
+}
+
+TEST(BPlusServiceRequests, ParametersPacketOffersTheConfiguration) {
+    Fixture f;
+    FakeTerminal t({});
+    BPlusServiceConfig config = QuickConfig();
+    config.sendWindow = 2, config.receiveWindow = 3, config.blockSize = 4, config.checkMethod = 2;
+    config.downloadResume = 1, config.fileInfo = 1;
+    BPlusService service(t, config);
+    const auto reports = service.Run({Down(f.File("x", B("hello")))});
+    ASSERT_TRUE(reports[0].ok) << reports[0].why;
+    EXPECT_EQ(t.accepted[0], (Bytes{'+', 2, 3, 4, 2, 0, 0, 0x14, 0, 0xD4, 0, 0, 0, 0, 0, 1, 0, 1}));
+    // The terminal offered no resume and no file information: neither is used.
+    EXPECT_EQ(t.accepted[1], B("TDBx"));
+    EXPECT_EQ(t.accepted[2], B("Nhello"));
+}
+
+TEST(BPlusServiceRequests, SmallBlocksAndFileInformation) {
+    Fixture f;
+    const Bytes content = Pattern(600);
+    FakeTerminal::Options o;
+    o.blockSize = 2, o.fileInfo = 1;
+    FakeTerminal t(o);
+    BPlusServiceConfig config = QuickConfig();
+    config.fileInfo = 1;
+    BPlusService service(t, config);
+    const auto r =
+        service.Run({{ServiceRequest::Download, f.File("sz", content), "remote.txt", 'A'}});
+    ASSERT_TRUE(r[0].ok) << r[0].why;
+    EXPECT_EQ(t.accepted[1], B("TDAremote.txt"));
+    EXPECT_EQ(t.accepted[2], B("TIremote.txt 600"));
+    EXPECT_EQ(t.accepted[3].size(), 257u); // 2 x 128 + 1
+    EXPECT_EQ(t.received, content);
+}
+
+TEST(BPlusServiceRequests, ResumePoints) {
+    const Bytes content = Pattern(2000);
+    const uint16_t word500 = ResumeCheckWord(1, content.data(), 500);
+    struct Case {
+        const char *name;
+        std::string text;
+        bool restarted;
+        uint64_t bytes;
+    };
+    const Case cases[] = {
+        {"matching word", "500 " + std::to_string(word500) + " ", false, 1500},
+        {"wrong word", "500 " + std::to_string(word500 ^ 1) + " ", true, 2000},
+        {"point past the end", "2001 0 ", true, 2000},
+        {"whole file", "2000 " + std::to_string(ResumeCheckWord(1, content.data(), 2000)) + " ",
+         false, 0},
+    };
+    for (const Case &c : cases) {
+        Fixture f;
+        FakeTerminal::Options o;
+        o.downloadResume = 2, o.resumeText = c.text;
+        FakeTerminal t(o);
+        BPlusServiceConfig config = QuickConfig();
+        config.downloadResume = 1;
+        BPlusService service(t, config);
+        const auto r = service.Run({Down(f.File("r", content))});
+        ASSERT_TRUE(r[0].ok) << c.name << ": " << r[0].why;
+        EXPECT_EQ(r[0].restarted, c.restarted) << c.name;
+        EXPECT_EQ(t.restarted, c.restarted) << c.name;
+        EXPECT_EQ(r[0].bytes, c.bytes) << c.name;
+        const Bytes tail(content.end() - static_cast<long>(c.bytes), content.end());
+        EXPECT_EQ(t.received, tail) << c.name;
+    }
+}
+
+TEST(BPlusServiceRequests, Upload) {
+    Bytes content = Pattern(450);
+    content[3] = kDle, content[4] = kEtx, content[5] = kEnq, content[6] = 0x91;
+    // Plain, and with the first data packet sent twice: the repeat is
+    // acknowledged again (no NAK) and not written twice.
+    for (bool repeat : {false, true}) {
+        Fixture f;
+        FakeTerminal::Options o;
+        o.upload = content;
+        o.repeatFirstUpload = repeat;
+        FakeTerminal t(o);
+        BPlusServiceConfig config = QuickConfig();
+        config.folder = f.tree.Folder();
+        BPlusService service(t, config);
+        const auto r = service.Run({Up("up.bin")});
+        ASSERT_TRUE(r[0].ok) << r[0].why;
+        EXPECT_EQ(r[0].bytes, content.size());
+        EXPECT_EQ(r[0].crc32, Crc32Of(content.data(), content.size()));
+        std::ifstream in(f.tree.Path("up.bin"), std::ios::binary);
+        const Bytes stored((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        EXPECT_EQ(stored, content) << "repeat " << repeat;
+        EXPECT_EQ(t.accepted[1], B("TUBup.bin"));
+        EXPECT_EQ(std::count(t.written.begin(), t.written.end(), kNak), 0) << "repeat " << repeat;
+        // After the request (3): data 4 (twice when repeated), 5..8, 'T' 'C' 9.
+        Bytes acks{kDle, '4'};
+        if (repeat) acks.insert(acks.end(), {kDle, '4'});
+        for (uint8_t d : {'5', '6', '7', '8', '9'}) acks.insert(acks.end(), {kDle, d});
+        const Bytes tail(t.written.end() - static_cast<long>(acks.size()), t.written.end());
+        EXPECT_EQ(tail, acks) << "repeat " << repeat;
+    }
+}
+
+TEST(BPlusServiceRequests, SilentTerminalEndsAfterTheErrorLimit) {
+    Fixture f;
+    FakeTerminal::Options o;
+    o.silent = true;
+    FakeTerminal t(o);
+    BPlusServiceConfig config = QuickConfig();
+    config.greet = false;
+    config.maxErrors = 4;
+    BPlusService service(t, config);
+    const auto r = service.Run({Down(f.File("s", B("abc")))});
+    EXPECT_FALSE(r[0].ok);
+    EXPECT_EQ(r[0].why, "too many errors");
+    EXPECT_EQ(r[0].errors, 4u);
+    // Each time-out with the '+' unacknowledged is a resend request.
+    Bytes enqEnq{kEnq, kEnq};
+    EXPECT_NE(std::search(t.written.begin(), t.written.end(), enqEnq.begin(), enqEnq.end()),
+              t.written.end());
+}
+
+TEST(BPlusServiceRequests, ResendsOnNak) {
+    Fixture f;
+    const Bytes content = Pattern(100);
+    FakeTerminal::Options o;
+    o.nakFirstData = true;
+    FakeTerminal t(o);
+    BPlusService service(t, QuickConfig());
+    const auto r = service.Run({Down(f.File("n", content))});
+    ASSERT_TRUE(r[0].ok) << r[0].why;
+    EXPECT_GE(r[0].resends, 1u);
+    // The data, the 'T' 'C' behind it (out of order), and the second resend's
+    // data packet, older than the 'T' 'C' just taken.
+    EXPECT_EQ(t.naksSent, 3);
+    EXPECT_EQ(t.repeats, 1);
+    EXPECT_EQ(t.received, content);
+}
+
+TEST(BPlusServiceRequests, AnswersEnqWithItsCounter) {
+    // The download request goes out as packet 3 (after the service's '+'
+    // as 1 and the terminal's as 2); every ENQ then gets DLE '3', so ENQ
+    // ENQ gets it twice.
+    for (int enqs : {0, 1, 2}) {
+        Fixture f;
+        FakeTerminal::Options o;
+        o.enqsBeforeAck = enqs;
+        FakeTerminal t(o);
+        BPlusService service(t, QuickConfig());
+        ASSERT_TRUE(service.Run({Down(f.File("e", B("abc")))})[0].ok);
+        int answers = 0;
+        for (std::size_t i = 0; i + 1 < t.written.size(); ++i)
+            answers += t.written[i] == kDle && t.written[i + 1] == '3';
+        EXPECT_EQ(answers, enqs);
+    }
+}
+
+// --------------------------------------------------------- misbehaviour
+
+TEST(BPlusServiceFaults, EachOptionDoesWhatItSays) {
+    struct Case {
+        const char *name;
+        ServiceFault fault;
+        bool ok;
+        std::function<void(const FakeTerminal &, const RequestReport &)> check;
+    };
+    const Bytes content = Pattern(2500); // three data packets: packets 3, 4, 5
+    const Case cases[] = {
+        {"drop packet",
+         {ServiceFault::DropPacket, 3},
+         true,
+         [](const FakeTerminal &t, const RequestReport &r) {
+             EXPECT_GE(t.naksSent, 1); // packet 4 came out of order
+             EXPECT_GE(r.resends, 1u);
+         }},
+        {"damage packet",
+         {ServiceFault::DamagePacket, 4},
+         true,
+         [](const FakeTerminal &t, const RequestReport &r) {
+             EXPECT_EQ(t.badChecks, 1);
+             EXPECT_GE(r.resends, 1u);
+         }},
+        {"repeat packet",
+         {ServiceFault::RepeatPacket, 3},
+         true,
+         [](const FakeTerminal &t, const RequestReport &) { EXPECT_EQ(t.repeats, 1); }},
+        {"fail at the second data packet",
+         {ServiceFault::FailAt, 2, 'I'},
+         false,
+         [&](const FakeTerminal &t, const RequestReport &r) {
+             EXPECT_EQ(r.failureCode, 'I');
+             ASSERT_GE(t.accepted.size(), 4u);
+             EXPECT_EQ(t.accepted[3], B("FI Service failure"));
+             EXPECT_EQ(t.received.size(), 1024u);
+         }},
+        {"silent from the third packet",
+         {ServiceFault::SilentFrom, 3},
+         false,
+         [](const FakeTerminal &t, const RequestReport &r) {
+             EXPECT_EQ(r.why, "too many errors");
+             EXPECT_TRUE(t.received.empty());
+         }},
+    };
+    for (const Case &c : cases) {
+        Fixture f;
+        FakeTerminal t({});
+        BPlusServiceConfig config = QuickConfig();
+        config.faults = {c.fault};
+        BPlusService service(t, config);
+        const auto r = service.Run({Down(f.File("m", content))});
+        EXPECT_EQ(r[0].ok, c.ok) << c.name << ": " << r[0].why;
+        if (c.ok) {
+            EXPECT_EQ(t.received, content) << c.name;
+        }
+        c.check(t, r[0]);
+    }
+}
+
+TEST(BPlusServiceFaults, Acknowledgements) {
+    // An upload of two packets: the service's acknowledgements are '2' (the
+    // terminal's '+'), '4' and '5' (data), '6' ('T' 'C'); the third changes.
+    struct Case {
+        ServiceFault::What what;
+        Bytes tail; // what the service wrote last
+    };
+    const Case cases[] = {
+        {ServiceFault::DropAck, {kDle, '4', kDle, '6'}}, // '5' missing
+        {ServiceFault::DamageAck, {kDle, '4', kDle, 'x', kDle, '6'}},
+        {ServiceFault::RepeatAck, {kDle, '4', kDle, '5', kDle, '5', kDle, '6'}},
+    };
+    for (const Case &c : cases) {
+        Fixture f;
+        FakeTerminal::Options o;
+        o.upload = Pattern(150);
+        FakeTerminal t(o);
+        BPlusServiceConfig config = QuickConfig();
+        config.folder = f.tree.Folder();
+        config.faults = {{c.what, 3}};
+        BPlusService service(t, config);
+        const auto r = service.Run({Up("a")});
+        EXPECT_TRUE(r[0].ok) << r[0].why;
+        const Bytes tail(t.written.end() - static_cast<long>(c.tail.size()), t.written.end());
+        EXPECT_EQ(tail, c.tail) << c.what;
+    }
+}
+
+} // namespace
+} // namespace zvxfer::host
