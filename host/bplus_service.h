@@ -99,7 +99,8 @@ struct ServiceRequest {
     // Download: the local file sent.  Upload: the name asked of the
     // terminal, which is also the name written in the service's folder.
     std::string path;
-    // Download: the name sent in the request (default: the file's base name).
+    // The name sent in the request.  Download: default the file's base
+    // name; upload: default `path` (another name tries the terminal).
     std::string remoteName;
     char fileType = 'B'; // 'A' or 'B'
 };
