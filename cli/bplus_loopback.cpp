@@ -21,11 +21,14 @@ std::vector<char> ReadAll(const fs::path &path) {
     return std::vector<char>(std::istreambuf_iterator<char>(in), {});
 }
 
-bool Same(const fs::path &original, const fs::path &copy, const char *what) {
-    const bool ok = fs::exists(copy) && ReadAll(original) == ReadAll(copy);
-    fmt::print(stderr, "{} {} {}  {} bytes\n", ok ? "ok    " : "FAILED", what,
-               original.filename().string(), fs::file_size(original));
-    return ok;
+// One copy's verdict: "ok" (exact), "failed" (the transfer said it failed)
+// or "DAMAGED" (reported good, yet it differs: a damage the check missed).
+bool Same(const fs::path &original, const fs::path &copy, const char *what, bool reportedGood) {
+    const bool exact = fs::exists(copy) && ReadAll(original) == ReadAll(copy);
+    const char *verdict = exact ? "ok     " : reportedGood ? "DAMAGED" : "failed ";
+    fmt::print(stderr, "{} {} {}  {} bytes\n", verdict, what, original.filename().string(),
+               fs::file_size(original));
+    return exact;
 }
 
 std::string FreshFolder() {
@@ -111,11 +114,30 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
             all = false;
         }
     for (const fs::path &f : originals) {
-        all = Same(f, down / f.filename(), "download") && all;
-        all = Same(f, up / f.filename(), "upload  ") && all;
+        const std::string name = f.filename().string();
+        bool downloadGood = false, uploadGood = false;
+        for (const BPlusRequestOutcome &r : session.requests)
+            if (!r.upload && r.result == 1 && fs::path(r.name).filename() == name)
+                downloadGood = true;
+        for (const host::RequestReport &r : reports)
+            if (r.request.kind == host::ServiceRequest::Upload && r.ok && r.request.path == name)
+                uploadGood = true;
+        all = Same(f, down / name, "download", downloadGood) && all;
+        all = Same(f, up / name, "upload  ", uploadGood) && all;
     }
+    // Each request's time and, on a line of limited speed, the share of the
+    // line's capacity that was file data.
     uint64_t bytes = 0;
-    for (const BPlusRequestOutcome &r : session.requests) bytes += r.bytes;
+    for (const BPlusRequestOutcome &r : session.requests) {
+        bytes += r.bytes;
+        const double capacity = r.seconds * (s.baud / 10.0);
+        fmt::print(
+            stderr, "zvxfer: {} {}: {} bytes in {:.2f} s{}\n", r.upload ? "upload" : "download",
+            fs::path(r.name).filename().string(), r.bytes, r.seconds,
+            s.baud != 0 && capacity > 0
+                ? fmt::format(", file/line {:.3f}", static_cast<double>(r.bytes) / capacity)
+                : fmt::format(", {}/s", FormatBytes(r.seconds > 0 ? r.bytes / r.seconds : 0)));
+    }
     fmt::print(stderr, "zvxfer: {} of {} transfer(s) verified in {}; {} in {:.2f} s\n",
                all ? requests.size() : 0, requests.size(), folder,
                FormatBytes(static_cast<double>(bytes)), session.seconds);

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <fmt/format.h>
 
 #include "port_tap.h"
@@ -91,6 +92,7 @@ XferFile OnOpen(XferRecord *record, const char *name, const char *mode) {
         }
         return XFER_INVALID_FILE; // the engine tells the service with a failure packet
     }
+    if (s->request) s->request->localPath = path;
     return s->prevOpen ? s->prevOpen(record, path.c_str(), mode) : XFER_INVALID_FILE;
 }
 
@@ -238,9 +240,19 @@ BPlusSessionOutcome RunBPlusSession(XferPort *port, const BPlusTerminalSettings 
                 outcome.requests.emplace_back();
                 session.request = &outcome.requests.back();
                 session.inTransfer = true;
+                const Clock::time_point started = Clock::now();
                 const int32_t result = RunEntry(port, words);
+                session.request->seconds =
+                    std::chrono::duration<double>(Clock::now() - started).count();
                 session.inTransfer = false;
                 session.request->result = result;
+                // An upload's byte count includes each packet's type byte:
+                // the file's size is what moved.
+                std::error_code ec;
+                if (session.request->upload && !session.request->localPath.empty()) {
+                    const auto size = std::filesystem::file_size(session.request->localPath, ec);
+                    if (!ec && result == 1) session.request->bytes = size;
+                }
                 session.request = nullptr;
                 reporter.Finish();
                 Heard();
@@ -285,7 +297,7 @@ int ReportBPlusSession(const BPlusSessionOutcome &o, const BPlusTerminalSettings
                    o.ended == "quiet"
                        ? fmt::format("nothing for {} s", std::max(s.quietMs, kFirstWaitMs) / 1000)
                        : o.ended);
-    else if (o.ended == "lost" || o.ended == "interrupted")
+    else if (!allOk && (o.ended == "lost" || o.ended == "interrupted"))
         fmt::print(stderr, "zvxfer: the session ended: {}\n",
                    o.ended == "lost" ? "the line was lost" : "interrupted");
     if (allOk && verbosity != Verbosity::Quiet) {

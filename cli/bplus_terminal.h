@@ -35,11 +35,13 @@ constexpr int32_t kTransferSilenceMs = 20000;
 // One request the service made, as the terminal saw it.
 struct BPlusRequestOutcome {
     bool upload = false;
-    std::string name;    // as the service gave it (uploads) or as written (downloads)
-    int32_t result = 0;  // the entry's result: 1 or a negative code
-    std::string notice;  // the library's last notice in this request (service's failure text)
-    std::string refused; // set when an upload was refused: why
-    uint64_t bytes = 0;
+    std::string name;      // as the service gave it (uploads) or as written (downloads)
+    int32_t result = 0;    // the entry's result: 1 or a negative code
+    std::string notice;    // the library's last notice in this request (service's failure text)
+    std::string refused;   // set when an upload was refused: why
+    uint64_t bytes = 0;    // file bytes moved
+    std::string localPath; // an upload's file
+    double seconds = 0;    // from DLE 'B' to the entry's return
 };
 
 struct BPlusSessionOutcome {

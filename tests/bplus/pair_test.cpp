@@ -268,7 +268,8 @@ TEST_F(BPlusPair, UploadOnlyWhatWasOffered) {
 }
 
 TEST(BPlusUploadPath, Table) {
-    const std::vector<std::string> offered = {"/home/u/a.txt", "docs/b.txt", "c.txt"};
+    const std::vector<std::string> offered = {"/home/u/a.txt", "docs/b.txt", "c.txt",
+                                              "../up/d.txt"};
     struct Case {
         const char *asked;
         const char *path; // "" refused
@@ -288,6 +289,9 @@ TEST(BPlusUploadPath, Table) {
         {"d.txt", ""},
         {"", ""},
         {"A.TXT", ""},
+        // Offered, but a name with ".." is never served as it stands.
+        {"d.txt", "../up/d.txt"},
+        {"../up/d.txt", ""},
     };
     for (const Case &c : cases) {
         std::string why;
