@@ -12,6 +12,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "bplus_loopback.h"
+#include "bplus_terminal.h"
 #include "line.h"
 #include "loopback.h"
 #include "partial_file.h"
@@ -80,7 +82,9 @@ void AddZmodemSendOptions(CLI::App &cmd, TransferSettings &s) {
         {"replace", XferOptZmReplace},          {"differ", XferOptZmDiffer},
         {"protect", XferOptZmProtect},          {"newer", XferOptZmNewer}};
     cmd.add_flag("--subfolders", s.subfolders, "wildcards also match in subfolders");
-    cmd.add_flag("--resume", s.resume, "ZMODEM: ask the receiver to resume partial files");
+    cmd.add_flag(
+        "--resume", s.resume,
+        "ZMODEM: ask the receiver to resume partial files; B+: continue partial downloads");
     cmd.add_flag("--no-window", s.noWindow, "ZMODEM: stream without waiting for acknowledgements");
     cmd.add_option("--manage", s.management,
                    "ZMODEM: receiver's handling of existing files: "
@@ -275,6 +279,45 @@ int RunOnLine(TransferSettings &s, const LineChoice &choice, Verbosity verbosity
     return status;
 }
 
+// B+ options, taken by send and receive alike: the service decides the
+// direction.  --resume is the send and receive commands' own flag.
+void AddBPlusOptions(CLI::App &cmd, BPlusTerminalSettings &b) {
+    cmd.add_option("--check-method", b.checkMethod,
+                   "B+: check asked for: 0 checksum, 1 CRC-16, 2 X.25, 3 CRC-32 (default 3)")
+        ->check(CLI::Range(0, 3));
+    cmd.add_flag("--file-info", b.fileInfo, "B+: accept the service's file information");
+    cmd.add_option("--quiet-time", b.quietMs,
+                   "B+: the session ends when the service is silent this long after a "
+                   "transfer, in ms (default 5000)")
+        ->check(CLI::Range(100, 3600000));
+}
+
+// A B+ session on the line: the terminal answers whatever the service asks.
+int RunBPlusOnLine(const TransferSettings &s, BPlusTerminalSettings b, const LineChoice &choice,
+                   Verbosity verbosity) {
+    std::string error;
+    auto line = OpenLine(choice, {}, error);
+    if (!line) {
+        fmt::print(stderr, "zvxfer: cannot open the line: {}\n", error);
+        return kExitFailed;
+    }
+    const std::string folder = FolderText(s.folder);
+    XferPort *port = line->host->OpenPort(folder.c_str(), s.policy);
+    if (!port) {
+        fmt::print(stderr, "zvxfer: cannot open a port\n");
+        return kExitFailed;
+    }
+    b.offered = s.sending ? s.files : std::vector<std::string>{};
+    b.resume = s.resume;
+    Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0);
+    host::LineHost *lineHost = line->host.get();
+    const BPlusSessionOutcome outcome =
+        RunBPlusSession(port, b, reporter, [lineHost] { return lineHost->Lost(); });
+    port->Ops.PortClose(port);
+    line.reset();
+    return ReportBPlusSession(outcome, b, verbosity);
+}
+
 int Main(int argc, char **argv) {
     CLI::App app{"zvxfer: send and receive files over a terminal line"};
     app.require_subcommand(1);
@@ -286,6 +329,7 @@ int Main(int argc, char **argv) {
     TransferSettings settings;
     LoopbackSettings loop;
     TextOptions text;
+    BPlusTerminalSettings bplus;
 
     auto *send = app.add_subcommand("send", "send files over the line");
     AddCommon(*send, common);
@@ -301,6 +345,7 @@ int Main(int argc, char **argv) {
     text.all.push_back(text.echo);
     text.all.push_back(text.noEcho);
     CLI::Option *textSend = send->add_flag("--text", settings.textFiles, kTextHelp);
+    AddBPlusOptions(*send, bplus);
     send->add_option("FILE", settings.files, "files to send (wildcards allowed)")->required();
 
     auto *receive = app.add_subcommand("receive", "receive files from the line");
@@ -309,8 +354,9 @@ int Main(int argc, char **argv) {
     AddTransferOptions(*receive, settings);
     receive->add_option("-d,--dir", settings.folder, "folder the files land in")
         ->check(CLI::ExistingDirectory);
-    receive->add_flag("--resume", settings.resume,
-                      "ZMODEM: accepted; the receiver always starts at 0");
+    receive->add_flag(
+        "--resume", settings.resume,
+        "ZMODEM: accepted, the receiver starts at 0; B+: continue a partial download");
     receive->add_flag("--pacing", settings.pacing, "ZMODEM: pause 70 ms per data subpacket");
     receive->add_option("--existing", settings.policy, "when a file exists: overwrite|rename|skip")
         ->transform(CLI::CheckedTransformer(policies, CLI::ignore_case));
@@ -318,6 +364,7 @@ int Main(int argc, char **argv) {
                       "remove the file a failed receive left incomplete (default: keep it)");
     AddTextReceiveOptions(*receive, settings, text);
     CLI::Option *textReceive = receive->add_flag("--text", settings.textFiles, kTextHelp);
+    AddBPlusOptions(*receive, bplus);
     receive->add_option("FILE", settings.files, "file to write (XMODEM, ASCII: required)")
         ->expected(0, 1);
 
@@ -332,6 +379,10 @@ int Main(int argc, char **argv) {
                                         "ASCII: silence that ends the capture (default: from "
                                         "the line's latency and the line delay)")
                            ->check(CLI::Range(1, 86400000)));
+    loopback
+        ->add_option("--check-method", bplus.checkMethod,
+                     "B+: check the terminal asks for, 0-3 (default 3)")
+        ->check(CLI::Range(0, 3));
     CLI::Option *textLoopback = loopback->add_flag("--text", loop.sendOptions.textFiles, kTextHelp);
     loopback->add_option("FILE", loop.files, "files to send")->required();
 
@@ -354,6 +405,14 @@ int Main(int argc, char **argv) {
     std::signal(SIGINT, OnInterrupt); // Ctrl-C cancels the transfer properly
     InstallHooks();
 
+    const bool bplusOptions = send->count("--check-method") + send->count("--file-info") +
+                                  send->count("--quiet-time") + receive->count("--check-method") +
+                                  receive->count("--file-info") + receive->count("--quiet-time") >
+                              0;
+    if (protocol.number != CompuServeBPlus && bplusOptions) {
+        fmt::print(stderr, "zvxfer: an option given is not available for {}\n", protocol.name);
+        return kExitUsage;
+    }
     const bool textFiles = textSend->count() + textReceive->count() + textLoopback->count() > 0;
     if ((!protocol.text && text.Any()) || (!protocol.textFiles && textFiles)) {
         fmt::print(stderr, "zvxfer: an option given is not available for {}\n", protocol.name);
@@ -361,6 +420,8 @@ int Main(int argc, char **argv) {
     }
     if (loopback->parsed()) {
         loop.protocol = protocol;
+        if (protocol.number == CompuServeBPlus)
+            return RunBPlusLoopback(loop, bplus.checkMethod, verbosity);
         return RunLoopback(loop, verbosity);
     }
     settings.protocol = protocol;
@@ -374,6 +435,7 @@ int Main(int argc, char **argv) {
         fmt::print(stderr, "zvxfer: {} receive needs the FILE to write\n", protocol.name);
         return kExitUsage;
     }
+    if (protocol.number == CompuServeBPlus) return RunBPlusOnLine(settings, bplus, line, verbosity);
     return RunOnLine(settings, line, verbosity, common.removePartial);
 }
 

@@ -70,6 +70,7 @@ const std::vector<Protocol> &Protocols() {
         {"ymodem-g", Ymodem, true, true, true, "YMODEM streaming ('G')", 0, RunYmodem},
         {"zmodem", Zmodem, false, true, true, "ZMODEM streaming batch with restarts, CRC-32", 2048, RunZmodem},
         {"kermit", Kermit, false, true, false, "Kermit batch, long packets; --text for text files", 0, RunKermit, false, true, true},
+        {"bplus", CompuServeBPlus, false, true, false, "CompuServe B+ terminal: serves a B+ service's requests", 0, nullptr},
         {"ascii", Ascii, false, false, false, "plain text: paced lines out, capture until silence", 0, RunAscii, true},
         // clang-format on
     };

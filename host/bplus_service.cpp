@@ -732,7 +732,9 @@ bool BPlusService::Session::Upload() {
     if (!config_.sendParameters) sendQuote_ = config_.quote;
 
     std::vector<uint8_t> request{'T', 'U', static_cast<uint8_t>(report_.request.fileType)};
-    request.insert(request.end(), report_.request.path.begin(), report_.request.path.end());
+    const std::string &asked =
+        report_.request.remoteName.empty() ? report_.request.path : report_.request.remoteName;
+    request.insert(request.end(), asked.begin(), asked.end());
     if (!SendNumbered(request)) return false;
 
     uint32_t crc = 0xFFFFFFFFu;

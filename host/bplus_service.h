@@ -100,7 +100,8 @@ struct ServiceRequest {
     // Download: the local file sent.  Upload: the name asked of the
     // terminal; its last part is the file written in the service's folder.
     std::string path;
-    // Download: the name sent in the request (default: the file's base name).
+    // The name sent in the request.  Download: default the file's base
+    // name; upload: default `path` (another name tries the terminal).
     std::string remoteName;
     char fileType = 'B'; // 'A' or 'B'
 };

@@ -1,0 +1,151 @@
+// The B+ loopback run: the service on end A offers every file for download
+// and then asks for every one as an upload; the terminal on end B answers.
+#include "bplus_loopback.h"
+
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
+#include <unistd.h>
+
+#include "bplus_service.h"
+#include "bplus_terminal.h"
+#include "link_pair.h"
+
+namespace zvxfer::cli {
+namespace fs = std::filesystem;
+
+namespace {
+
+std::vector<char> ReadAll(const fs::path &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<char>(std::istreambuf_iterator<char>(in), {});
+}
+
+// One copy's verdict: "ok" (exact), "failed" (the transfer said it failed)
+// or "DAMAGED" (reported good, yet it differs: a damage the check missed).
+bool Same(const fs::path &original, const fs::path &copy, const char *what, bool reportedGood) {
+    const bool exact = fs::exists(copy) && ReadAll(original) == ReadAll(copy);
+    const char *verdict = exact ? "ok     " : reportedGood ? "DAMAGED" : "failed ";
+    fmt::print(stderr, "{} {} {}  {} bytes\n", verdict, what, original.filename().string(),
+               fs::file_size(original));
+    return exact;
+}
+
+std::string FreshFolder() {
+    std::string pattern = (fs::temp_directory_path() / "zvxfer-bplus-XXXXXX").string();
+    return mkdtemp(pattern.data()) ? pattern : std::string();
+}
+
+} // namespace
+
+int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity verbosity) {
+    std::vector<fs::path> originals;
+    for (const std::string &f : s.files) {
+        if (!fs::is_regular_file(f)) {
+            fmt::print(stderr, "zvxfer: not a file: {}\n", f);
+            return 2;
+        }
+        originals.emplace_back(f);
+    }
+    const std::string folder = s.folder.empty() ? FreshFolder() : s.folder;
+    std::error_code ec;
+    const fs::path down = fs::path(folder) / "downloaded", up = fs::path(folder) / "uploaded";
+    fs::create_directories(down, ec);
+    fs::create_directories(up, ec);
+    if (folder.empty() || ec) {
+        fmt::print(stderr, "zvxfer: cannot make the folders for the copies\n");
+        return 1;
+    }
+
+    host::LinkConfig config;
+    for (host::LineConfig *line : {&config.aToB, &config.bToA}) {
+        line->bytesPerSecond = s.baud / 10;
+        line->latencyMs = s.latencyMs;
+        line->bitErrorRate = s.bitErrorRate;
+    }
+    config.seed = s.seed;
+    config.b.receiveFolder = FolderText(down.string());
+    config.b.policy = XFER_EXISTING_OVERWRITE;
+    // The terminal's session ends once the service is done with it.
+    config.hangUpOnExit = true;
+
+    host::BPlusServiceConfig service;
+    service.checkMethod = 3; // the terminal's choice decides
+    service.folder = up.string();
+    service.readTimeoutMs = static_cast<int>(3000 + 4 * s.latencyMs);
+    std::vector<host::ServiceRequest> requests;
+    for (const fs::path &f : originals) {
+        host::ServiceRequest r;
+        r.path = f.string();
+        requests.push_back(r);
+    }
+    for (const fs::path &f : originals) {
+        host::ServiceRequest r;
+        r.kind = host::ServiceRequest::Upload;
+        r.path = f.filename().string();
+        requests.push_back(r);
+    }
+    BPlusTerminalSettings terminal;
+    terminal.offered = s.files;
+    terminal.checkMethod = checkMethod;
+    terminal.quietMs = static_cast<int32_t>(1000 + 4 * s.latencyMs);
+
+    std::vector<host::RequestReport> reports;
+    BPlusSessionOutcome session;
+    Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0, "terminal");
+    host::LinkPair link(config);
+    link.Run(
+        [&](XferPort *port) {
+            host::PortServiceLine line(port);
+            host::BPlusService bplus(line, service);
+            reports = bplus.Run(requests);
+            return 0;
+        },
+        [&](XferPort *port) {
+            session = RunBPlusSession(port, terminal, reporter, {});
+            return 0;
+        });
+
+    const int status = ReportBPlusSession(session, terminal, Verbosity::Quiet);
+    bool all = status == 0 && reports.size() == requests.size();
+    for (const host::RequestReport &r : reports)
+        if (!r.ok) {
+            fmt::print(stderr, "zvxfer: service: {} failed: {}\n", r.request.path, r.why);
+            all = false;
+        }
+    for (const fs::path &f : originals) {
+        const std::string name = f.filename().string();
+        bool downloadGood = false, uploadGood = false;
+        for (const BPlusRequestOutcome &r : session.requests)
+            if (!r.upload && r.result == 1 && fs::path(r.name).filename() == name)
+                downloadGood = true;
+        for (const host::RequestReport &r : reports)
+            if (r.request.kind == host::ServiceRequest::Upload && r.ok && r.request.path == name)
+                uploadGood = true;
+        all = Same(f, down / name, "download", downloadGood) && all;
+        all = Same(f, up / name, "upload  ", uploadGood) && all;
+    }
+    // Each request's time and, on a line of limited speed, the share of the
+    // line's capacity that was file data.
+    uint64_t bytes = 0;
+    for (const BPlusRequestOutcome &r : session.requests) {
+        bytes += r.bytes;
+        const double capacity = r.seconds * (s.baud / 10.0);
+        fmt::print(
+            stderr, "zvxfer: {} {}: {} bytes in {:.2f} s{}\n", r.upload ? "upload" : "download",
+            fs::path(r.name).filename().string(), r.bytes, r.seconds,
+            s.baud != 0 && capacity > 0
+                ? fmt::format(", file/line {:.3f}", static_cast<double>(r.bytes) / capacity)
+                : fmt::format(", {}/s", FormatBytes(r.seconds > 0 ? r.bytes / r.seconds : 0)));
+    }
+    fmt::print(stderr, "zvxfer: {} of {} transfer(s) verified in {}; {} in {:.2f} s\n",
+               all ? requests.size() : 0, requests.size(), folder,
+               FormatBytes(static_cast<double>(bytes)), session.seconds);
+    const uint64_t forward = link.Counters(host::LinkPair::AtoB).offered;
+    const uint64_t back = link.Counters(host::LinkPair::BtoA).offered;
+    fmt::print(stderr, "zvxfer: line carried {} bytes service to terminal and {} back\n", forward,
+               back);
+    return all ? 0 : 1;
+}
+
+} // namespace zvxfer::cli
