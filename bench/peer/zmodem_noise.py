@@ -57,8 +57,13 @@ def one_run(relay, line_args, seed, send, receive, src, out, timeout):
     return "killed", elapsed, offered
 
 
-def main():
-    ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+def run_noise_table(doc, title, prefix, pairings_of, column, value_of, label_width, lines=LINES):
+    """Parse the common options, then run every pairing `pairings_of(z,
+    src, out)` gives on every line of `lines`, seed after seed, and print one
+    row each: completions, wrong files, failures, kills, the mean time of a
+    completed run and the mean of `value_of(file size, bytes offered)`
+    under `column`."""
+    ap = argparse.ArgumentParser(description=doc.splitlines()[0])
     ap.add_argument("zvxfer")
     ap.add_argument("--size-kib", type=int, default=200)
     ap.add_argument("--seeds", type=int, default=6)
@@ -69,40 +74,46 @@ def main():
     relay = os.path.join(os.path.dirname(z), "zvxfer-line-relay")
     if not os.path.exists(relay):
         sys.exit("no %s: build the zvxfer-line-relay target" % relay)
-    work = tempfile.mkdtemp(prefix="zvxfer-znoise-")
+    work = tempfile.mkdtemp(prefix=prefix)
     try:
         src = os.path.join(work, "noise.bin")
         with open(src, "wb") as f:
             f.write(random.Random(5).randbytes(args.size_kib * 1024))
         out = os.path.join(work, "out")
         size = os.path.getsize(src)
-        print("ZMODEM under noise, %d KiB random file, %d seeds per line, line %s; "
-              "engine of commit %s" % (args.size_kib, args.seeds,
+        print("%s under noise, %d KiB random file, %d seeds per line, line %s; "
+              "engine of commit %s" % (title, args.size_kib, args.seeds,
                                        "%d bit/s" % args.baud if args.baud else "unlimited",
                                        commit()))
-        print("%-10s %-30s %9s %6s %6s %6s %8s %10s" % ("line", "pairing", "completed", "wrong",
-                                                        "failed", "killed", "mean s",
-                                                        "line/file"))
+        print("%-10s %-*s %9s %6s %6s %6s %8s %10s" % ("line", label_width, "pairing",
+                                                       "completed", "wrong", "failed",
+                                                       "killed", "mean s", column))
         base = ["--baud", str(args.baud)] if args.baud else []
-        for line_label, line_args in LINES:
-            for label, send, receive in pairings(z, src, out):
+        for line_label, line_args in lines:
+            for label, send, receive in pairings_of(z, src, out):
                 counts = {"completed": 0, "WRONG FILE": 0, "failed": 0, "killed": 0,
                           "relay failed": 0}
-                times, overhead = [], []
+                times, values = [], []
                 for seed in range(1, args.seeds + 1):
                     state, t, offered = one_run(relay, base + line_args, seed, send, receive,
                                                 src, out, args.timeout)
                     counts[state] += 1
                     if state == "completed":
                         times.append(t)
-                        overhead.append(offered / size)
+                        values.append(value_of(size, offered))
                 mean = sum(times) / len(times) if times else float("nan")
-                ratio = sum(overhead) / len(overhead) if overhead else float("nan")
-                print("%-10s %-30s %6d/%-2d %6d %6d %6d %8.2f %10.2f" % (
-                    line_label, label, counts["completed"], args.seeds, counts["WRONG FILE"],
-                    counts["failed"] + counts["relay failed"], counts["killed"], mean, ratio))
+                value = sum(values) / len(values) if values else float("nan")
+                print("%-10s %-*s %6d/%-2d %6d %6d %6d %8.2f %10.3f" % (
+                    line_label, label_width, label, counts["completed"], args.seeds,
+                    counts["WRONG FILE"], counts["failed"] + counts["relay failed"],
+                    counts["killed"], mean, value), flush=True)
     finally:
         shutil.rmtree(work)
+
+
+def main():
+    run_noise_table(__doc__, "ZMODEM", "zvxfer-znoise-", pairings, "line/file",
+                    lambda size, offered: offered / size, 30)
 
 
 if __name__ == "__main__":
