@@ -290,6 +290,10 @@ class BPlusService::Session {
     std::deque<Stored> outstanding_;
     bool resendPending_ = false;
     int ackAfterEnq_ = -1;
+    // A NAK went out and the terminal has not resent yet: the packets it
+    // had already sent arrive out of sequence and are dropped without a
+    // NAK each (every NAK costs the terminal one of its ten errors).
+    bool nakOutstanding_ = false;
     int packetsSent_ = 0;
     int acksSent_ = 0;
     int dataPackets_ = 0;
@@ -535,11 +539,17 @@ bool BPlusService::Session::Pump(std::optional<std::vector<uint8_t>> *packet) {
         ackAfterEnq_ = -1;
         return Write({kEnq, kEnq});
     case Event::Enq:
+        nakOutstanding_ = false; // the terminal resends after our answers
         SendAck();
         return !failed_;
     case Event::Bad:
+        if (nakOutstanding_) {
+            Log("bad packet (" + e.why + ") while a NAK is answered: dropped");
+            return true;
+        }
         Log("bad packet (" + e.why + "): NAK");
         if (!CountError()) return false;
+        nakOutstanding_ = true;
         return Write({kNak});
     case Event::Packet:
         break;
@@ -550,6 +560,7 @@ bool BPlusService::Session::Pump(std::optional<std::vector<uint8_t>> *packet) {
         // the acknowledgement of everything still stored.
         counter_ = e.seq;
         outstanding_.clear();
+        nakOutstanding_ = false;
         SendAck();
         if (failure) {
             report_.failureCode = e.data.size() > 1 ? static_cast<char>(e.data[1]) : '?';
@@ -565,8 +576,14 @@ bool BPlusService::Session::Pump(std::optional<std::vector<uint8_t>> *packet) {
         SendAck();
         return !failed_;
     }
+    if (nakOutstanding_) {
+        Log("packet out of sequence (" + std::to_string(e.seq) +
+            ") while a NAK is answered: dropped");
+        return true;
+    }
     Log("packet out of sequence (" + std::to_string(e.seq) + "): NAK");
     if (!CountError()) return false;
+    nakOutstanding_ = true;
     return Write({kNak});
 }
 

@@ -841,13 +841,20 @@ int32_t StopWhenAsked(XferRecord *) {
     return gStop.load() ? XferErrUserAbort : 0;
 }
 
+// Set to flip the low bit of the terminal's byte with this index (counted
+// from 1) on its way to the service.
+std::size_t gDamageAt = 0;
+
 // The service's line, keeping every byte the terminal sent.
 class RecordingLine : public ServiceLine {
   public:
     explicit RecordingLine(XferPort *port) : inner_(port) {}
     int Read(int timeoutMs) override {
-        const int b = inner_.Read(timeoutMs);
-        if (b >= 0) bytes.push_back(static_cast<uint8_t>(b));
+        int b = inner_.Read(timeoutMs);
+        if (b >= 0) {
+            bytes.push_back(static_cast<uint8_t>(b));
+            if (bytes.size() == gDamageAt) b ^= 1;
+        }
         return b;
     }
     bool Write(const uint8_t *data, std::size_t length) override {
@@ -899,6 +906,7 @@ Session Run(BPlusServiceConfig config, const std::vector<ServiceRequest> &reques
         });
     s.timedOut = r.timedOut;
     gStop.store(false);
+    gDamageAt = 0;
     return s;
 }
 
@@ -971,6 +979,29 @@ TEST(BPlusServiceWithEngine, UploadsAndASessionOfTwo) {
     EXPECT_EQ(s.terminalResults, (std::vector<int32_t>{1, 1})) << log;
     EXPECT_EQ(engine::ReadAll(f.tree.Path("landed/up.bin")), up);
     EXPECT_EQ(engine::ReadAll(f.tree.Path("terminal/down.bin")), down);
+}
+
+TEST(BPlusServiceWithEngine, ADamagedUploadPacketCostsOneNak) {
+    // The terminal keeps sending while its window allows: the packets after
+    // the damaged one are dropped without a NAK each, since every NAK costs
+    // the terminal one of its ten errors.
+    Fixture f;
+    const Bytes up = Pattern(6000);
+    const std::string upPath = f.File("terminal/up.bin", up);
+    BPlusServiceConfig config;
+    config.folder = f.tree.Dir("landed");
+    engine::TerminalOptions terminal;
+    terminal.checkMethod = 3;
+    engine::gDamageAt = 2500; // inside the third data packet
+    const engine::Session s =
+        engine::Run(config, {Up(upPath)}, terminal, f.tree.Folder() + "terminal/");
+    const std::string log = engine::Log();
+    ASSERT_FALSE(s.timedOut) << log;
+    ASSERT_EQ(s.reports.size(), 1u);
+    EXPECT_TRUE(s.reports[0].ok) << s.reports[0].why << "\n" << log;
+    EXPECT_EQ(s.reports[0].errors, 1u) << log;
+    EXPECT_EQ(s.terminalResults, (std::vector<int32_t>{1})) << log;
+    EXPECT_EQ(engine::ReadAll(f.tree.Path("landed/up.bin")), up);
 }
 
 TEST(BPlusServiceWithEngine, ResumePoints) {
