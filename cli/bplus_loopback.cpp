@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
-#include <unistd.h>
 
 #include "bplus_service.h"
 #include "bplus_terminal.h"
@@ -31,11 +30,6 @@ bool Same(const fs::path &original, const fs::path &copy, const char *what, bool
     return exact;
 }
 
-std::string FreshFolder() {
-    std::string pattern = (fs::temp_directory_path() / "zvxfer-bplus-XXXXXX").string();
-    return mkdtemp(pattern.data()) ? pattern : std::string();
-}
-
 } // namespace
 
 int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity verbosity) {
@@ -47,7 +41,7 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
         }
         originals.emplace_back(f);
     }
-    const std::string folder = s.folder.empty() ? FreshFolder() : s.folder;
+    const std::string folder = s.folder.empty() ? FreshFolder("bplus") : s.folder;
     std::error_code ec;
     const fs::path down = fs::path(folder) / "downloaded", up = fs::path(folder) / "uploaded";
     fs::create_directories(down, ec);
@@ -57,15 +51,7 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
         return 1;
     }
 
-    host::LinkConfig config;
-    for (host::LineConfig *line : {&config.aToB, &config.bToA}) {
-        line->bytesPerSecond = s.baud / 10;
-        line->latencyMs = s.latencyMs;
-        line->bitErrorRate = s.bitErrorRate;
-    }
-    config.seed = s.seed;
-    config.b.receiveFolder = FolderText(down.string());
-    config.b.policy = XFER_EXISTING_OVERWRITE;
+    host::LinkConfig config = SimulatedLink(s, down.string());
     // The terminal's session ends once the service is done with it.
     config.hangUpOnExit = true;
 

@@ -83,12 +83,26 @@ bool VerifyCapture(const std::vector<fs::path> &originals, const fs::path &captu
     return ok;
 }
 
-std::string FreshFolder() {
-    std::string pattern = (fs::temp_directory_path() / "zvxfer-loopback-XXXXXX").string();
+} // namespace
+
+std::string FreshFolder(const char *what) {
+    std::string pattern =
+        (fs::temp_directory_path() / (std::string("zvxfer-") + what + "-XXXXXX")).string();
     return mkdtemp(pattern.data()) ? pattern : std::string();
 }
 
-} // namespace
+host::LinkConfig SimulatedLink(const LoopbackSettings &s, const std::string &receiveFolder) {
+    host::LinkConfig config;
+    for (host::LineConfig *line : {&config.aToB, &config.bToA}) {
+        line->bytesPerSecond = s.baud / 10;
+        line->latencyMs = s.latencyMs;
+        line->bitErrorRate = s.bitErrorRate;
+    }
+    config.seed = s.seed;
+    config.b.receiveFolder = FolderText(receiveFolder);
+    config.b.policy = XFER_EXISTING_OVERWRITE;
+    return config;
+}
 
 void AddLoopbackOptions(CLI::App &cmd, LoopbackSettings &s) {
     cmd.add_option("--baud", s.baud, "line speed in bit/s, 8N1 (default: unlimited)");
@@ -113,21 +127,13 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
         fmt::print(stderr, "zvxfer: {} moves one file at a time\n", s.protocol.name);
         return 2;
     }
-    const std::string folder = s.folder.empty() ? FreshFolder() : s.folder;
+    const std::string folder = s.folder.empty() ? FreshFolder("loopback") : s.folder;
     if (folder.empty()) {
         fmt::print(stderr, "zvxfer: cannot make a folder for the received files\n");
         return 1;
     }
 
-    host::LinkConfig config;
-    for (host::LineConfig *line : {&config.aToB, &config.bToA}) {
-        line->bytesPerSecond = s.baud / 10;
-        line->latencyMs = s.latencyMs;
-        line->bitErrorRate = s.bitErrorRate;
-    }
-    config.seed = s.seed;
-    config.b.receiveFolder = FolderText(folder);
-    config.b.policy = XFER_EXISTING_OVERWRITE;
+    host::LinkConfig config = SimulatedLink(s, folder);
 
     TransferSettings sender = s.sendOptions;
     sender.protocol = s.protocol;

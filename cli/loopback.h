@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "link_pair.h"
 #include "progress.h"
 #include "protocols.h"
 #include "transfer.h"
@@ -26,6 +27,13 @@ struct LoopbackSettings {
 };
 
 void AddLoopbackOptions(CLI::App &cmd, LoopbackSettings &settings);
+
+// A new temporary folder "zvxfer-<what>-XXXXXX" ("" when none could be made).
+std::string FreshFolder(const char *what);
+
+// The simulated line of the settings, the same both ways; the receiving
+// side (b) writes into `receiveFolder`, overwriting earlier copies.
+host::LinkConfig SimulatedLink(const LoopbackSettings &settings, const std::string &receiveFolder);
 int RunLoopback(const LoopbackSettings &settings, Verbosity verbosity);
 
 } // namespace zvxfer::cli
