@@ -250,20 +250,29 @@ void ReportPartial(const ReceivedFiles &files, bool remove) {
     fmt::print(stderr, "zvxfer: partial file kept: {} ({} bytes)\n", shown, partial->bytes);
 }
 
-int RunOnLine(TransferSettings &s, const LineChoice &choice, Verbosity verbosity,
-              bool removePartial) {
+// Open the line and a port on it with the receive folder `folder` (which
+// the port keeps by reference: the caller keeps it alive) and the settings'
+// existing-file policy; nullptr (with the reason printed) when either fails.
+XferPort *OpenLineAndPort(const TransferSettings &s, const std::string &folder,
+                          const LineChoice &choice, const host::LineHostOptions &options,
+                          std::unique_ptr<OpenedLine> &line) {
     std::string error;
-    auto line = OpenLine(choice, LineOptionsFor(s), error);
+    line = OpenLine(choice, options, error);
     if (!line) {
         fmt::print(stderr, "zvxfer: cannot open the line: {}\n", error);
-        return kExitFailed;
+        return nullptr;
     }
-    const std::string folder = FolderText(s.folder);
     XferPort *port = line->host->OpenPort(folder.c_str(), s.policy);
-    if (!port) {
-        fmt::print(stderr, "zvxfer: cannot open a port\n");
-        return kExitFailed;
-    }
+    if (!port) fmt::print(stderr, "zvxfer: cannot open a port\n");
+    return port;
+}
+
+int RunOnLine(TransferSettings &s, const LineChoice &choice, Verbosity verbosity,
+              bool removePartial) {
+    const std::string folder = FolderText(s.folder);
+    std::unique_ptr<OpenedLine> line;
+    XferPort *port = OpenLineAndPort(s, folder, choice, LineOptionsFor(s), line);
+    if (!port) return kExitFailed;
     // The echo is the upload's progress: no bar is drawn over it.
     Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0 && !s.echo);
     ReceivedFiles files;
@@ -295,18 +304,10 @@ void AddBPlusOptions(CLI::App &cmd, BPlusTerminalSettings &b) {
 // A B+ session on the line: the terminal answers whatever the service asks.
 int RunBPlusOnLine(const TransferSettings &s, BPlusTerminalSettings b, const LineChoice &choice,
                    Verbosity verbosity) {
-    std::string error;
-    auto line = OpenLine(choice, {}, error);
-    if (!line) {
-        fmt::print(stderr, "zvxfer: cannot open the line: {}\n", error);
-        return kExitFailed;
-    }
     const std::string folder = FolderText(s.folder);
-    XferPort *port = line->host->OpenPort(folder.c_str(), s.policy);
-    if (!port) {
-        fmt::print(stderr, "zvxfer: cannot open a port\n");
-        return kExitFailed;
-    }
+    std::unique_ptr<OpenedLine> line;
+    XferPort *port = OpenLineAndPort(s, folder, choice, {}, line);
+    if (!port) return kExitFailed;
     b.offered = s.sending ? s.files : std::vector<std::string>{};
     b.resume = s.resume;
     Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0);
