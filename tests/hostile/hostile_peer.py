@@ -713,10 +713,12 @@ NOISE_DEADLINE = 90
 
 
 def noise_run(argv, work, label, interval, chunk, opening, results):
-    # zvxfer under endless random bytes (never CAN: the end must come from
-    # zvxfer's own limits, not a cancel drawn by chance); `chunk` bytes every
-    # `interval` seconds, after `opening(line)` if given.  Records the exit
-    # status, or None when zvxfer was still running at the deadline.
+    # zvxfer under endless random bytes, never CAN nor EOT: the end must come
+    # from zvxfer's own limits, not from a cancel drawn by chance, nor from an
+    # EOT where a block may start, which rightly ends an XMODEM file empty and
+    # a success.  `chunk` bytes every `interval` seconds, after
+    # `opening(line)` if given.  Records the exit status, or None when zvxfer
+    # was still running at the deadline.
     rng = random.Random(label)
     far = Far(argv, work, label=label)
     try:
@@ -725,7 +727,8 @@ def noise_run(argv, work, label, interval, chunk, opening, results):
             opening(far)
         while far.proc.poll() is None and time.monotonic() - start < NOISE_DEADLINE:
             try:
-                os.write(far.wfd, rng.randbytes(chunk).replace(bytes([CAN]), b"U"))
+                os.write(far.wfd, rng.randbytes(chunk).replace(bytes([CAN]), b"U")
+                         .replace(bytes([EOT]), b"U"))
             except (BlockingIOError, BrokenPipeError):
                 pass
             far.pump(interval)
