@@ -81,7 +81,7 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
 
     std::vector<host::RequestReport> reports;
     BPlusSessionOutcome session;
-    Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0, "terminal");
+    Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0, _("terminal"));
     host::LinkPair link(config);
     link.Run(
         [&](XferPort *port) {
