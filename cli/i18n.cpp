@@ -102,9 +102,9 @@ std::string ChooseLanguage(const LanguageEnvironment &env) {
 }
 
 void SetUpLanguage() {
-    // A locale that is not installed leaves everything "C"; the UTF-8 form
-    // of "C" keeps the translated words' letters intact.
-    if (std::setlocale(LC_ALL, "") == nullptr) std::setlocale(LC_ALL, "C.UTF-8");
+    // A locale that is not installed leaves every category "C"; the
+    // messages language is then chosen below all the same.
+    std::setlocale(LC_ALL, "");
     // Numbers are read and written the same way in every language.
     std::setlocale(LC_NUMERIC, "C");
     const LanguageEnvironment env{Env("LANGUAGE"), Env("LC_ALL"), Env("LC_MESSAGES"), Env("LANG")};
@@ -113,9 +113,11 @@ void SetUpLanguage() {
         // gettext gives every text untranslated in the "C" messages locale.
         std::setlocale(LC_MESSAGES, "C");
     } else {
-        // gettext honours LANGUAGE only outside the "C" messages locale; the
-        // chosen language alone is left in it, so that gettext cannot pick
-        // another entry of the list than the one chosen here.
+        // gettext honours LANGUAGE only outside the "C" messages locale, and
+        // converts its texts to the character set of LC_CTYPE: the UTF-8
+        // form of "C" keeps the translated words' letters intact.  The
+        // chosen language alone is left in LANGUAGE, so that gettext cannot
+        // pick another entry of the list than the one chosen here.
         if (IsPlainC(std::setlocale(LC_MESSAGES, nullptr))) std::setlocale(LC_MESSAGES, "C.UTF-8");
         if (IsPlainC(std::setlocale(LC_CTYPE, nullptr))) std::setlocale(LC_CTYPE, "C.UTF-8");
         setenv("LANGUAGE", g_language.c_str(), 1);
