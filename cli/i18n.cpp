@@ -64,6 +64,13 @@ bool IsPlainC(const char *locale) {
            std::string_view(locale) == "POSIX";
 }
 
+// The UTF-8 form of "C" for one category; systems that lack it mostly have
+// an English UTF-8 locale instead.
+void UseUtf8(int category) {
+    for (const char *name : {"C.UTF-8", "C.utf8", "en_US.UTF-8"})
+        if (std::setlocale(category, name) != nullptr) return;
+}
+
 // Load the library's catalogue again with `language` as the user's
 // language.  The library reads LC_ALL first, so it is set for the moment of
 // loading and put back afterwards.
@@ -109,6 +116,7 @@ void SetUpLanguage() {
     std::setlocale(LC_NUMERIC, "C");
     const LanguageEnvironment env{Env("LANGUAGE"), Env("LC_ALL"), Env("LC_MESSAGES"), Env("LANG")};
     g_language = ChooseLanguage(env);
+    const bool languageListed = !env.language.empty(); // env's views end with setenv below
     if (g_language.empty()) {
         // gettext gives every text untranslated in the "C" messages locale.
         std::setlocale(LC_MESSAGES, "C");
@@ -118,15 +126,15 @@ void SetUpLanguage() {
         // form of "C" keeps the translated words' letters intact.  The
         // chosen language alone is left in LANGUAGE, so that gettext cannot
         // pick another entry of the list than the one chosen here.
-        if (IsPlainC(std::setlocale(LC_MESSAGES, nullptr))) std::setlocale(LC_MESSAGES, "C.UTF-8");
-        if (IsPlainC(std::setlocale(LC_CTYPE, nullptr))) std::setlocale(LC_CTYPE, "C.UTF-8");
+        if (IsPlainC(std::setlocale(LC_MESSAGES, nullptr))) UseUtf8(LC_MESSAGES);
+        if (IsPlainC(std::setlocale(LC_CTYPE, nullptr))) UseUtf8(LC_CTYPE);
         setenv("LANGUAGE", g_language.c_str(), 1);
     }
     bindtextdomain(kTextDomain, LocaleFolder().c_str());
     textdomain(kTextDomain);
     // The library chose its catalogue from the locale variables when it was
     // loaded; LANGUAGE may have chosen differently here.
-    if (!env.language.empty()) ReloadLibraryCatalogue(g_language);
+    if (languageListed) ReloadLibraryCatalogue(g_language);
 }
 
 const std::string &ChosenLanguage() {
