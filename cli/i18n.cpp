@@ -185,6 +185,7 @@ constexpr std::array kResultWords{
     ResultWords{-24, 0, N_("Function not supported")},
     ResultWords{-31, 0, N_("User buffer overflow")},
     ResultWords{-36, 0, N_("Blocked by handshaking")},
+    // Any code without a name of its own.
     ResultWords{0, 0, N_("Unknown error code")},
 };
 
