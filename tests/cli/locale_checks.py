@@ -25,15 +25,15 @@ WORDS = {
     "de": {"summary": "2 von 2 Übertragungen in {} geprüft",
            "verdict": "ok             Download f.bin  3000 Bytes",
            "usage": "zvxfer serve: mindestens ein --download oder --upload angeben",
-           "cancelled": "zvxfer: transfer failed: -606 Übertragung von der Gegenseite abgebrochen"},
+           "cancelled": "-606 Übertragung von der Gegenseite abgebrochen"},
     "fr": {"summary": "2 transferts sur 2 vérifiés dans {}",
            "verdict": "ok        téléchargement f.bin  3000 octets",
            "usage": "zvxfer serve: donnez au moins un --download ou --upload",
-           "cancelled": "zvxfer: transfer failed: -606 Transfert annulé par le correspondant"},
+           "cancelled": "-606 Transfert annulé par le correspondant"},
     "en": {"summary": "2 of 2 transfers verified in {}",
            "verdict": "ok      download f.bin  3000 bytes",
            "usage": "zvxfer serve: give at least one --download or --upload",
-           "cancelled": "zvxfer: transfer failed: -606 Remote end sent abort code"},
+           "cancelled": "-606 Remote end sent abort code"},
 }
 
 
