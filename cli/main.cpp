@@ -14,6 +14,7 @@
 
 #include "bplus_loopback.h"
 #include "bplus_terminal.h"
+#include "i18n.h"
 #include "line.h"
 #include "loopback.h"
 #include "partial_file.h"
@@ -444,5 +445,6 @@ int Main(int argc, char **argv) {
 } // namespace zvxfer::cli
 
 int main(int argc, char **argv) {
+    zvxfer::cli::SetUpLanguage();
     return zvxfer::cli::Main(argc, argv);
 }

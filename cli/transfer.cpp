@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "echo_text.h"
+#include "i18n.h"
 #include "kermit_watch.h"
 #include "port_tap.h"
 
@@ -148,11 +149,11 @@ void InstallHooks() {
 
 std::string DescribeResult(int32_t code) {
 #define ZVXFER_CLI_TEXT(value, name, text)                                                         \
-    if (code == (value)) return std::to_string(code) + " " + (text);
+    if (code == (value)) return std::to_string(code) + " " + ResultText(code, text);
     XFER_RESULT_MAP(ZVXFER_CLI_TEXT)
     PORT_RESULT_MAP(ZVXFER_CLI_TEXT)
 #undef ZVXFER_CLI_TEXT
-    return std::to_string(code) + " Unknown error code";
+    return std::to_string(code) + " " + ResultText(code, "Unknown error code");
 }
 
 // Each protocol runs through its own entry, so an option the protocol does
