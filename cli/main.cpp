@@ -14,6 +14,7 @@
 
 #include "bplus_loopback.h"
 #include "bplus_terminal.h"
+#include "i18n.h"
 #include "line.h"
 #include "loopback.h"
 #include "partial_file.h"
@@ -22,6 +23,7 @@
 #include "shown_text.h"
 #include "transfer.h"
 #include "tty.h"
+#include "zmodem_window.h"
 
 namespace zvxfer::cli {
 namespace {
@@ -85,12 +87,15 @@ void AddZmodemSendOptions(CLI::App &cmd, TransferSettings &s) {
     cmd.add_flag(
         "--resume", s.resume,
         "ZMODEM: ask the receiver to resume partial files; B+: continue partial downloads");
-    cmd.add_flag("--no-window", s.noWindow, "ZMODEM: stream without waiting for acknowledgements");
+    cmd.add_flag("--no-window", s.noWindow,
+                 _("ZMODEM: stream without waiting for acknowledgements (the default)"));
     cmd.add_option("--manage", s.management,
                    "ZMODEM: receiver's handling of existing files: "
                    "newer-longer|append|replace|differ|protect|newer")
         ->transform(CLI::CheckedTransformer(management, CLI::ignore_case));
-    cmd.add_option("--window", s.windowBytes, "ZMODEM: bytes sent before an acknowledgement")
+    cmd.add_option("--window", s.windowBytes,
+                   _("ZMODEM: bytes sent before an acknowledgement (4096: the library's default; "
+                     "without it the sender streams)"))
         ->check(CLI::Range(1, 1 << 30));
 }
 
@@ -224,7 +229,8 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
 // Everything else gathers writes up to the line host's default.
 host::LineHostOptions LineOptionsFor(const TransferSettings &s) {
     host::LineHostOptions options;
-    if (s.sending && s.protocol.windowedSendFlushAt != 0 && !s.noWindow)
+    if (s.sending && s.protocol.windowedSendFlushAt != 0 &&
+        !ChooseZmodemWindow(s.noWindow, s.windowBytes).stream)
         options.flushAt = s.protocol.windowedSendFlushAt;
     return options;
 }

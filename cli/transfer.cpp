@@ -9,6 +9,7 @@
 #include "echo_text.h"
 #include "kermit_watch.h"
 #include "port_tap.h"
+#include "zmodem_window.h"
 
 namespace zvxfer::cli {
 
@@ -90,16 +91,15 @@ std::vector<int32_t> OptionWords(const TransferSettings &s) {
     if (s.subfolders) words.push_back(XferOptSubfolders);
     if (s.resume) words.push_back(XferOptZmResume);
     if (s.pacing) words.push_back(XferOptZmPacing);
-    if (s.noWindow) words.push_back(XferOptZmNoWindow);
     if (s.management) words.push_back(*s.management);
     if (s.maxErrors) {
         words.push_back(XferOptMaxErrors);
         words.push_back(*s.maxErrors);
     }
-    if (s.windowBytes) {
-        words.push_back(XferOptZmWindowSize);
-        words.push_back(*s.windowBytes);
-    }
+    if (s.sending && s.protocol.number == Zmodem)
+        AppendWindowWords(ChooseZmodemWindow(s.noWindow, s.windowBytes), words);
+    else if (s.noWindow || s.windowBytes)
+        AppendWindowWords({s.noWindow, s.windowBytes}, words); // refused where not taken
     if (s.idleMs) {
         words.push_back(XferOptReceiveTimeout);
         words.push_back(*s.idleMs);
