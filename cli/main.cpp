@@ -200,12 +200,13 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
     }
     if (s.protocol.text && !s.sending)
         if (const std::optional<int> status = ReportCapture(s, o, verbosity)) return *status;
-    if (o.result < 0) {
-        fmt::print(stderr, "zvxfer: transfer failed: {}\n", DescribeResult(o.result));
-        return kExitFailed;
-    }
+    // The program's own judgement first: it says more than the result.
     if (!o.failure.empty()) {
         fmt::print(stderr, "zvxfer: transfer failed: {}\n", o.failure);
+        return kExitFailed;
+    }
+    if (o.result < 0) {
+        fmt::print(stderr, "zvxfer: transfer failed: {}\n", DescribeResult(o.result));
         return kExitFailed;
     }
     if (o.result == 0) {

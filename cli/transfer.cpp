@@ -9,6 +9,7 @@
 #include "echo_text.h"
 #include "kermit_watch.h"
 #include "port_tap.h"
+#include "start_watch.h"
 #include "zmodem_window.h"
 
 namespace zvxfer::cli {
@@ -24,7 +25,13 @@ thread_local const std::function<bool()> *t_lineLost = nullptr;
 thread_local ReceivedFiles *t_files = nullptr;
 thread_local std::vector<std::string> *t_written = nullptr; // Kermit receive
 thread_local EchoText *t_echo = nullptr;
-thread_local bool t_echoMidLine = false; // the last echo shown did not end a line
+thread_local bool t_echoMidLine = false;    // the last echo shown did not end a line
+thread_local StartWatch *t_start = nullptr; // an XMODEM/YMODEM sender before its first block
+
+double Now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
 
 // The echo goes out a line at a time, and whatever is pending at each
 // abort check (the library makes one before it takes in the echo after a
@@ -75,6 +82,11 @@ int32_t OnProgress(XferRecord *record) {
 
 int32_t OnAbortCheck(XferRecord *) {
     if (g_interrupted.load(std::memory_order_relaxed)) return XferErrUserAbort;
+    if (t_start && !t_start->Started()) {
+        const double now = Now();
+        if (!t_start->Verdict(now).empty()) return XferErrUserAbort;
+        if (t_reporter) t_reporter->Waiting(t_start->Waited(now));
+    }
     if (t_lineLost && *t_lineLost && (*t_lineLost)()) return XferErrLostCarrier;
     return 0;
 }
@@ -222,6 +234,30 @@ int32_t RunWatched(XferPort *port, const TransferSettings &s, const std::functio
     return verdict.files;
 }
 
+// An XMODEM/YMODEM sender with the line watched until its first block: a
+// wait is shown, and a receiver asking only for another mode ends the
+// transfer with advice instead of the sender's long time-out.
+int32_t RunStartWatched(XferPort *port, const TransferSettings &s, Outcome &outcome) {
+    StartWatch watch(std::string(s.protocol.name), s.protocol.streaming, s.checksum, Now());
+    int32_t result;
+    {
+        PortTap tap(port, [&watch](bool written, const uint8_t *data, std::size_t length) {
+            if (written)
+                watch.Written(data, length);
+            else
+                watch.Read(data, length, Now());
+        });
+        if (!tap.Ok()) return XferErrNoBuffer;
+        t_start = &watch;
+        result = RunEntry(port, s, OptionWords(s));
+        t_start = nullptr;
+    }
+    if (t_reporter) t_reporter->Waiting(-1);
+    const std::string verdict = watch.Verdict(Now());
+    if (result < 0 && !verdict.empty() && !g_interrupted.load()) outcome.failure = verdict;
+    return result;
+}
+
 } // namespace
 
 Outcome RunTransfer(XferPort *port, const TransferSettings &s, Reporter &reporter,
@@ -230,8 +266,12 @@ Outcome RunTransfer(XferPort *port, const TransferSettings &s, Reporter &reporte
     Outcome outcome;
     {
         ThreadBinding binding(reporter, lineLost, files, &echo);
-        outcome.result = s.protocol.watched ? RunWatched(port, s, lineLost, outcome)
-                                            : RunEntry(port, s, OptionWords(s));
+        if (s.protocol.watched)
+            outcome.result = RunWatched(port, s, lineLost, outcome);
+        else if (StartWatch::Applies(s))
+            outcome.result = RunStartWatched(port, s, outcome);
+        else
+            outcome.result = RunEntry(port, s, OptionWords(s));
     }
     reporter.Finish();
     outcome.bytes = reporter.Bytes();
