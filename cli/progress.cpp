@@ -127,7 +127,7 @@ std::string BarLine(const std::string &label, std::string_view name, uint64_t do
                                                  FormatBytes(static_cast<double>(size)))
                                    : FormatBytes(static_cast<double>(done))});
     if (rate > 0) figures.push_back({1, fmt::format("{}/s", FormatBytes(rate))});
-    if (size > 0 && rate > 0)
+    if (size > 0 && rate > 0 && done < size)
         figures.push_back(
             {2, fmt::format(F_("{} left"),
                             FormatDuration((size - static_cast<double>(done)) / rate))});

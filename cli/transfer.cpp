@@ -254,7 +254,14 @@ int32_t RunStartWatched(XferPort *port, const TransferSettings &s, Outcome &outc
     }
     if (t_reporter) t_reporter->Waiting(-1);
     const std::string verdict = watch.Verdict(Now());
-    if (result < 0 && !verdict.empty() && !g_interrupted.load()) outcome.failure = verdict;
+    if (result < 0 && !verdict.empty() && !g_interrupted.load()) {
+        outcome.failure = verdict;
+        // The sender never started, so it sent no cancel: the receiver
+        // would go on asking until its own time-out.  Two CAN in a row end
+        // an XMODEM/YMODEM receiver; a few more survive a lost byte.
+        static const uint8_t cancel[8] = {0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18};
+        port->Ops.WriteBuffer(port, cancel, sizeof cancel);
+    }
     return result;
 }
 

@@ -7,6 +7,7 @@
 #
 # usage: display_checks.py ZVXFER CASE      (CASE "list" prints the case names)
 import os
+import re
 import select
 import shutil
 import subprocess
@@ -55,7 +56,7 @@ def case_wrong_start_request_named(z, work):
         what = "%s hearing %r" % (" ".join(args), request)
         check(status == 1, "%s: exit %s, stderr %r" % (what, status, err))
         check(advice in err, "%s: no advice %r in %r" % (what, advice, err))
-        check(not heard[:1] in (b"\x01", b"\x02"), "%s: a block was sent: %r" % (what, bytes(heard[:8])))
+        check(heard[:2] == b"\x18\x18", "%s: not cancelled: %r" % (what, bytes(heard[:8])))
 
 
 def case_matching_request_starts(z, work):
@@ -84,14 +85,16 @@ def tmux(name, *args):
                           timeout=20).stdout
 
 
-def pane_run(z, work, columns, command, seconds):
+def pane_run(z, work, columns, command, seconds, resize=None):
     # Run `command` in a detached pane `columns` wide; capture the pane every
     # 0.3 s until the command printed "DONE"; give every capture and the
-    # history size at the end.
+    # history size at the end.  `resize` (captures, columns): the window is
+    # made that narrow after that many captures.
     name = "zvxfer-display-%d-%d" % (os.getpid(), columns)
     script = os.path.join(work, "run.sh")
     with open(script, "w") as f:
         f.write("cd %s\n%s\necho DONE\nsleep 60\n" % (work, command))
+    tmux(name, "-f", "/dev/null", "set", "-g", "window-size", "manual")
     tmux(name, "-f", "/dev/null", "new-session", "-d", "-x", str(columns), "-y", "40",
          "sh " + script)
     captures, end = [], time.monotonic() + seconds
@@ -100,6 +103,8 @@ def pane_run(z, work, columns, command, seconds):
             captures.append(tmux(name, "capture-pane", "-p"))
             if "DONE" in captures[-1]:
                 break
+            if resize and len(captures) == resize[0]:
+                tmux(name, "resize-window", "-x", str(resize[1]))
             time.sleep(0.3)
         history = tmux(name, "display", "-p", "#{history_size}").strip()
     finally:
@@ -138,6 +143,59 @@ def case_bar_fits_narrow_panes(z, work):
             check(any("KiB/46.9 KiB" in line for line in lines), "no done/total: %r" % lines)
         check(not any(" 0 B/s" in line for line in captures[-1].splitlines()),
               "an end rate of 0 B/s: %r" % captures[-1])
+
+
+def bar_lines(capture):
+    return [line for line in capture.splitlines() if line.startswith(("receive: ", "send: "))]
+
+
+def case_bar_follows_resize(z, work):
+    if not shutil.which("tmux"):
+        raise Failure("tmux is needed (scripts/deps.sh installs it)")
+    make_file(work, "resized.bin", 48000, seed=4)
+    os.makedirs(os.path.join(work, "out"))
+    captures, _ = pane_run(z, work, 100, "%s loopback -p ymodem --baud 57600 -d out resized.bin"
+                           % z, 60, resize=(8, 30))
+    before = [bar_lines(c)[-1] for c in captures[2:8] if bar_lines(c)]
+    check(any(len(line) > 40 for line in before), "no wide bar before the resize: %r" % before)
+    # The next redraws after the resize are narrow (the terminal may have
+    # re-wrapped what was on the screen; the newest bar line is redrawn).
+    after = [bar_lines(c)[-1] for c in captures[11:-1] if bar_lines(c) and "DONE" not in c]
+    check(after and all(len(line) < 30 for line in after),
+          "bars after the resize: %r" % after[:3])
+
+
+def case_fast_file_ends_with_its_rate(z, work):
+    # A 2 MB file to rz in well under a second: the bar's last line gives
+    # the bytes over the time taken, not 0 B/s.
+    if not shutil.which("tmux") or not shutil.which("rz"):
+        raise Failure("tmux and rz are needed (scripts/deps.sh installs them)")
+    make_file(work, "fast.bin", 2000000, seed=5)
+    os.makedirs(os.path.join(work, "out"))
+    relay = os.path.join(os.path.dirname(z), "zvxfer-line-relay")
+    captures, _ = pane_run(z, work, 40, "%s -- %s send -p zmodem fast.bin -- sh -c "
+                           "'cd out && exec rz -q'" % (relay, z), 30)
+    final = [line for line in captures[-1].splitlines() if line.startswith("fast.bin")]
+    check(final, "no bar line for the file: %r" % captures[-1])
+    rate = re.search(r"([0-9.]+) (B|KiB|MiB|GiB)/s", final[-1])
+    check(rate and float(rate.group(1)) > 0 and rate.group(2) != "B",
+          "the file's last line: %r" % final[-1])
+    check("1.9 MiB/1.9 MiB" in final[-1], "not the whole file: %r" % final[-1])
+
+
+def case_zmodem_window_passed(z, work):
+    # Our receiver traces "Sending a ZACK" for each subpacket that asks for
+    # one (a windowed sender's); a streaming sender asks only at the end.
+    src = make_file(work, "z.bin", 20000, seed=6)
+    for extra, windowed in (([], False), (["--no-window"], False),
+                            (["--window", "4096"], True), (["--window", "65536"], True)):
+        out = os.path.join(work, "out-%d" % len(os.listdir(work)))
+        os.makedirs(out)
+        r = subprocess.run([z, "loopback", "-p", "zmodem", "-v", "-d", out] + extra + [src],
+                           capture_output=True, text=True, timeout=60)
+        check(r.returncode == 0, "%s: exit %d: %s" % (extra, r.returncode, r.stderr[-300:]))
+        acks = r.stderr.count("Sending a ZACK")
+        check(acks > 10 if windowed else acks <= 2, "%s: %d ZACKs" % (extra, acks))
 
 
 def case_waiting_counts_in_pane(z, work):
