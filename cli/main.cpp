@@ -23,6 +23,7 @@
 #include "shown_text.h"
 #include "transfer.h"
 #include "tty.h"
+#include "zmodem_window.h"
 
 namespace zvxfer::cli {
 namespace {
@@ -86,12 +87,15 @@ void AddZmodemSendOptions(CLI::App &cmd, TransferSettings &s) {
     cmd.add_flag(
         "--resume", s.resume,
         "ZMODEM: ask the receiver to resume partial files; B+: continue partial downloads");
-    cmd.add_flag("--no-window", s.noWindow, "ZMODEM: stream without waiting for acknowledgements");
+    cmd.add_flag("--no-window", s.noWindow,
+                 _("ZMODEM: stream without waiting for acknowledgements (the default)"));
     cmd.add_option("--manage", s.management,
                    "ZMODEM: receiver's handling of existing files: "
                    "newer-longer|append|replace|differ|protect|newer")
         ->transform(CLI::CheckedTransformer(management, CLI::ignore_case));
-    cmd.add_option("--window", s.windowBytes, "ZMODEM: bytes sent before an acknowledgement")
+    cmd.add_option("--window", s.windowBytes,
+                   _("ZMODEM: bytes sent before an acknowledgement (4096: the library's default; "
+                     "without it the sender streams)"))
         ->check(CLI::Range(1, 1 << 30));
 }
 
@@ -196,12 +200,13 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
     }
     if (s.protocol.text && !s.sending)
         if (const std::optional<int> status = ReportCapture(s, o, verbosity)) return *status;
-    if (o.result < 0) {
-        fmt::print(stderr, "zvxfer: transfer failed: {}\n", DescribeResult(o.result));
-        return kExitFailed;
-    }
+    // The program's own judgement first: it says more than the result.
     if (!o.failure.empty()) {
         fmt::print(stderr, "zvxfer: transfer failed: {}\n", o.failure);
+        return kExitFailed;
+    }
+    if (o.result < 0) {
+        fmt::print(stderr, "zvxfer: transfer failed: {}\n", DescribeResult(o.result));
         return kExitFailed;
     }
     if (o.result == 0) {
@@ -225,7 +230,8 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
 // Everything else gathers writes up to the line host's default.
 host::LineHostOptions LineOptionsFor(const TransferSettings &s) {
     host::LineHostOptions options;
-    if (s.sending && s.protocol.windowedSendFlushAt != 0 && !s.noWindow)
+    if (s.sending && s.protocol.windowedSendFlushAt != 0 &&
+        !ChooseZmodemWindow(s.noWindow, s.windowBytes).stream)
         options.flushAt = s.protocol.windowedSendFlushAt;
     return options;
 }
