@@ -33,7 +33,7 @@ class FakeClock {
     using Steady = std::chrono::steady_clock;
     static inline std::atomic<bool> active_{false};
     static inline std::atomic<uint32_t> offset_{0}, step_{0}, factor_{0}; // factor 0: manual
-    static inline std::atomic<uint64_t> reads_{0}, waited_{0};
+    static inline std::atomic<uint64_t> reads_{0};
     static inline Steady::time_point origin_;
 
     static uint32_t ScaledPart() {
@@ -46,10 +46,7 @@ class FakeClock {
         ++reads_;
         return offset_.fetch_add(step_) + ScaledPart();
     }
-    static void PassTime(uint32_t ms) {
-        waited_ += ms;
-        offset_ += ms;
-    }
+    static void PassTime(uint32_t ms) { offset_ += ms; }
 
   public:
     struct Scaled {
@@ -62,7 +59,7 @@ class FakeClock {
     explicit FakeClock(Scaled scaled, uint32_t start = 1000) {
         if (active_.exchange(true)) std::abort(); // two would fight over the one clock
         origin_ = Steady::now();
-        offset_ = start, step_ = 0, factor_ = scaled.factor, reads_ = 0, waited_ = 0;
+        offset_ = start, step_ = 0, factor_ = scaled.factor, reads_ = 0;
         plat::SetTickSource(ReadTick);
     }
     explicit FakeClock(Sleepless, uint32_t start = 1000) : FakeClock(start) {
@@ -86,8 +83,6 @@ class FakeClock {
     uint32_t Now() const { return offset_ + ScaledPart(); }
     // Number of tick reads by the library since construction.
     uint64_t Reads() const { return reads_; }
-    // Milliseconds the library's waits have passed instead of sleeping.
-    uint64_t Waited() const { return waited_; }
 };
 
 } // namespace zvxfer::test

@@ -8,7 +8,6 @@
 //
 //   test::Turns turns(config);          // the link pair, run in turns
 //   host::LinkResult r = turns.Run(sendEnd, receiveEnd);
-//   turns.Pair().Counters(host::LinkPair::AtoB);
 //
 // Only one Turns (and no FakeClock) may exist at a time: the clock is
 // process-wide.  The destructor gives the library its real clock back.
@@ -33,9 +32,6 @@ class Turns {
 
     host::LinkResult Run(const host::LinkPair::EndFunction &a,
                          const host::LinkPair::EndFunction &b);
-    host::LinkPair &Pair() { return *pair_; }
-    // Simulated microseconds since construction.
-    uint64_t NowUs() const { return nowUs_; }
 
   private:
     static uint32_t Tick();
