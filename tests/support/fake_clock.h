@@ -1,14 +1,10 @@
 // A replaceable tick clock for tests: while a FakeClock lives, the
 // library's GetTickCount reads it instead of the monotonic clock.
 //
-//   FakeClock clock;                 // manual: time moves only when told
-//   clock.Advance(30000);            // 30 s pass at once
-//   FakeClock sleepless(FakeClock::kSleepless);  // manual, and every wait of
-//                                    // the library moves time on by what it
-//                                    // would have slept and returns at once
-//   clock.SetStepPerRead(100);       // every tick read moves time 100 ms on
-//   FakeClock fast(FakeClock::Scaled{1000});  // real time x1000: a 30 s
-//                                              // limit passes in 30 ms
+// Manual (time moves only when told), sleepless (manual, and every wait of
+// the library moves time on by what it would have slept and returns at
+// once), stepping (every tick read moves time on) or scaled (real time
+// times a factor).
 //
 // Only one FakeClock may exist at a time (the clock is process-wide); the
 // destructor restores the real clock and real sleeping.  All members are

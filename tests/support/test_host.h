@@ -1,13 +1,7 @@
 // A scripted in-process host for tests of the port and of the engines: a
 // window (owned by the thread that constructs the TestHost) that answers
-// XferPortMessage like a terminal program would, from a script.
-//
-//   TestHost host;                        // window on this thread
-//   host.Receive("\x06");                 // bytes "from the line"
-//   host.SetChunkSize(16);                // hand over at most 16 per PORT_READ
-//   XferPort *port = PortOpen(0, host.Window(), "/tmp/", 0);
-//   ... run the code under test ...
-//   EXPECT_EQ(host.WrittenString(), "C");  // everything the port wrote
+// XferPortMessage like a terminal program would, from a script: bytes "from
+// the line" (Receive), everything the port wrote (Written).
 //
 // Given a clock (UseClock), it also hands bytes over at a set time
 // (ReceiveAt) and notes the time each written byte was accepted

@@ -6,9 +6,6 @@
 // library's tick and the lines' clock both read this simulated clock, so a
 // 10-second silence costs no real time and line rates hold in line time.
 //
-//   test::Turns turns(config);          // the link pair, run in turns
-//   host::LinkResult r = turns.Run(sendEnd, receiveEnd);
-//
 // Only one Turns (and no FakeClock) may exist at a time: the clock is
 // process-wide.  The destructor gives the library its real clock back.
 #pragma once
