@@ -409,6 +409,14 @@ TEST_F(Scripted, XmodemExchanges) {
     check("rx can can", rx, 0, 0, Cat({one, two}), Cat({Block(1, one), Block(2, two), {CAN, CAN}}),
           Cat({{'C', ACK, ACK, NAK}, test::kCancelBytes}), XferErrRemoteAbort);
     check("tx crc", tx, 0, 0, data, {'C', ACK, ACK, ACK}, Cat({crcBlocks, {EOT}}), 1);
+    // XMODEM-1K: 1024-byte blocks while more than 896 bytes remain, then 128.
+    const Bytes tail = Pattern(1920);
+    Bytes blocks = Block(1, Bytes(tail.begin(), tail.begin() + 1024), true, 1024);
+    for (uint8_t n = 2; n <= 8; ++n)
+        blocks = Cat({blocks, Block(n, Bytes(tail.begin() + 1024 + (n - 2) * 128,
+                                             tail.begin() + 1024 + (n - 1) * 128))});
+    check("tx 1k tail", Xmodem1KSendWithOptions, 0, 0, tail, Cat({{'C'}, Bytes(9, ACK)}),
+          Cat({blocks, {EOT}}), 1);
     check("tx eot unanswered", tx, XferOptSendTimeout, 2000, {'a', 'b', 'c'}, {'C', ACK},
           Cat({Block(1, {'a', 'b', 'c'}), Bytes(10, EOT), test::kCancelBytes}),
           XferErrTooManyErrors);
