@@ -31,10 +31,7 @@ void Show(uint8_t c) {
 void WriteFile(const std::string &path, const std::string &data) {
     std::ofstream(path, std::ios::binary).write(data.data(), static_cast<long>(data.size()));
 }
-std::string ReadFile(const std::string &path) {
-    const test::FileBytes bytes = test::ReadFileBytes(path);
-    return std::string(bytes.begin(), bytes.end());
-}
+using test::FileText;
 
 class AsciiTest : public ::testing::Test {
   protected:
@@ -308,7 +305,7 @@ TEST_F(AsciiTest, CaptureTakesEveryByteUntilTheLineIsQuiet) {
             sent += bytes;
         }
         EXPECT_EQ(Capture(c.options, c.dropLf, &Progress, &Show), -617);
-        EXPECT_EQ(ReadFile(name), c.file);
+        EXPECT_EQ(FileText(name), c.file);
         EXPECT_EQ(Shown, sent);
         ASSERT_FALSE(progressAt_.empty());
         EXPECT_EQ(progressAt_.back() - start, c.endsAt);
@@ -335,7 +332,7 @@ TEST_F(AsciiTest, CaptureChecksForAnAbortEvery256BytesAndWithoutLimitEndsOnlySo)
     host_.Receive(text);
     StopAt(UINT32_MAX, 256);
     EXPECT_EQ(Capture(), -605);
-    EXPECT_EQ(ReadFile(name), std::string(255, 'z'));
+    EXPECT_EQ(FileText(name), std::string(255, 'z'));
     Drain();
 
     WriteFile(name, "old");
@@ -344,7 +341,7 @@ TEST_F(AsciiTest, CaptureChecksForAnAbortEvery256BytesAndWithoutLimitEndsOnlySo)
     StopAt(start + 60000);
     EXPECT_EQ(Capture({1012, -1, 0}), -605);
     EXPECT_GE(clock_.Now() - start, 60000u);
-    EXPECT_EQ(ReadFile(name), "late");
+    EXPECT_EQ(FileText(name), "late");
 }
 
 // A port that cannot be read is -616 and a file that cannot be written
@@ -361,7 +358,7 @@ TEST_F(AsciiTest, CaptureFailuresKeepTheOldFile) {
     const int32_t unreadable = Capture();
     port_->Ops = ops;
     EXPECT_EQ(unreadable, -616);
-    EXPECT_EQ(ReadFile(name), "old");
+    EXPECT_EQ(FileText(name), "old");
 
     port_->Hooks->FileOpenFunction = [](XferRecord *, const char *, const char *) -> XferFile {
         return open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -369,13 +366,13 @@ TEST_F(AsciiTest, CaptureFailuresKeepTheOldFile) {
     host_.Receive("new");
     EXPECT_EQ(Capture(), -607);
     port_->Hooks->FileOpenFunction = nullptr;
-    EXPECT_EQ(ReadFile(name), "old");
+    EXPECT_EQ(FileText(name), "old");
     Drain();
 
     port_->ExistingFilePolicy = XFER_EXISTING_SKIP;
     host_.Receive("new");
     EXPECT_EQ(Capture(), 1);
-    EXPECT_EQ(ReadFile(name), "old");
+    EXPECT_EQ(FileText(name), "old");
     EXPECT_EQ(host_.Unread(), 3u);
 }
 
@@ -451,7 +448,7 @@ TEST_F(AsciiTest, GenericEntriesDriveBothDirections) {
     EXPECT_EQ(CLFileReceive(port_, Ascii, const_cast<char *>(name.c_str()), 1,
                             CLSetFileTransferOptions(idle), nullptr, &Progress),
               -617);
-    EXPECT_EQ(ReadFile(name), "a\rb");
+    EXPECT_EQ(FileText(name), "a\rb");
     EXPECT_EQ(progressAt_.back() - from, 400u);
 }
 
@@ -484,7 +481,7 @@ TEST(AsciiLinkPair, UploadIntoCaptureBothWays) {
         EXPECT_FALSE(r.timedOut);
         EXPECT_EQ(aSends ? r.a : r.b, 1);
         EXPECT_EQ(aSends ? r.b : r.a, -617);
-        EXPECT_EQ(ReadFile(target), dropLf ? noLf : text);
+        EXPECT_EQ(FileText(target), dropLf ? noLf : text);
     }
 }
 

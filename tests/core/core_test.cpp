@@ -1,7 +1,7 @@
 // The transfer core over a PortOpen port and the scripted host: status
 // lines, the abort check, XferInit, clean-up and quiet wait, the patient
 // writers, names, opening and closing files; then the option lists, the
-// generic entries' option block and the result texts.
+// generic entries' option block, the result texts and the protocol table.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -17,6 +17,7 @@
 #include "core/core.h"
 #include "core/file_writer.h"
 #include "core/options.h"
+#include "core/protocol.h"
 #include "core/results.h"
 #include "fake_clock.h"
 #include "link_files.h"
@@ -288,12 +289,8 @@ std::string FreeName(const std::string &name, std::size_t extra = kFreeNameRoom 
     return XferFreeName(buffer.data(), buffer.size()) ? buffer.c_str() : "<none>";
 }
 
-TEST_F(CoreRecord, BareNamesExistenceAndFreeNames) {
-    // Name, bare name.
-    const char *cases[] = {"A:FILE.TXT", "FILE.TXT",     "a\\b:c", "b:c",       "dir/sub\\mixed",
-                           "mixed",      "..\\..\\evil", "evil",   "trailing/", ""};
-    for (std::size_t i = 0; i < std::size(cases); i += 2)
-        EXPECT_STREQ(BareName(cases[i]), cases[i + 1]) << cases[i];
+// Bare names are checked through the received-name mapping.
+TEST_F(CoreRecord, ExistenceAndFreeNames) {
     const std::string d = tree.Folder();
     tree.File("report.txt");
     tree.Dir("v1.2");
@@ -436,6 +433,57 @@ TEST(ResultTexts, TheHooksTextWhereItAnswersElseBothTables) {
     for (int32_t code : {-29, -43, -600, -624, 1})
         EXPECT_STREQ(PortErrorName(code), "Unknown error code") << code;
     SetUserErrorNameFunctionPtr(&XferErrorName);
+}
+
+// The protocol table: every protocol number has its descriptor, and the
+// generic entries pass each protocol exactly the block slots its entries
+// are documented to get, in order.
+// The block slots the generic entries pass for a descriptor's code list.
+V SlotsOf(std::span<const int32_t> codes) {
+    V slots;
+    for (int32_t code : codes) {
+        const int slot = BlockSlot(code);
+        slots.push_back(slot);
+        if (OptionTakesValue(code)) slots.push_back(slot + 1);
+    }
+    return slots;
+}
+
+// Every number 0..8 has its own descriptor, listed in number order, with the
+// slots its entries get; no other number has one.
+TEST(ProtocolTable, EachNumberHasItsDescriptorPassingTheDocumentedSlots) {
+    const struct {
+        int32_t protocol;
+        bool offered; // the generic entries have its entries
+        V send, receive;
+    } cases[] = {
+        // clang-format off
+        {Xmodem, true, {4, 5, 6, 7, 8, 9, 22, 23}, {4, 5, 6, 7, 22, 23}},
+        {Ymodem, true, {4, 3, 11, 10, 5, 6, 7, 8, 9, 22, 23}, {4, 3, 11, 5, 6, 22, 23}},
+        {Kermit, true, {0, 1, 2, 4, 10, 3, 5, 6, 22, 23}, {1, 2, 4, 3, 5, 6, 22, 23}},
+        {Zmodem, true, {4, 10, 3, 5, 6, 16, 14, 17, 22, 23, 24, 25, 26, 27},
+                       {4, 3, 5, 6, 14, 15, 22, 23, 24, 25}},
+        {Xmodem1K, true, {4, 5, 6, 7, 8, 9, 11, 22, 23}, {4, 5, 6, 11, 22, 23}},
+        {CompuServeBPlus, true, {4, 5, 6, 18, 19, 20, 21, 22, 23}, {4, 5, 6, 18, 19, 20, 21, 22, 23}},
+        {Xmodem1KG, false, {}, {}},
+        {YmodemG, false, {}, {}},
+        {Ascii, true, {4, 5, 6, 10, 22, 23}, {4, 5, 6, 10, 22, 23, 12, 13}},
+        // clang-format on
+    };
+    ASSERT_EQ(Protocols().size(), std::size(cases));
+    for (const auto &c : cases) {
+        ASSERT_NE(FindProtocol(c.protocol), nullptr) << c.protocol;
+        const ProtocolInfo &info = *FindProtocol(c.protocol);
+        EXPECT_TRUE(Protocols()[c.protocol] == &info && info.number == c.protocol &&
+                    info.bufferSize > 0)
+            << info.name;
+        EXPECT_EQ(SlotsOf(info.sendSlots), c.send) << info.name;
+        EXPECT_EQ(SlotsOf(info.receiveSlots), c.receive) << info.name;
+        EXPECT_EQ(info.send != nullptr, c.offered) << info.name;
+        EXPECT_EQ(info.receive != nullptr, c.offered) << info.name;
+    }
+    for (int32_t stranger : {-1, 9, 1000}) EXPECT_EQ(FindProtocol(stranger), nullptr) << stranger;
+    EXPECT_EQ(&ProtocolOf(9), &kUnknownProtocol);
 }
 
 } // namespace

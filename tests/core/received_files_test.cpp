@@ -37,6 +37,7 @@ TEST(ReceivedName, NeverAbsoluteNeverClimbingNoControlBytesAndCut) {
         {"/tmp/x", false, 255, "x"},
         {"../../x", false, 255, "x"},
         {"C:\\d\\x", false, 255, "x"},
+        {"dir/sub\\mixed", false, 255, "mixed"},
         {"a\\b:c", false, 255, "b:c"}, // a colon counts only without separators
         {"A:FILE.TXT", false, 255, "FILE.TXT"},
         {"dir/", false, 255, "unnamed"},

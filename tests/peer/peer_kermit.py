@@ -21,10 +21,10 @@ import socket
 import subprocess
 import sys
 import threading
-import time
+import tty
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from wiring import Case, Run, _finish, check, describe, make_file, run_cases  # noqa: E402
+from wiring import Case, Run, _finish, check, check_exits, make_file, run_cases  # noqa: E402
 
 PEERS = ("kermit", "gkermit")
 
@@ -103,8 +103,10 @@ def relayed(ours_argv, peer, theirs_argv, c, theirs_cwd, ours_limit=0, theirs_li
     else:
         p_in, r_out = os.pipe()
         r_in, p_out = os.pipe()
-    ours = RunLimited("ours", ours_argv, o_in_r, o_out_w, c.out, c.work, ours_limit)
-    theirs = RunLimited("theirs", theirs_argv, p_in, p_out, theirs_cwd, c.work, theirs_limit)
+    ours = Run("ours", ours_argv, o_in_r, o_out_w, c.out, c.work,
+               preexec=ours_limit and limit_file_size(ours_limit))
+    theirs = Run("theirs", theirs_argv, p_in, p_out, theirs_cwd, c.work,
+                 preexec=theirs_limit and limit_file_size(theirs_limit))
     if peer == "kermit":
         p_end.close()
     else:
@@ -120,22 +122,12 @@ def relayed(ours_argv, peer, theirs_argv, c, theirs_cwd, ours_limit=0, theirs_li
     return runs, relay
 
 
-class RunLimited(Run):
-    def __init__(self, name, argv, fd_in, fd_out, cwd, workdir, limit):
-        self.name, self.rc, self.killed = name, None, False
-        self.err_path = os.path.join(workdir, name + ".stderr")
-        with open(self.err_path, "wb") as err:
-            self.proc = subprocess.Popen(argv, stdin=fd_in, stdout=fd_out, stderr=err, cwd=cwd,
-                                         preexec_fn=limit_file_size(limit) if limit else None)
-
-
 def on_pty(tty_argv, tty_cwd, master_argv, master_cwd, c, tty_is_peer, deadline_s=60):
     # tty_argv on the terminal side of a raw pty: a peer gets it as its
     # controlling terminal (it opens its own terminal), our program takes it
     # as standard input and output; master_argv on the other side.
     master, slave = os.openpty()
     name = os.ttyname(slave)
-    import tty
     tty.setraw(slave)
 
     def controlling():
@@ -144,17 +136,10 @@ def on_pty(tty_argv, tty_cwd, master_argv, master_cwd, c, tty_is_peer, deadline_
         os.dup2(fd, 0)
         os.dup2(fd, 1)
         os.close(fd)
-
-    err = open(os.path.join(c.work, "tty.stderr"), "wb")
-    t = Run.__new__(Run)
-    t.name, t.rc, t.killed = "tty", None, False
-    t.err_path = err.name
-    t.proc = subprocess.Popen(tty_argv, stdin=slave if not tty_is_peer else subprocess.DEVNULL,
-                              stdout=slave if not tty_is_peer else subprocess.DEVNULL,
-                              stderr=err, cwd=tty_cwd,
-                              preexec_fn=controlling if tty_is_peer else os.setsid)
-    err.close()
+    line = subprocess.DEVNULL if tty_is_peer else slave
     try:
+        t = Run("tty", tty_argv, line, line, tty_cwd, c.work,
+                preexec=controlling if tty_is_peer else os.setsid)
         m = Run("master", master_argv, master, master, master_cwd, c.work)
         return _finish([t, m], deadline_s, 15)
     finally:
@@ -205,12 +190,6 @@ def error_text(relay, way):
     return None
 
 
-def ours_ok(runs, peer_ok=True):
-    check(not runs[0].killed and runs[0].rc == 0, "our program did not end well", runs)
-    if peer_ok:
-        check(not runs[1].killed and runs[1].rc == 0, "the peer did not end well", runs)
-
-
 def same_bytes(original, copy, runs, expected=None):
     check(os.path.exists(copy), "no file %s was written" % copy, runs)
     with open(original, "rb") as a, open(copy, "rb") as b:
@@ -257,7 +236,7 @@ def batch_to(c, peer):
     files = batch(c)
     runs, _ = relayed(ours_send(c, files), peer,
                       peer_argv(peer, *peer_line(peer), "-i", "-r"), c, c.out)
-    ours_ok(runs)
+    check_exits(runs)
     for f in files:
         same_bytes(f, their_copy(c, f), runs)
 
@@ -267,25 +246,9 @@ def batch_from(c, peer):
     runs, _ = relayed(ours_receive(c), peer,
                       peer_argv(peer, *peer_line(peer), "-i", "-s", *[os.path.basename(f) for f in files]),
                       c, c.src)
-    ours_ok(runs)
+    check_exits(runs)
     for f in files:
         same_bytes(f, copy_from(c, peer, f), runs)
-
-
-def case_batch_to_kermit(c):
-    batch_to(c, "kermit")
-
-
-def case_batch_to_gkermit(c):
-    batch_to(c, "gkermit")
-
-
-def case_batch_from_kermit(c):
-    batch_from(c, "kermit")
-
-
-def case_batch_from_gkermit(c):
-    batch_from(c, "gkermit")
 
 
 # --- over a pty pair -------------------------------------------------------
@@ -294,39 +257,21 @@ def pty_files(c):
     return [make_file(c.src, "pty.bin", 300001, 7), control_bytes(c, "pty controls.bin")]
 
 
-def case_pty_to_kermit(c):
+def pty(c, peer, to_peer):
+    # kermit runs on the terminal side of the pty; with gkermit our program does.
     files = pty_files(c)
-    runs = on_pty(peer_argv("kermit", "-i", "-r"), c.out, ours_send(c, files), c.src, c, True)
-    ours_ok(runs[::-1])
+    if to_peer:
+        ours, theirs = (ours_send(c, files), c.src), (peer_argv(peer, "-i", "-r"), c.out)
+    else:
+        names = [os.path.basename(f) for f in files]
+        ours, theirs = (ours_receive(c), c.out), (peer_argv(peer, "-i", "-s", *names), c.src)
+    if peer == "kermit":
+        runs = on_pty(*theirs, *ours, c, True)[::-1]
+    else:
+        runs = on_pty(*ours, *theirs, c, False)
+    check_exits(runs)
     for f in files:
-        same_bytes(f, their_copy(c, f), runs)
-
-
-def case_pty_from_kermit(c):
-    files = pty_files(c)
-    names = [os.path.basename(f) for f in files]
-    runs = on_pty(peer_argv("kermit", "-i", "-s", *names), c.src, ours_receive(c), c.out, c, True)
-    ours_ok(runs[::-1])
-    for f in files:
-        same_bytes(f, copy_from(c, "kermit", f), runs)
-
-
-# Our program on the terminal side this time, gkermit on the other.
-def case_pty_to_gkermit(c):
-    files = pty_files(c)
-    runs = on_pty(ours_send(c, files), c.src, peer_argv("gkermit", "-i", "-r"), c.out, c, False)
-    ours_ok(runs)
-    for f in files:
-        same_bytes(f, their_copy(c, f), runs)
-
-
-def case_pty_from_gkermit(c):
-    files = pty_files(c)
-    names = [os.path.basename(f) for f in files]
-    runs = on_pty(ours_receive(c), c.out, peer_argv("gkermit", "-i", "-s", *names), c.src, c, False)
-    ours_ok(runs)
-    for f in files:
-        same_bytes(f, copy_from(c, "gkermit", f), runs)
+        same_bytes(f, their_copy(c, f) if to_peer else copy_from(c, peer, f), runs)
 
 
 # --- what the peers negotiate ---------------------------------------------
@@ -336,7 +281,7 @@ def long_packets(c, peer):
     f = make_file(c.src, "long.bin", 200000, 11)
     runs, relay = relayed(ours_send(c, [f]), peer,
                           peer_argv(peer, *peer_line(peer), "-i", "-e", "9000", "-r"), c, c.out)
-    ours_ok(runs)
+    check_exits(runs)
     same_bytes(f, their_copy(c, f), runs)
     ours = [len(d) for t, _, d, long in packets(relay.ways["ours"]) if t == "D" and long]
     check(ours and max(ours) > 1000, "our D packets were not long: %s" % ours[:5], runs)
@@ -344,20 +289,12 @@ def long_packets(c, peer):
     runs, relay = relayed(ours_receive(c), peer,
                           peer_argv(peer, *peer_line(peer), "-i", "-e", "9000", "-s", "long.bin"),
                           c, c.src)
-    ours_ok(runs)
+    check_exits(runs)
     same_bytes(f, c.copy(f), runs)
     theirs = [len(d) for t, _, d, long in packets(relay.ways["theirs"]) if t == "D" and long]
     # (the length field counts the data and the check; kermit adds one)
     check(theirs and max(theirs) > 1000 and max(theirs) <= 4001,
           "the peer's D packets do not fit what we announced: %s" % sorted(set(theirs))[-3:], runs)
-
-
-def case_long_packets_kermit(c):
-    long_packets(c, "kermit")
-
-
-def case_long_packets_gkermit(c):
-    long_packets(c, "gkermit")
 
 
 def text_mode(c, peer):
@@ -367,7 +304,7 @@ def text_mode(c, peer):
         out.write(text)
     runs, relay = relayed(ours_send(c, [f], ["--text"]), peer,
                           peer_argv(peer, *peer_line(peer), "-T", "-r"), c, c.out)
-    ours_ok(runs)
+    check_exits(runs)
     same_bytes(f, their_copy(c, f), runs)
     # Lines travel ending in CR LF (control-prefixed: #M#J).
     data = b"".join(d for t, _, d, _ in packets(relay.ways["ours"]) if t == "D")
@@ -375,16 +312,8 @@ def text_mode(c, peer):
     os.remove(their_copy(c, f))
     runs, _ = relayed(ours_receive(c, ["--text"]), peer,
                       peer_argv(peer, *peer_line(peer), "-T", "-s", "notes.txt"), c, c.src)
-    ours_ok(runs)
+    check_exits(runs)
     same_bytes(f, c.copy(f), runs, text.replace(b"\n", b"\r\n"))
-
-
-def case_text_mode_kermit(c):
-    text_mode(c, "kermit")
-
-
-def case_text_mode_gkermit(c):
-    text_mode(c, "gkermit")
 
 
 def eighth_bit(c, peer):
@@ -396,7 +325,7 @@ def eighth_bit(c, peer):
     g = make_file(c.src, "random.bin", 30000, 13)
     runs, relay = relayed(ours_send(c, [f, g]), peer,
                           peer_argv(peer, *peer_line(peer), *parity, "-i", "-r"), c, c.out)
-    ours_ok(runs)
+    check_exits(runs)
     for x in (f, g):
         same_bytes(x, their_copy(c, x), runs)
         os.remove(their_copy(c, x))
@@ -404,18 +333,10 @@ def eighth_bit(c, peer):
     runs, relay = relayed(ours_receive(c), peer,
                           peer_argv(peer, *peer_line(peer), *parity, "-i", "-s", "high.bin",
                                     "random.bin"), c, c.src)
-    ours_ok(runs)
+    check_exits(runs)
     for x in (f, g):
         same_bytes(x, c.copy(x), runs)
     check(max(relay.ways["theirs"]) < 0x80, "the peer did not prefix the eighth bit", runs)
-
-
-def case_eighth_bit_prefix_kermit(c):
-    eighth_bit(c, "kermit")
-
-
-def case_eighth_bit_prefix_gkermit(c):
-    eighth_bit(c, "gkermit")
 
 
 def repeats(c, peer):
@@ -427,25 +348,17 @@ def repeats(c, peer):
     size = os.path.getsize(path)
     runs, relay = relayed(ours_receive(c), peer,
                           peer_argv(peer, *peer_line(peer), "-i", "-s", "runs.bin"), c, c.src)
-    ours_ok(runs)
+    check_exits(runs)
     same_bytes(path, c.copy(path), runs)
     check(len(relay.ways["theirs"]) < size // 20,
           "the peer sent %d bytes for %d bytes of runs" % (len(relay.ways["theirs"]), size), runs)
     os.remove(c.copy(path))
     runs, relay = relayed(ours_send(c, [path]), peer,
                           peer_argv(peer, *peer_line(peer), "-i", "-r"), c, c.out)
-    ours_ok(runs)
+    check_exits(runs)
     same_bytes(path, c.copy(path), runs)
     check(len(relay.ways["ours"]) < size // 20,
           "we sent %d bytes for %d bytes of runs" % (len(relay.ways["ours"]), size), runs)
-
-
-def case_repeat_compression_kermit(c):
-    repeats(c, "kermit")
-
-
-def case_repeat_compression_gkermit(c):
-    repeats(c, "gkermit")
 
 
 # --- error packets -----------------------------------------------------------
@@ -463,14 +376,6 @@ def peer_stops(c, peer):
     err = runs[0].stderr()
     check("the other end stopped with the error: " + text in err,
           "our message does not carry the peer's text %r" % text, runs)
-
-
-def case_peer_error_midway_kermit(c):
-    peer_stops(c, "kermit")
-
-
-def case_peer_error_midway_gkermit(c):
-    peer_stops(c, "gkermit")
 
 
 def case_our_error_reaches_the_peer(c):
@@ -513,6 +418,14 @@ def case_ctrl_c_midway_discards_the_file(c):
 
 if __name__ == "__main__":
     cases = {n[5:]: f for n, f in list(globals().items()) if n.startswith("case_")}
+    for name, fn in (("batch_to", batch_to), ("batch_from", batch_from),
+                     ("pty_to", lambda c, p: pty(c, p, True)),
+                     ("pty_from", lambda c, p: pty(c, p, False)),
+                     ("long_packets", long_packets), ("text_mode", text_mode),
+                     ("eighth_bit_prefix", eighth_bit), ("repeat_compression", repeats),
+                     ("peer_error_midway", peer_stops)):
+        for p in PEERS:
+            cases["%s_%s" % (name, p)] = lambda c, fn=fn, p=p: fn(c, p)
 
     def run(case, zvxfer, work):
         case(Case(zvxfer, work))

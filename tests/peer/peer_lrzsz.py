@@ -8,7 +8,7 @@ import os
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from wiring import Case, check_exits, make_file, main, peer, pipes, pty_pair, same  # noqa: E402
+from wiring import Case, make_file, main, peer, pipes, pty_pair  # noqa: E402
 
 # protocol, our options, the peer's options (to / from the peer), block size
 XMODEMS = [("xmodem", ["--checksum"], [], [], 128), ("xmodem", [], ["-c"], [], 128),
@@ -20,8 +20,7 @@ def case_xmodem_to_peer(c: Case):
     for protocol, ours, theirs, _, block in XMODEMS:
         runs = pipes([c.z, "send", "-p", protocol, "-q"] + ours + [f],
                      [peer("rx"), "-q"] + theirs + [c.copy(f)], c.work)
-        check_exits(runs)
-        same(f, c.copy(f), runs, block)
+        c.delivered(runs, [f], block)
 
 
 def case_xmodem_from_peer(c: Case):
@@ -29,8 +28,7 @@ def case_xmodem_from_peer(c: Case):
     for protocol, ours, _, theirs, block in XMODEMS:
         runs = pipes([peer("sx"), "-q"] + theirs + [f],
                      [c.z, "receive", "-p", protocol, "-q"] + ours + [c.copy(f)], c.work)
-        check_exits(runs)
-        same(f, c.copy(f), runs, block)
+        c.delivered(runs, [f], block)
 
 
 def batch(c: Case, empty=True):
@@ -45,9 +43,7 @@ def case_ymodem_batch_to_peer(c: Case):
     files = batch(c, empty=False)
     runs = pipes([c.z, "send", "-p", "ymodem", "-q"] + files, [peer("rb"), "-q"], c.work,
                  cwd_b=c.out, deadline_s=90)
-    check_exits(runs)
-    for f in files:
-        same(f, c.copy(f), runs)
+    c.delivered(runs, files)
 
 
 def case_ymodem_and_ymodem_g_from_peer(c: Case):
@@ -57,19 +53,14 @@ def case_ymodem_and_ymodem_g_from_peer(c: Case):
     for protocol in ("ymodem", "ymodem-g"):
         runs = pipes([peer("sb"), "-q"] + files,
                      [c.z, "receive", "-p", protocol, "-q", "-d", c.out], c.work, deadline_s=90)
-        check_exits(runs)
-        for f in files:
-            same(f, c.copy(f), runs)
-            os.remove(c.copy(f))
+        c.delivered(runs, files, remove=True)
 
 
 def case_pty_ymodem_ourselves(c: Case):
     files = batch(c, empty=False)
     runs = pty_pair([c.z, "send", "-p", "ymodem", "-q"] + files,
                     [c.z, "receive", "-p", "ymodem", "-q", "-d", c.out], c.work)
-    check_exits(runs)
-    for f in files:
-        same(f, c.copy(f), runs)
+    c.delivered(runs, files)
 
 
 if __name__ == "__main__":

@@ -33,10 +33,7 @@ def transfer(c: Case, files, to_peer, ours=(), theirs=()):
         runs = pipes([peer("sz"), "-q"] + list(theirs) + files,
                      [c.z, "receive", "-p", "zmodem", "-q", "-d", c.out] + list(ours), c.work,
                      deadline_s=120)
-    check_exits(runs)
-    for f in files:
-        same(f, c.copy(f), runs)
-        os.remove(c.copy(f))
+    c.delivered(runs, files, remove=True)
 
 
 def case_zmodem_batch_from_peer(c: Case):
@@ -118,9 +115,7 @@ def case_pty_zmodem_ourselves(c: Case):
     files = batch(c)
     runs = pty_pair([c.z, "send", "-p", "zmodem", "-q"] + files,
                     [c.z, "receive", "-p", "zmodem", "-q", "-d", c.out], c.work)
-    check_exits(runs)
-    for f in files:
-        same(f, c.copy(f), runs)
+    c.delivered(runs, files)
 
 
 if __name__ == "__main__":

@@ -15,12 +15,12 @@ from case_runner import MTIME, Failure, make_file, run_cases  # noqa: E402,F401
 class Run:
     # One side: exit status (None while running), killed at the deadline, stderr.
 
-    def __init__(self, name, argv, fd_in, fd_out, cwd, workdir, setsid=False):
+    def __init__(self, name, argv, fd_in, fd_out, cwd, workdir, preexec=None):
         self.name, self.rc, self.killed = name, None, False
         self.err_path = os.path.join(workdir, name + ".stderr")
         with open(self.err_path, "wb") as err:
             self.proc = subprocess.Popen(argv, stdin=fd_in, stdout=fd_out, stderr=err, cwd=cwd,
-                                         start_new_session=setsid)
+                                         preexec_fn=preexec or None)
 
     def stderr(self):
         with open(self.err_path, "rb") as f:
@@ -66,7 +66,7 @@ def pty_pair(tty_argv, master_argv, workdir, deadline_s=120, linger_s=15):
     master, slave = os.openpty()
     tty.setraw(slave)
     try:
-        return _finish([Run("tty", tty_argv, slave, slave, None, workdir, setsid=True),
+        return _finish([Run("tty", tty_argv, slave, slave, None, workdir, os.setsid),
                         Run("master", master_argv, master, master, None, workdir)],
                        deadline_s, linger_s)
     finally:
@@ -118,6 +118,15 @@ class Case:
 
     def copy(self, original):
         return os.path.join(self.out, os.path.basename(original))
+
+    def delivered(self, runs, files, block=0, remove=False):
+        # Both ends ended well and every file arrived as it was (removed
+        # afterwards when asked, to make room for the next run).
+        check_exits(runs)
+        for f in files:
+            same(f, self.copy(f), runs, block)
+            if remove:
+                os.remove(self.copy(f))
 
 
 def main(peers, prefix):

@@ -1,14 +1,10 @@
 // A replaceable tick clock for tests: while a FakeClock lives, the
 // library's GetTickCount reads it instead of the monotonic clock.
 //
-//   FakeClock clock;                 // manual: time moves only when told
-//   clock.Advance(30000);            // 30 s pass at once
-//   FakeClock sleepless(FakeClock::kSleepless);  // manual, and every wait of
-//                                    // the library moves time on by what it
-//                                    // would have slept and returns at once
-//   clock.SetStepPerRead(100);       // every tick read moves time 100 ms on
-//   FakeClock fast(FakeClock::Scaled{1000});  // real time x1000: a 30 s
-//                                              // limit passes in 30 ms
+// Manual (time moves only when told), sleepless (manual, and every wait of
+// the library moves time on by what it would have slept and returns at
+// once), stepping (every tick read moves time on) or scaled (real time
+// times a factor).
 //
 // Only one FakeClock may exist at a time (the clock is process-wide); the
 // destructor restores the real clock and real sleeping.  All members are
@@ -33,7 +29,7 @@ class FakeClock {
     using Steady = std::chrono::steady_clock;
     static inline std::atomic<bool> active_{false};
     static inline std::atomic<uint32_t> offset_{0}, step_{0}, factor_{0}; // factor 0: manual
-    static inline std::atomic<uint64_t> reads_{0}, waited_{0};
+    static inline std::atomic<uint64_t> reads_{0};
     static inline Steady::time_point origin_;
 
     static uint32_t ScaledPart() {
@@ -46,10 +42,7 @@ class FakeClock {
         ++reads_;
         return offset_.fetch_add(step_) + ScaledPart();
     }
-    static void PassTime(uint32_t ms) {
-        waited_ += ms;
-        offset_ += ms;
-    }
+    static void PassTime(uint32_t ms) { offset_ += ms; }
 
   public:
     struct Scaled {
@@ -62,7 +55,7 @@ class FakeClock {
     explicit FakeClock(Scaled scaled, uint32_t start = 1000) {
         if (active_.exchange(true)) std::abort(); // two would fight over the one clock
         origin_ = Steady::now();
-        offset_ = start, step_ = 0, factor_ = scaled.factor, reads_ = 0, waited_ = 0;
+        offset_ = start, step_ = 0, factor_ = scaled.factor, reads_ = 0;
         plat::SetTickSource(ReadTick);
     }
     explicit FakeClock(Sleepless, uint32_t start = 1000) : FakeClock(start) {
@@ -86,8 +79,6 @@ class FakeClock {
     uint32_t Now() const { return offset_ + ScaledPart(); }
     // Number of tick reads by the library since construction.
     uint64_t Reads() const { return reads_; }
-    // Milliseconds the library's waits have passed instead of sleeping.
-    uint64_t Waited() const { return waited_; }
 };
 
 } // namespace zvxfer::test

@@ -1,21 +1,16 @@
 // A far end that sends bytes which never make a valid frame, for tests of
 // how long the engines take to give up.  Once the host has handed over
 // everything queued before (a scripted start), every read request of our
-// side gets more garbage:
-//
-//   FakeClock clock;  clock.SetStepPerRead(20);   // time moves with the waits
-//   GarbageFeed feed(host, clock, GarbageFeed::Flood, {0x18});  // never CAN
-//   ... run the engine ...
-//   EXPECT_LE(clock.Now() - feed.Started(), 60000u);
+// side gets more garbage, never holding the bytes in `never`.
 //
 // Flood: 97 bytes on every read request.  OnePerSecond: one byte each time
 // the clock has passed another second since the garbage began; `prefix`
 // goes first in one piece (a block header that then trickles in, say).
 // Every read request also moves the clock on by kRequestMs, the time a wait
 // round sleeps: waits that poll the line without reading the clock see the
-// garbage arrive too.  The feed stops after kFeedLimitMs of simulated time, so an engine that
-// does not give up still ends (at its silence limits) and the test fails
-// on the time it took instead of hanging.
+// garbage arrive too.  The feed stops after kFeedLimitMs of simulated time,
+// so an engine that does not give up still ends (at its silence limits) and
+// the test fails on the time it took instead of hanging.
 #pragma once
 #include <cstdint>
 #include <gtest/gtest.h>

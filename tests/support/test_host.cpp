@@ -8,7 +8,6 @@ namespace zvxfer::test {
 
 intptr_t TestHost::Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam) {
     auto *host = static_cast<TestHost *>(ZvGetWindowUserData(window));
-    host->Locked([&] { ++host->messages_; });
     if (message != XferPortMessage || lParam == 0) return 0;
     // The hook runs without the lock so that it may use the setters.
     if (const auto hook = host->Get(host->hook_)) (*hook)(*host, wParam);

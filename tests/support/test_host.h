@@ -1,13 +1,7 @@
 // A scripted in-process host for tests of the port and of the engines: a
 // window (owned by the thread that constructs the TestHost) that answers
-// XferPortMessage like a terminal program would, from a script.
-//
-//   TestHost host;                        // window on this thread
-//   host.Receive("\x06");                 // bytes "from the line"
-//   host.SetChunkSize(16);                // hand over at most 16 per PORT_READ
-//   XferPort *port = PortOpen(0, host.Window(), "/tmp/", 0);
-//   ... run the code under test ...
-//   EXPECT_EQ(host.WrittenString(), "C");  // everything the port wrote
+// XferPortMessage like a terminal program would, from a script: bytes "from
+// the line" (Receive), everything the port wrote (Written).
 //
 // Given a clock (UseClock), it also hands bytes over at a set time
 // (ReceiveAt) and notes the time each written byte was accepted
@@ -17,8 +11,7 @@
 // Faults on request: accept only part of each write (or nothing, which the
 // port reports as -9), set the Error flag on reads or writes (a lost
 // connection), run a callback on every request (to feed bytes as a peer
-// would, advance a fake clock, or post messages).  Every message the window
-// gets is counted.
+// would, advance a fake clock, or post messages).
 //
 // The setters and getters may be called from any thread; the window's
 // procedure runs on the owner thread (directly, or inside that thread's
@@ -139,7 +132,6 @@ class TestHost {
     // --- counters ---
     int ReadRequests() const { return Get(reads_); }
     int WriteRequests() const { return Get(writes_); }
-    int Messages() const { return Get(messages_); } // every message seen
 
   private:
     static intptr_t Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam);
@@ -162,7 +154,6 @@ class TestHost {
     std::shared_ptr<const RequestHook> hook_; // shared: a request takes it without a copy
     int reads_ = 0;
     int writes_ = 0;
-    int messages_ = 0;
 };
 
 } // namespace zvxfer::test

@@ -6,10 +6,6 @@
 // library's tick and the lines' clock both read this simulated clock, so a
 // 10-second silence costs no real time and line rates hold in line time.
 //
-//   test::Turns turns(config);          // the link pair, run in turns
-//   host::LinkResult r = turns.Run(sendEnd, receiveEnd);
-//   turns.Pair().Counters(host::LinkPair::AtoB);
-//
 // Only one Turns (and no FakeClock) may exist at a time: the clock is
 // process-wide.  The destructor gives the library its real clock back.
 #pragma once
@@ -33,9 +29,6 @@ class Turns {
 
     host::LinkResult Run(const host::LinkPair::EndFunction &a,
                          const host::LinkPair::EndFunction &b);
-    host::LinkPair &Pair() { return *pair_; }
-    // Simulated microseconds since construction.
-    uint64_t NowUs() const { return nowUs_; }
 
   private:
     static uint32_t Tick();

@@ -1,11 +1,14 @@
-// XMODEM and YMODEM: the block codecs; exchanges with a scripted peer, whose
-// bytes are queued in a test host up front while everything our side writes
-// is compared byte for byte (on a sleepless clock the waits pass at once,
-// and the time-outs are met to the millisecond);
-// every variant against itself over the link simulator, clean and noisy.
+// XMODEM and YMODEM: the block codec against a bit-by-bit reference, every
+// verdict of the block reader, the receiver whatever the split of its input
+// and the sender agreeing with the codec; exchanges with a scripted peer
+// (its bytes queued in a test host up front, everything our side writes
+// compared byte for byte; on a sleepless clock the waits pass at once and
+// the time-outs are met to the millisecond); every variant against itself
+// over the link simulator, clean and noisy.
 #include <algorithm>
 #include <climits>
 #include <fcntl.h>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <tuple>
@@ -13,6 +16,7 @@
 #include "core/crc16.h"
 #include "core/file_facts.h"
 #include "fake_clock.h"
+#include "garbage_feed.h"
 #include "link_files.h"
 #include "link_pair.h"
 #include "status_log.h"
@@ -27,7 +31,6 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using test::StatusLines;
 using V = std::vector<uint32_t>; // values taken in order, checked at once
-constexpr uint8_t ACK = 0x06, NAK = 0x15, EOT = 0x04, CAN = 0x18;
 
 Bytes Pattern(std::size_t n, uint8_t seed = 1) {
     Bytes data(n);
@@ -65,6 +68,169 @@ void WriteFile(const std::string &path, const Bytes &data, time_t mtime = 0) {
         .write(reinterpret_cast<const char *>(data.data()), static_cast<long>(data.size()));
     const struct timespec times[2] = {{mtime, 0}, {mtime, 0}};
     if (mtime != 0) utimensat(AT_FDCWD, path.c_str(), times, 0);
+}
+
+// CRC-16/XMODEM one bit at a time, without the table the library uses.
+uint16_t ReferenceCrc(const Bytes &data) {
+    uint32_t crc = 0;
+    for (uint8_t b : data) {
+        crc ^= static_cast<uint32_t>(b) << 8;
+        for (int bit = 0; bit < 8; ++bit) crc = (crc & 0x8000) ? (crc << 1) ^ 0x1021 : crc << 1;
+        crc &= 0xFFFF;
+    }
+    return static_cast<uint16_t>(crc);
+}
+
+struct Shape {
+    std::size_t size;
+    bool crc;
+};
+constexpr Shape kShapes[] = {{128, true}, {128, false}, {1024, true}, {1024, false}};
+
+// SOH/STX by length, number and complement, the data unchanged, then the
+// CRC high byte first or the sum modulo 256; and the reader takes it back.
+TEST(XmodemBlockCodec, BuiltBlocksHaveTheLineLayoutAndReadBack) {
+    for (const Shape &s : kShapes)
+        for (uint8_t number : {0, 1, 0x7F, 0xFF}) {
+            SCOPED_TRACE(testing::Message() << s.size << (s.crc ? " crc " : " sum ") << +number);
+            const Bytes data = Pattern(s.size, number);
+            Bytes expected = {s.size == 128 ? SOH : STX, number,
+                              static_cast<uint8_t>(255 - number)};
+            expected.insert(expected.end(), data.begin(), data.end());
+            if (s.crc) {
+                const uint16_t c = ReferenceCrc(data);
+                expected.insert(expected.end(), {static_cast<uint8_t>(c >> 8), uint8_t(c)});
+            } else {
+                uint32_t sum = 0;
+                for (uint8_t b : data) sum += b;
+                expected.push_back(static_cast<uint8_t>(sum));
+            }
+            const Bytes block = Block(number, data, s.crc, s.size);
+            ASSERT_EQ(block, expected);
+
+            Bytes followed = block; // what comes behind a block is not part of it
+            followed.insert(followed.end(), {EOT, SOH});
+            const XmParsedBlock back = XmParseBlock(followed, s.crc);
+            EXPECT_EQ(back.verdict, XmBlockVerdict::Good);
+            EXPECT_EQ(back.number, number);
+            EXPECT_EQ(back.length, block.size());
+            EXPECT_EQ(Bytes(back.data.begin(), back.data.end()), data);
+        }
+}
+
+// What the reader says of bytes that are not a good block, in the order the
+// receiver judges them: the header, the number, then the check.
+TEST(XmodemBlockCodec, DamagedAndShortBlocksGetTheReceiversVerdicts) {
+    const Bytes good = Block(3, Pattern(128, 9));
+    auto damaged = [&](std::size_t at, uint8_t mask) {
+        Bytes b = good;
+        b[at] ^= mask;
+        return b;
+    };
+    const struct {
+        const char *what;
+        Bytes bytes;
+        bool crc;
+        XmBlockVerdict verdict;
+    } cases[] = {
+        {"nothing", {}, true, XmBlockVerdict::NotBlock},
+        {"start request", {'C', 1, 0xFE}, true, XmBlockVerdict::NotBlock},
+        {"EOT", {EOT}, true, XmBlockVerdict::NotBlock},
+        {"header only", {STX}, true, XmBlockVerdict::Incomplete},
+        {"complement", damaged(2, 0x01), true, XmBlockVerdict::BadNumber},
+        {"number", damaged(1, 0x80), true, XmBlockVerdict::BadNumber},
+        {"bad number, data missing", {SOH, 1, 1}, true, XmBlockVerdict::BadNumber},
+        {"first data byte", damaged(3, 0x01), true, XmBlockVerdict::BadCheck},
+        {"last data byte", damaged(130, 0x80), true, XmBlockVerdict::BadCheck},
+        {"CRC high byte", damaged(131, 0x10), true, XmBlockVerdict::BadCheck},
+        {"CRC low byte", damaged(132, 0x01), true, XmBlockVerdict::BadCheck},
+        {"CRC block read as checksum", good, false, XmBlockVerdict::BadCheck},
+        {"checksum block read as CRC", Block(3, Pattern(128, 9), false), true,
+         XmBlockVerdict::Incomplete},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(XmParseBlock(c.bytes, c.crc).verdict, c.verdict) << c.what;
+    for (std::size_t cut = 1; cut < good.size(); ++cut)
+        ASSERT_EQ(XmParseBlock({good.data(), cut}, true).verdict, XmBlockVerdict::Incomplete)
+            << cut;
+}
+
+class XmodemBlockLine : public ::testing::Test {
+  protected:
+    XmodemBlockLine() {
+        r_.Port = port_;
+        r_.Buffer = buffer_.data();
+        r_.File = XFER_INVALID_FILE;
+        r_.FileTime = -1;
+    }
+    ~XmodemBlockLine() override { port_->Ops.PortClose(port_); }
+
+    test::FakeClock clock_{test::FakeClock::kSleepless}; // no time-out between the parts
+    test::TestHost host_;
+    XferPort *port_ = PortOpen(0, host_.Window(), "", XFER_EXISTING_OVERWRITE);
+    Bytes buffer_ = Bytes(1024);
+    XferRecord r_{};
+};
+
+// A block followed by EOT, handed over in two reads split at every
+// position, reads as when it arrives whole: the block's number, data and
+// check, then the end of the file, and no answer from this level.
+TEST_F(XmodemBlockLine, ReceiverReadsTheSameWhateverTheSplit) {
+    for (const Shape &s : {kShapes[0], kShapes[3]}) {
+        const Bytes data = Pattern(s.size, 5);
+        Bytes line = Block(1, data, s.crc, s.size);
+        const XmParsedBlock parsed = XmParseBlock(line, s.crc);
+        ASSERT_EQ(parsed.verdict, XmBlockVerdict::Good);
+        line.push_back(EOT);
+        for (std::size_t split = 1; split < line.size(); ++split) {
+            SCOPED_TRACE(testing::Message() << s.size << " split at " << split);
+            host_.Receive(std::span(line).first(split));
+            const Bytes rest(line.begin() + static_cast<long>(split), line.end());
+            host_.OnRequest([&rest](test::TestHost &h, uintptr_t request) {
+                if (request == PORT_READ && h.Unread() == 0 && !rest.empty()) {
+                    h.Receive(rest);
+                    h.OnRequest(nullptr);
+                }
+            });
+            r_.Protocol = Xmodem;
+            r_.BlockNumber = 1;
+            r_.ErrorRun = r_.ErrorTotal = 0;
+            r_.ProtocolHook = -1;
+            XmSetCrcMode(&r_, s.crc);
+            ASSERT_EQ(XmReceiveBlock(&r_), 1);
+            EXPECT_EQ(r_.ProtocolHook, s.size == 128 ? SOH : STX);
+            EXPECT_EQ(r_.RxSeq, parsed.number);
+            EXPECT_EQ(r_.BlockSize, static_cast<int32_t>(s.size));
+            EXPECT_EQ(Bytes(buffer_.begin(), buffer_.begin() + r_.BlockSize), data);
+            EXPECT_EQ(r_.BlockNumber, 2);
+            ASSERT_EQ(XmReceiveBlock(&r_), 1);
+            EXPECT_EQ(r_.ProtocolHook, EOT);
+            EXPECT_EQ(r_.ErrorTotal, 0);
+            EXPECT_EQ(r_.Result, 0);
+            EXPECT_TRUE(host_.Written().empty());
+            host_.OnRequest(nullptr);
+        }
+    }
+}
+
+// The sender puts exactly the built block on the line: the three header
+// bytes one by one, the data in one write, the check byte by byte.
+TEST_F(XmodemBlockLine, SenderWritesTheBuiltBlock) {
+    for (const Shape &s : kShapes) {
+        SCOPED_TRACE(testing::Message() << s.size << (s.crc ? " crc" : " sum"));
+        const Bytes data = Pattern(s.size, 77);
+        std::copy(data.begin(), data.end(), buffer_.begin());
+        r_.Protocol = Xmodem1K;
+        r_.BlockNumber = 0x1FF + 1; // the counter is past the block going out
+        r_.RxSeq = 0xFF;
+        r_.BlockSize = static_cast<int32_t>(s.size);
+        XmSetCrcMode(&r_, s.crc);
+        host_.ClearWritten();
+        const int writesBefore = host_.WriteRequests();
+        ASSERT_EQ(XmSendBlock(&r_), 1);
+        EXPECT_EQ(host_.Written(), Block(0xFF, data, s.crc, s.size));
+        EXPECT_EQ(host_.WriteRequests() - writesBefore, 3 + 1 + (s.crc ? 2 : 1));
+    }
 }
 
 TEST(XmodemCodec, Crc16AndChecksum) {
@@ -243,6 +409,14 @@ TEST_F(Scripted, XmodemExchanges) {
     check("rx can can", rx, 0, 0, Cat({one, two}), Cat({Block(1, one), Block(2, two), {CAN, CAN}}),
           Cat({{'C', ACK, ACK, NAK}, test::kCancelBytes}), XferErrRemoteAbort);
     check("tx crc", tx, 0, 0, data, {'C', ACK, ACK, ACK}, Cat({crcBlocks, {EOT}}), 1);
+    // XMODEM-1K: 1024-byte blocks while more than 896 bytes remain, then 128.
+    const Bytes tail = Pattern(1920);
+    Bytes blocks = Block(1, Bytes(tail.begin(), tail.begin() + 1024), true, 1024);
+    for (uint8_t n = 2; n <= 8; ++n)
+        blocks = Cat({blocks, Block(n, Bytes(tail.begin() + 1024 + (n - 2) * 128,
+                                             tail.begin() + 1024 + (n - 1) * 128))});
+    check("tx 1k tail", Xmodem1KSendWithOptions, 0, 0, tail, Cat({{'C'}, Bytes(9, ACK)}),
+          Cat({blocks, {EOT}}), 1);
     check("tx eot unanswered", tx, XferOptSendTimeout, 2000, {'a', 'b', 'c'}, {'C', ACK},
           Cat({Block(1, {'a', 'b', 'c'}), Bytes(10, EOT), test::kCancelBytes}),
           XferErrTooManyErrors);
@@ -397,6 +571,84 @@ TEST(XmodemLinkPair, CleanAndNoisyLines) {
         }
     }
     EXPECT_EQ(completed, 9) << completed << " of 15 completed";
+}
+
+// Against a far end that sends nothing but garbage, or a block that trickles
+// in a byte a second, and positions that 32 bits cannot carry; a clock that
+// moves on every tick read lets minutes of such a line pass in a few seconds.
+using HostileLine = test::SteppedPort;
+using test::EndsWithCancel;
+using test::GarbageFeed;
+
+// Every receiver gives up within a minute of endless garbage, whatever its
+// rate, with a defined code and the cancel string.  EOT and CAN stay out of
+// the garbage: they are valid answers (end of file, cancel) on their own.
+TEST_F(HostileLine, ReceiversGiveUpWithinAMinuteOfGarbage) {
+    struct Case {
+        const char *what;
+        bool ymodem;
+        int32_t option;
+        GarbageFeed::Rate rate;
+        Bytes prefix;
+    };
+    const Case cases[] = {
+        {"xmodem flood", false, 0, GarbageFeed::Flood, {}},
+        {"xmodem a byte a second", false, 0, GarbageFeed::OnePerSecond, {}},
+        {"xmodem-1k a block that trickles in", false, 0, GarbageFeed::OnePerSecond, {2, 1, 0xFE}},
+        {"ymodem flood", true, 0, GarbageFeed::Flood, {}},
+        {"ymodem a byte a second", true, 0, GarbageFeed::OnePerSecond, {}},
+        {"ymodem-g a block 0 that trickles in",
+         true,
+         XferOptStreaming,
+         GarbageFeed::OnePerSecond,
+         {1, 0, 0xFF}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        host.ClearWritten();
+        GarbageFeed feed(host, clock, c.rate, {0x04, 0x18}, c.prefix);
+        std::string name = tree.Path("rx.bin");
+        const int32_t result =
+            c.ymodem ? YmodemReceiveWithOptions(port, nullptr, nullptr, c.option, 0)
+                     : Xmodem1KReceiveWithOptions(port, name.data(), nullptr, nullptr, 0);
+        const uint32_t took = clock.Now() - feed.Started();
+        EXPECT_TRUE(result == XferErrPacketTimeout || result == XferErrTooManyErrors) << result;
+        EXPECT_LE(took, 60000u);
+        EXPECT_GT(feed.Sent(), c.rate == GarbageFeed::Flood ? 1000u : 10u) << "garbage all along";
+        EXPECT_EQ(EndsWithCancel(host.Written()), c.option == 0);
+    }
+}
+
+// A receiver whose position would pass 2^31 - 1 ends with -607 before it
+// writes the block that would take it there; what arrived stays.
+TEST_F(HostileLine, ReceiverStopsBeforeItsPositionPassesTheLimit) {
+    XferRecord r{};
+    r.Port = port;
+    r.Protocol = Xmodem;
+    r.File = XFER_INVALID_FILE;
+    r.FileTime = -1;
+    r.ProtocolFlag = 1; // CRC
+    std::string name = tree.Path("near.bin");
+    r.FileName = name.data();
+    // The block the receiver will take next, and the position it has reached.
+    const Bytes data(128, 'd');
+    uint8_t block[kMaxBlockWire];
+    host.Receive(std::span(block, XmBuildBlock(block, 1, data, true)));
+    // The position starts where the file open leaves it (0): the abort hook,
+    // called before the first block, moves it near the limit.
+    static int32_t start;
+    start = INT32_MAX - 100;
+    port->Hooks->AbortFunction = [](XferRecord *rec) -> int32_t {
+        if (rec->FilePos == 0 && rec->BlockNumber == 1) rec->FilePos = start;
+        return 0;
+    };
+    XmReceiveFile(&r);
+    port->Hooks->AbortFunction = nullptr;
+    EXPECT_EQ(r.Result, XferErrFileIo);
+    EXPECT_EQ(r.FilePos, start) << "nothing counted past the limit";
+    std::ifstream in(name, std::ios::binary | std::ios::ate);
+    EXPECT_EQ(static_cast<long>(in.tellg()), 0L) << "the block that would pass it is not written";
+    EXPECT_TRUE(EndsWithCancel(host.Written()));
 }
 
 } // namespace

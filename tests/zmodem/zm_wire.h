@@ -52,6 +52,24 @@ inline Bytes Hex(int type, int32_t position = 0) {
     return ZHeader(type, position, 'B');
 }
 
+// Our receiver's ZRINIT, and the frames of a sender: ZFILE with ZF0 and ZF1,
+// ZDATA with its subpackets, ZEOF.
+inline const Bytes kRinit = Hex(zm::ZRINIT, 0x27000000);
+inline Bytes ZFile(const std::string &name, std::size_t size, const char *time, int zf0 = 0,
+                   int zf1 = 0) {
+    const std::string info = name + '\0' + std::to_string(size) + " " + time + " 0";
+    return Cat(ZHeader(zm::ZFILE, zf0 << 24 | zf1 << 16, 'C'),
+               ZSubpacket(Str(info), zm::ZCRCW, true));
+}
+inline Bytes ZData(int32_t position, const std::vector<std::pair<Bytes, uint8_t>> &subpackets) {
+    Bytes out = ZHeader(zm::ZDATA, position, 'C');
+    for (const auto &[data, end] : subpackets) out = Cat(out, ZSubpacket(data, end, true));
+    return out;
+}
+inline Bytes ZEof(int32_t position) {
+    return ZHeader(zm::ZEOF, position, 'C');
+}
+
 // Plays the other side from a script: each step waits until our side has
 // written its trigger (after what earlier steps matched) and, for an idle
 // step, until it also waits (two reads with nothing written between), then
