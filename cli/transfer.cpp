@@ -87,7 +87,8 @@ std::vector<int32_t> OptionWords(const TransferSettings &s) {
         words.push_back(XferOptSendTimeout);
         words.push_back(*s.timeoutMs);
     }
-    if (s.subfolders) words.push_back(XferOptSubfolders);
+    // Subfolders are searched by the program itself when it expands the
+    // names (the library is given exact files).
     if (s.resume) words.push_back(XferOptZmResume);
     if (s.pacing) words.push_back(XferOptZmPacing);
     if (s.noWindow) words.push_back(XferOptZmNoWindow);
