@@ -78,15 +78,16 @@ void AddLine(CLI::App &cmd, LineChoice &line) {
 }
 
 // The options of both directions.  Only senders wait for replies with a
-// time-out of their own (XMODEM, YMODEM): --timeout is the sender's.
+// time-out that can be set (XMODEM, YMODEM); a receiver refuses --timeout.
 void AddTransferOptions(CLI::App &cmd, TransferSettings &s, bool sending) {
     cmd.add_flag("--checksum", s.checksum, _("XMODEM arithmetic checksum instead of CRC-16"));
     cmd.add_flag("--full-path", s.fullPath, _("names travel and are stored with their folders"));
-    if (sending)
-        cmd.add_option("--timeout", s.timeoutMs,
-                       _("XMODEM, YMODEM: how long to wait for each reply of the receiver, "
-                         "in milliseconds (default 15000)"))
-            ->check(CLI::Range(1, 3600000));
+    cmd.add_option("--timeout", s.timeoutMs,
+                   sending ? _("XMODEM, YMODEM: how long to wait for each reply of the "
+                               "receiver, in milliseconds (default 15000)")
+                           : _("not taken by any receiver: each waits as its protocol says "
+                               "(the senders' reply time-out)"))
+        ->check(CLI::Range(1, 3600000));
     cmd.add_option("--max-errors", s.maxErrors, _("ZMODEM: errors in a row before giving up"))
         ->check(CLI::Range(1, 1000000));
 }
@@ -200,8 +201,9 @@ std::optional<int> ReportCapture(const TransferSettings &s, const Outcome &o, Ve
         return std::nullopt;
     if (verbosity != Verbosity::Quiet)
         fmt::print(stderr, "zvxfer: {}\n",
-                   fmt::format(F_("capture ended {}: {} byte(s) captured in {:.1f} s"), how,
-                               o.bytes, o.seconds));
+                   fmt::format(o.bytes == 1 ? F_("capture ended {}: {} byte captured in {:.1f} s")
+                                            : F_("capture ended {}: {} bytes captured in {:.1f} s"),
+                               how, o.bytes, o.seconds));
     return kExitOk;
 }
 
@@ -224,6 +226,16 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
     }
     if (s.protocol.text && !s.sending)
         if (const std::optional<int> status = ReportCapture(s, o, verbosity)) return *status;
+    // The names were checked before the line was opened: a sender that
+    // then sent nothing, in a session that otherwise ended well, had every
+    // file refused by the receiver (its existing-file policy), like a
+    // receiver that skipped them all.
+    if (s.sending && o.result == XferErrNoFilesSent && o.failure.empty()) {
+        if (verbosity != Verbosity::Quiet)
+            fmt::print(stderr, "zvxfer: {}\n",
+                       _("the session ended cleanly; the receiver skipped every file"));
+        return kExitOk;
+    }
     if (o.result < 0) {
         fmt::print(stderr, "zvxfer: {}\n",
                    fmt::format(F_("transfer failed: {}"), DescribeResult(o.result)));
