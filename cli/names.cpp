@@ -174,7 +174,7 @@ bool ExactNames::Build(const std::vector<std::string> &files, bool keepFolders,
             return false;
         }
         if (root_.empty()) {
-            std::string pattern = (fs::temp_directory_path() / "zvxfer-names-XXXXXX").string();
+            std::string pattern = (fs::temp_directory_path() / "zvxfer-exact-XXXXXX").string();
             if (!mkdtemp(pattern.data())) {
                 error = fmt::format(F_("cannot make a private folder: {}"), Reason(errno));
                 return false;
