@@ -464,10 +464,11 @@ int Main(int argc, char **argv) {
         "--version",
         fmt::format(F_("zvxfer {}, library {}"), ZVXFER_BUILT_VERSION, LibraryVersion()),
         _("show the program's and the library's version"));
-    app.footer(_("When this program runs on the far end of a terminal session, the terminal "
-                 "itself is the line: Ctrl-C is then a byte on the line, not a signal.  To "
-                 "cancel a transfer there, type Ctrl-X five times, as the peer programs "
-                 "expect."));
+    const std::string cancelNote =
+        _("When this program runs on the far end of a terminal session, the terminal "
+          "itself is the line: Ctrl-C is then a byte on the line, not a signal.  To "
+          "cancel a transfer there, type Ctrl-X five times, as with rz and sz.");
+    app.footer(cancelNote);
     if (argc > 1 && argv[1][0] != '-' &&
         std::find(std::begin(kSubcommands), std::end(kSubcommands), argv[1]) ==
             std::end(kSubcommands)) {
@@ -487,6 +488,7 @@ int Main(int argc, char **argv) {
     BPlusTerminalSettings bplus;
 
     auto *send = app.add_subcommand("send", _("send files over the line"));
+    send->footer(cancelNote);
     AddCommon(*send, common);
     AddLine(*send, line);
     AddTransferOptions(*send, settings, true);
@@ -511,6 +513,7 @@ int Main(int argc, char **argv) {
         ->required();
 
     auto *receive = app.add_subcommand("receive", _("receive files from the line"));
+    receive->footer(cancelNote);
     AddCommon(*receive, common);
     AddLine(*receive, line);
     AddTransferOptions(*receive, settings, false);

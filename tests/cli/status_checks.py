@@ -9,11 +9,12 @@ import re
 import select
 import subprocess
 import sys
+import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "peer"))
-from wiring import check, make_file, peer, pipes, run_cases  # noqa: E402
+from wiring import Failure, check, make_file, peer, pipes, run_cases  # noqa: E402
 
 ENV = dict(os.environ, LC_ALL="C", LANGUAGE="")
 
@@ -187,8 +188,10 @@ def case_help_shows_words_and_each_sides_meaning(z, work):
                                ("top", "--version", ["version"])]:
         line = option_help(texts[cmd], option)
         check(line and all(w in line for w in words), "%s %s: %r" % (cmd, option, line))
-    top = " ".join(texts["top"].split())
-    check("Ctrl-C is then a byte on the line" in top and "Ctrl-X five times" in top, top)
+    for cmd in ("top", "send", "receive"):
+        text = " ".join(texts[cmd].split())
+        check("Ctrl-C is then a byte on the line" in text and "Ctrl-X five times" in text,
+              "%s help: %s" % (cmd, text))
 
 
 def case_loopback_removes_its_copies_unless_kept(z, work):
@@ -205,6 +208,37 @@ def case_loopback_removes_its_copies_unless_kept(z, work):
         if stays and m.group(1) != given:
             os.remove(copy)
             os.rmdir(m.group(1))
+
+
+def case_five_ctrl_x_cancel_every_protocol(z, work):
+    # On a line that is the user's own terminal Ctrl-C is a byte; five
+    # Ctrl-X from there end a waiting sender or receiver of every protocol
+    # at once, long before its own retries would (Kermit's take minutes).
+    f = make_file(work, "f.txt", 3000, 4)
+    for side, protocol in [(s, p) for s in ("send", "receive")
+                           for p in ("xmodem", "ymodem", "zmodem", "kermit")]:
+        argv = [z, side, "-p", protocol] + ([f] if side == "send" else ["-d", work]) + \
+            (["x.out"] if side == "receive" and protocol == "xmodem" else [])
+        errors = tempfile.TemporaryFile()
+        proc = subprocess.Popen(argv, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                stderr=errors, env=ENV)
+        try:
+            # The line stays open: only the Ctrl-X may end the transfer.
+            time.sleep(1)  # the engine is waiting for its first packet
+            proc.stdin.write(b"\x18" * 5)
+            proc.stdin.flush()
+            proc.wait(timeout=10)
+        except subprocess.TimeoutExpired:
+            raise Failure("%s %s did not end after five Ctrl-X" % (side, protocol))
+        finally:
+            if proc.poll() is None:
+                proc.kill()
+                proc.wait()
+            proc.stdin.close()
+        errors.seek(0)
+        err = errors.read().decode(errors="replace")
+        check(proc.returncode == 1 and "transfer failed" in err,
+              "%s %s: exit %d: %s" % (side, protocol, proc.returncode, err))
 
 
 CASES = {name[5:]: fn for name, fn in globals().items() if name.startswith("case_")}
