@@ -54,16 +54,16 @@ bool Verify(const fs::path &original, const fs::path &copy, const Protocol &prot
         const bool zeros = std::all_of(b.begin() + static_cast<long>(a.size()), b.end(),
                                        [](char c) { return c == 0; });
         if (zeros) {
-            note = fmt::format(" (+{} padding)", b.size() - a.size());
+            note = fmt::format(F_(" (+{} padding)"), b.size() - a.size());
             b.resize(a.size());
         }
     }
     ok = ok && a == b;
     if (ok && protocol.carriesTime) {
         ok = ModTime(original) == ModTime(copy);
-        note += ok ? ", time kept" : ", time differs";
+        note += ok ? _(", time kept") : _(", time differs");
     }
-    fmt::print(stderr, "{} {}  {} bytes{}\n", ok ? "ok    " : "FAILED",
+    fmt::print(stderr, F_("{} {}  {} bytes{}\n"), ok ? _("ok    ") : _("FAILED"),
                original.filename().string(), a.size(), note);
     return ok;
 }
@@ -79,9 +79,9 @@ bool VerifyCapture(const std::vector<fs::path> &originals, const fs::path &captu
             if (!dropLf || c != '\n') expected.push_back(c);
     }
     const bool ok = fs::exists(capture) && ReadAll(capture) == expected;
-    fmt::print(stderr, "{} {}  {} bytes, {} file{} in order{}\n", ok ? "ok    " : "FAILED",
-               capture.filename().string(), expected.size(), originals.size(),
-               originals.size() == 1 ? "" : "s", dropLf ? " without LF" : "");
+    fmt::print(stderr, F_("{} {}  {} bytes, {} file{} in order{}\n"),
+               ok ? _("ok    ") : _("FAILED"), capture.filename().string(), expected.size(),
+               originals.size(), originals.size() == 1 ? "" : "s", dropLf ? " without LF" : "");
     return ok;
 }
 
@@ -195,14 +195,16 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
     const bool receivedOk =
         received.result >= 0 || (s.protocol.text && received.result == XferErrCharTimeout);
     if (sent.result < 0 || !receivedOk) {
-        fmt::print(stderr, "zvxfer: loopback failed: send {}, receive {}\n",
-                   DescribeResult(sent.result), DescribeResult(received.result));
+        fmt::print(stderr, "zvxfer: {}\n",
+                   fmt::format(F_("loopback failed: send {}, receive {}"),
+                               DescribeResult(sent.result), DescribeResult(received.result)));
         return 1;
     }
     for (const Outcome *o : {&sent, &received})
         if (!o->failure.empty()) {
-            fmt::print(stderr, "zvxfer: loopback failed: {}: {}\n",
-                       o == &sent ? "sender" : "receiver", o->failure);
+            fmt::print(stderr, "zvxfer: {}\n",
+                       fmt::format(F_("loopback failed: {}: {}"),
+                                   o == &sent ? _("sender") : _("receiver"), o->failure));
             return 1;
         }
     bool all = true;
@@ -221,9 +223,9 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
     const double rate = received.seconds > 0 ? received.bytes / received.seconds : 0;
     // A capture's time includes the silence that ended it.
     const std::string what = s.protocol.text
-                                 ? fmt::format("capture of {} file(s) {}", originals.size(),
-                                               all ? "verified" : "differs")
-                                 : fmt::format("{} of {} file(s) verified",
+                                 ? fmt::format(F_("capture of {} file(s) {}"), originals.size(),
+                                               all ? _("verified") : _("differs"))
+                                 : fmt::format(F_("{} of {} file(s) verified"),
                                                all ? originals.size() : 0, originals.size());
     const std::string where = removal.folder.empty()
                                   ? fmt::format(F_("in {}"), folder)
@@ -235,9 +237,11 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
     // data is the protocol's wire efficiency.
     const uint64_t forward = link.Counters(host::LinkPair::AtoB).offered;
     const uint64_t back = link.Counters(host::LinkPair::BtoA).offered;
-    fmt::print(stderr, "zvxfer: line carried {} bytes forward and {} back; file/line {:.3f}\n",
-               forward, back,
-               forward ? static_cast<double>(received.bytes) / static_cast<double>(forward) : 0.0);
+    fmt::print(
+        stderr, "zvxfer: {}\n",
+        fmt::format(
+            F_("line carried {} bytes forward and {} back; file/line {:.3f}"), forward, back,
+            forward ? static_cast<double>(received.bytes) / static_cast<double>(forward) : 0.0));
     return all ? 0 : 1;
 }
 

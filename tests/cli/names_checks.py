@@ -120,6 +120,25 @@ def case_subfolders_expanded_below_the_named_folder(z, work):
         check(rc == 0 and shown == expected, "%s: exit %d: %s" % (options, rc, err))
 
 
+def case_receive_folder_checked_before_the_line(z, work):
+    # A receive that could not write its file says why and exits 1 before
+    # it sends its first request.
+    locked = os.path.join(work, "locked")
+    os.mkdir(locked, 0o500)
+    rows = [(["-p", "xmodem", os.path.join(work, "nosuch", "x.out")],
+             os.path.join(work, "nosuch") + "/: No such file or directory"),
+            (["-p", "ascii", os.path.join(work, "plain.txt", "x.out")], "Not a directory")]
+    make_file(work, "plain.txt", 10, 1)
+    if not os.access(locked, os.W_OK):
+        rows += [(["-p", "zmodem", "-d", locked], locked + ": Permission denied"),
+                 (["-p", "xmodem", "-d", locked, "x.out"], "Permission denied")]
+    for args, reason in rows:
+        rc, out, err = run([z, "receive"] + args)
+        what = "%s: exit %d, stdout %r: %s" % (args, rc, out[:20], err)
+        check(rc == 1 and out == b"" and "zvxfer: cannot receive into" in err and reason in err,
+              what)
+
+
 def xmodem_blocks(proc, count):
     # Reads `count` 128-byte CRC blocks from the sender, acknowledging all
     # but the last one read.
