@@ -245,11 +245,15 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
         fmt::print(stderr, "zvxfer: {}\n", fmt::format(F_("transfer failed: {}"), o.failure));
         return kExitFailed;
     }
+    // A sender whose names were all good but that sent nothing had every
+    // file passed over (too large for the protocol): that is no success.
+    if (o.result == 0 && s.sending) {
+        fmt::print(stderr, "zvxfer: {}\n", _("no file was sent"));
+        return kExitFailed;
+    }
     if (verbosity == Verbosity::Quiet) return kExitOk;
     if (o.result == 0) {
-        fmt::print(stderr, "zvxfer: {}\n",
-                   s.sending ? _("the session ended cleanly; no file was sent")
-                             : _("the session ended cleanly; no file was received"));
+        fmt::print(stderr, "zvxfer: {}\n", _("the session ended cleanly; no file was received"));
         return kExitOk;
     }
     const double rate = o.seconds > 0 ? static_cast<double>(o.bytes) / o.seconds : 0;
