@@ -8,6 +8,7 @@
 
 #include "bplus_service.h"
 #include "bplus_terminal.h"
+#include "i18n.h"
 #include "link_pair.h"
 
 namespace zvxfer::cli {
@@ -24,9 +25,11 @@ std::vector<char> ReadAll(const fs::path &path) {
 // or "DAMAGED" (reported good, yet it differs: a damage the check missed).
 bool Same(const fs::path &original, const fs::path &copy, const char *what, bool reportedGood) {
     const bool exact = fs::exists(copy) && ReadAll(original) == ReadAll(copy);
-    const char *verdict = exact ? "ok     " : reportedGood ? "DAMAGED" : "failed ";
-    fmt::print(stderr, "{} {} {}  {} bytes\n", verdict, what, original.filename().string(),
-               fs::file_size(original));
+    const char *verdict = exact ? _("ok") : reportedGood ? _("DAMAGED") : _("failed");
+    // TRANSLATORS: a copy's verdict (ok, DAMAGED, failed), its direction
+    // (download, upload), the file's name and size.
+    fmt::print(stderr, F_("{:<7} {:<8} {}  {} bytes\n"), verdict, what,
+               original.filename().string(), fs::file_size(original));
     return exact;
 }
 
@@ -36,7 +39,7 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
     std::vector<fs::path> originals;
     for (const std::string &f : s.files) {
         if (!fs::is_regular_file(f)) {
-            fmt::print(stderr, "zvxfer: not a file: {}\n", f);
+            fmt::print(stderr, "zvxfer: {}\n", fmt::format(F_("not a file: {}"), f));
             return 2;
         }
         originals.emplace_back(f);
@@ -47,7 +50,7 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
     fs::create_directories(down, ec);
     fs::create_directories(up, ec);
     if (folder.empty() || ec) {
-        fmt::print(stderr, "zvxfer: cannot make the folders for the copies\n");
+        fmt::print(stderr, "zvxfer: {}\n", _("cannot make the folders for the copies"));
         return 1;
     }
 
@@ -78,7 +81,7 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
 
     std::vector<host::RequestReport> reports;
     BPlusSessionOutcome session;
-    Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0, "terminal");
+    Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0, _("terminal"));
     host::LinkPair link(config);
     link.Run(
         [&](XferPort *port) {
@@ -96,7 +99,8 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
     bool all = status == 0 && reports.size() == requests.size();
     for (const host::RequestReport &r : reports)
         if (!r.ok) {
-            fmt::print(stderr, "zvxfer: service: {} failed: {}\n", r.request.path, r.why);
+            fmt::print(stderr, "zvxfer: {}\n",
+                       fmt::format(F_("service: {} failed: {}"), r.request.path, r.why));
             all = false;
         }
     for (const fs::path &f : originals) {
@@ -108,8 +112,8 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
         for (const host::RequestReport &r : reports)
             if (r.request.kind == host::ServiceRequest::Upload && r.ok && r.request.path == name)
                 uploadGood = true;
-        all = Same(f, down / name, "download", downloadGood) && all;
-        all = Same(f, up / name, "upload  ", uploadGood) && all;
+        all = Same(f, down / name, _("download"), downloadGood) && all;
+        all = Same(f, up / name, _("upload"), uploadGood) && all;
     }
     // Each request's time and, on a line of limited speed, the share of the
     // line's capacity that was file data.
@@ -117,20 +121,26 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
     for (const BPlusRequestOutcome &r : session.requests) {
         bytes += r.bytes;
         const double capacity = r.seconds * (s.baud / 10.0);
-        fmt::print(
-            stderr, "zvxfer: {} {}: {} bytes in {:.2f} s{}\n", r.upload ? "upload" : "download",
+        // TRANSLATORS: upload or download, the file, its size, the time and
+        // either its rate or its share of the line's capacity.
+        const std::string text = fmt::format(
+            F_("{} {}: {} bytes in {:.2f} s{}"), r.upload ? _("upload") : _("download"),
             fs::path(r.name).filename().string(), r.bytes, r.seconds,
             s.baud != 0 && capacity > 0
-                ? fmt::format(", file/line {:.3f}", static_cast<double>(r.bytes) / capacity)
+                ? fmt::format(F_(", file/line {:.3f}"), static_cast<double>(r.bytes) / capacity)
                 : fmt::format(", {}/s", FormatBytes(r.seconds > 0 ? r.bytes / r.seconds : 0)));
+        fmt::print(stderr, "zvxfer: {}\n", text);
     }
-    fmt::print(stderr, "zvxfer: {} of {} transfer(s) verified in {}; {} in {:.2f} s\n",
-               all ? requests.size() : 0, requests.size(), folder,
-               FormatBytes(static_cast<double>(bytes)), session.seconds);
+    fmt::print(stderr, "zvxfer: {}\n",
+               fmt::format(P_("{} of {} transfer verified in {}; {} in {:.2f} s",
+                              "{} of {} transfers verified in {}; {} in {:.2f} s", requests.size()),
+                           all ? requests.size() : 0, requests.size(), folder,
+                           FormatBytes(static_cast<double>(bytes)), session.seconds));
     const uint64_t forward = link.Counters(host::LinkPair::AtoB).offered;
     const uint64_t back = link.Counters(host::LinkPair::BtoA).offered;
-    fmt::print(stderr, "zvxfer: line carried {} bytes service to terminal and {} back\n", forward,
-               back);
+    fmt::print(
+        stderr, "zvxfer: {}\n",
+        fmt::format(F_("line carried {} bytes service to terminal and {} back"), forward, back));
     return all ? 0 : 1;
 }
 

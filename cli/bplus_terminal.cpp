@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fmt/format.h>
 
+#include "i18n.h"
 #include "port_tap.h"
 #include "shown_text.h"
 #include "transfer.h"
@@ -156,11 +157,11 @@ int32_t RunEntry(XferPort *port, const std::vector<int32_t> &options) {
 std::string UploadPath(const std::string &asked, const std::vector<std::string> &offered,
                        std::string &why) {
     if (asked.empty()) {
-        why = "the service gave no name";
+        why = _("the service gave no name");
         return {};
     }
     if (asked.front() == '/' || asked.front() == '\\') {
-        why = "an absolute path";
+        why = _("an absolute path");
         return {};
     }
     // ".." as any component, with either separator.
@@ -170,7 +171,7 @@ std::string UploadPath(const std::string &asked, const std::vector<std::string> 
         const std::string part =
             asked.substr(start, end == std::string::npos ? std::string::npos : end - start);
         if (part == "..") {
-            why = "a path that leaves the folder";
+            why = _("a path that leaves the folder");
             return {};
         }
         if (end == std::string::npos) break;
@@ -181,7 +182,7 @@ std::string UploadPath(const std::string &asked, const std::vector<std::string> 
         const std::string base = slash == std::string::npos ? file : file.substr(slash + 1);
         if (asked == base || (asked == file && file.front() != '/')) return file;
     }
-    why = "not a file named on the command line";
+    why = _("not a file named on the command line");
     return {};
 }
 
@@ -274,37 +275,49 @@ int ReportBPlusSession(const BPlusSessionOutcome &o, const BPlusTerminalSettings
     for (const BPlusRequestOutcome &r : o.requests) {
         const std::string name = ShownText(r.name);
         if (!r.refused.empty()) {
-            fmt::print(stderr, "zvxfer: refused the service's upload request for {}: {}\n", name,
-                       r.refused);
+            fmt::print(stderr, "zvxfer: {}\n",
+                       fmt::format(F_("refused the service's upload request for {}: {}"), name,
+                                   r.refused));
             allOk = false;
             continue;
         }
         if (r.result != 1) {
             allOk = false;
-            fmt::print(stderr, "zvxfer: {} {} failed: {}\n", r.upload ? "upload of" : "download of",
-                       name.empty() ? "(no file)" : name, DescribeResult(r.result));
+            const std::string file = name.empty() ? _("(no file)") : name;
+            fmt::print(
+                stderr, "zvxfer: {}\n",
+                r.upload
+                    ? fmt::format(F_("upload of {} failed: {}"), file, DescribeResult(r.result))
+                    : fmt::format(F_("download of {} failed: {}"), file, DescribeResult(r.result)));
             if (!r.notice.empty()) fmt::print(stderr, "zvxfer: {}\n", ShownText(r.notice));
             continue;
         }
         bytes += r.bytes;
         ++(r.upload ? uploads : downloads);
         if (verbosity == Verbosity::Verbose)
-            fmt::print(stderr, "zvxfer: {} {}: {} bytes\n", r.upload ? "sent" : "received", name,
-                       r.bytes);
+            fmt::print(stderr, "zvxfer: {}\n",
+                       r.upload ? fmt::format(F_("sent {}: {} bytes"), name, r.bytes)
+                                : fmt::format(F_("received {}: {} bytes"), name, r.bytes));
     }
+    const std::string ended =
+        o.ended == "quiet"
+            ? fmt::format(F_("nothing for {} s"), std::max(s.quietMs, kFirstWaitMs) / 1000)
+        : o.ended == "lost"        ? _("the line was lost")
+        : o.ended == "interrupted" ? _("interrupted")
+                                   : o.ended;
     if (o.requests.empty())
-        fmt::print(stderr, "zvxfer: the service made no request ({})\n",
-                   o.ended == "quiet"
-                       ? fmt::format("nothing for {} s", std::max(s.quietMs, kFirstWaitMs) / 1000)
-                       : o.ended);
+        fmt::print(stderr, "zvxfer: {}\n",
+                   fmt::format(F_("the service made no request ({})"), ended));
     else if (!allOk && (o.ended == "lost" || o.ended == "interrupted"))
-        fmt::print(stderr, "zvxfer: the session ended: {}\n",
-                   o.ended == "lost" ? "the line was lost" : "interrupted");
+        fmt::print(stderr, "zvxfer: {}\n", fmt::format(F_("the session ended: {}"), ended));
     if (allOk && verbosity != Verbosity::Quiet) {
         const double rate = o.seconds > 0 ? static_cast<double>(bytes) / o.seconds : 0;
-        fmt::print(stderr, "zvxfer: {} file{} received, {} sent, {} in {:.1f} s ({}/s)\n",
-                   downloads, downloads == 1 ? "" : "s", uploads,
-                   FormatBytes(static_cast<double>(bytes)), o.seconds, FormatBytes(rate));
+        // TRANSLATORS: files received, files sent, the bytes, the time, the rate.
+        fmt::print(stderr, "zvxfer: {}\n",
+                   fmt::format(P_("{} file received, {} sent, {} in {:.1f} s ({}/s)",
+                                  "{} files received, {} sent, {} in {:.1f} s ({}/s)", downloads),
+                               downloads, uploads, FormatBytes(static_cast<double>(bytes)),
+                               o.seconds, FormatBytes(rate)));
     }
     return allOk ? 0 : 1;
 }

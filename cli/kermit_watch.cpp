@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "i18n.h"
 #include "shown_text.h"
 
 namespace zvxfer::cli {
@@ -38,10 +39,6 @@ uint32_t Crc(const uint8_t *p, std::size_t n) {
         crc = (crc >> 4) ^ (q * 4225);
     }
     return crc & 0xFFFF;
-}
-
-std::string Count(int n, const char *what) {
-    return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
 }
 
 } // namespace
@@ -209,20 +206,24 @@ KermitWatch::Verdict KermitWatch::Judge(int names) const {
     Verdict v;
     v.files = completed_;
     if (theirError_) {
-        v.why = "the other end stopped with the error: " + ShownText(*theirError_);
+        v.why =
+            fmt::format(F_("the other end stopped with the error: {}"), ShownText(*theirError_));
     } else if (ourError_) {
-        v.why = "stopped with the error: " + ShownText(*ourError_);
+        v.why = fmt::format(F_("stopped with the error: {}"), ShownText(*ourError_));
     } else if (!batchEnded_) {
-        v.why = "the exchange ended before the end of the batch";
+        v.why = _("the exchange ended before the end of the batch");
     } else if (discarded_ > 0) {
-        v.why = Count(discarded_, "file") + " discarded";
+        v.why = fmt::format(P_("{} file discarded", "{} files discarded", discarded_), discarded_);
     } else if (completed_ < started_) {
-        v.why = Count(started_ - completed_, "file") + " not finished";
+        const int unfinished = started_ - completed_;
+        v.why = fmt::format(P_("{} file not finished", "{} files not finished", unfinished),
+                            unfinished);
     } else if (completed_ == 0) {
-        v.why = sending_ ? "no file was sent" : "no file was received";
+        v.why = sending_ ? _("no file was sent") : _("no file was received");
     } else if (sending_ && completed_ < names) {
-        v.why = std::to_string(completed_) + " of " + Count(names, "file") +
-                " sent: the others are not readable files";
+        v.why = fmt::format(P_("{} of {} file sent: the others are not readable files",
+                               "{} of {} files sent: the others are not readable files", names),
+                            completed_, names);
     } else {
         v.ok = true;
     }

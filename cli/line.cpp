@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include "i18n.h"
 #include "tcp.h"
 #include "tty.h"
 
@@ -40,7 +41,7 @@ std::unique_ptr<OpenedLine> OpenLine(const LineChoice &choice, const host::LineH
     }
     line->host = std::make_unique<host::LineHost>(readFd, writeFd, options);
     if (!line->host->Ok()) {
-        error = "cannot watch the line";
+        error = _("cannot watch the line");
         return nullptr;
     }
     return line;

@@ -31,6 +31,7 @@
 #include "shown_text.h"
 #include "transfer.h"
 #include "tty.h"
+#include "zmodem_window.h"
 
 namespace zvxfer::cli {
 namespace {
@@ -103,13 +104,15 @@ void AddZmodemSendOptions(CLI::App &cmd, TransferSettings &s) {
         "--resume", s.resume,
         _("ZMODEM: ask the receiver to resume partial files; B+: continue partial downloads"));
     cmd.add_flag("--no-window", s.noWindow,
-                 _("ZMODEM: stream without waiting for acknowledgements"));
+                 _("ZMODEM: stream without waiting for acknowledgements (the default)"));
     cmd.add_option("--manage", s.management,
                    _("ZMODEM: receiver's handling of existing files: "
                      "newer-longer|append|replace|differ|protect|newer"))
         ->transform(CLI::CheckedTransformer(management, CLI::ignore_case).description(""))
         ->type_name(_("MODE"));
-    cmd.add_option("--window", s.windowBytes, _("ZMODEM: bytes sent before an acknowledgement"))
+    cmd.add_option("--window", s.windowBytes,
+                   _("ZMODEM: bytes sent before an acknowledgement (4096: the library's default; "
+                     "without it the sender streams)"))
         ->check(CLI::Range(1, 1 << 30));
 }
 
@@ -236,13 +239,14 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
                        _("the session ended cleanly; the receiver skipped every file"));
         return kExitOk;
     }
+    // The program's own judgement first: it says more than the result.
+    if (!o.failure.empty()) {
+        fmt::print(stderr, "zvxfer: {}\n", fmt::format(F_("transfer failed: {}"), o.failure));
+        return kExitFailed;
+    }
     if (o.result < 0) {
         fmt::print(stderr, "zvxfer: {}\n",
                    fmt::format(F_("transfer failed: {}"), DescribeResult(o.result)));
-        return kExitFailed;
-    }
-    if (!o.failure.empty()) {
-        fmt::print(stderr, "zvxfer: {}\n", fmt::format(F_("transfer failed: {}"), o.failure));
         return kExitFailed;
     }
     // A sender whose names were all good but that sent nothing had every
@@ -276,7 +280,8 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
 // Everything else gathers writes up to the line host's default.
 host::LineHostOptions LineOptionsFor(const TransferSettings &s) {
     host::LineHostOptions options;
-    if (s.sending && s.protocol.windowedSendFlushAt != 0 && !s.noWindow)
+    if (s.sending && s.protocol.windowedSendFlushAt != 0 &&
+        !ChooseZmodemWindow(s.noWindow, s.windowBytes).stream)
         options.flushAt = s.protocol.windowedSendFlushAt;
     return options;
 }
@@ -627,5 +632,6 @@ int Main(int argc, char **argv) {
 } // namespace zvxfer::cli
 
 int main(int argc, char **argv) {
+    zvxfer::cli::SetUpLanguage();
     return zvxfer::cli::Main(argc, argv);
 }

@@ -7,15 +7,19 @@
 #include <cstring>
 #include <fmt/format.h>
 #include <string_view>
+#include <sys/ioctl.h>
+#include <unistd.h>
+#include <vector>
 
+#include "i18n.h"
 #include "shown_text.h"
 
 namespace zvxfer::cli {
 namespace {
 
 constexpr auto kRedraw = std::chrono::milliseconds(100);
-constexpr int kBarWidth = 20;
-constexpr std::size_t kNameColumns = 24;
+constexpr int kBarMax = 30, kBarMin = 5;
+constexpr std::size_t kNameColumns = 24, kNameMin = 8;
 
 // The name without its folder, for display.
 std::string_view Shown(const char *name) {
@@ -101,27 +105,96 @@ void Reporter::Progress(const XferRecord &record) {
     if (live_) Draw(false);
 }
 
+int TerminalColumns() {
+    winsize size{};
+    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+    return 80;
+}
+
+std::string BarLine(const std::string &label, std::string_view name, uint64_t done, uint64_t size,
+                    double rate, int columns) {
+    const std::size_t width = columns > 1 ? static_cast<std::size_t>(columns - 1) : 1;
+    // The figures in the order shown, each with its rank: when the line is
+    // short the highest rank goes first (the percentage repeats the bar).
+    struct Figure {
+        int rank;
+        std::string text;
+    };
+    std::vector<Figure> figures;
+    const double part = size > 0 ? std::min(1.0, static_cast<double>(done) / size) : 0;
+    if (size > 0) figures.push_back({3, fmt::format("{:.0f}%", part * 100)});
+    figures.push_back({0, size > 0 ? fmt::format("{}/{}", FormatBytes(static_cast<double>(done)),
+                                                 FormatBytes(static_cast<double>(size)))
+                                   : FormatBytes(static_cast<double>(done))});
+    if (rate > 0) figures.push_back({1, fmt::format("{}/s", FormatBytes(rate))});
+    if (size > 0 && rate > 0 && done < size)
+        figures.push_back(
+            {2, fmt::format(F_("{} left"),
+                            FormatDuration((size - static_cast<double>(done)) / rate))});
+    const auto columnsOf = [](const std::string &text) { return ShownColumns(text); };
+    std::string tail;
+    for (;;) {
+        tail.clear();
+        for (const Figure &f : figures) tail += (tail.empty() ? "" : " ") + f.text;
+        if (columnsOf(label) + kNameMin + 1 + columnsOf(tail) <= width || figures.size() == 1)
+            break;
+        figures.erase(
+            std::max_element(figures.begin(), figures.end(),
+                             [](const Figure &a, const Figure &b) { return a.rank < b.rank; }));
+    }
+    std::size_t room = width - std::min(width, columnsOf(label) + columnsOf(tail) + 1);
+    // The name takes what it needs up to its share; the bar what is left.
+    const std::string_view shownName = CutShown(name, std::min(room, kNameColumns));
+    std::string line = label + std::string(shownName) +
+                       std::string(std::min(room, kNameColumns) - ShownColumns(shownName), ' ');
+    room -= std::min(room, kNameColumns);
+    if (size > 0 && room >= static_cast<std::size_t>(kBarMin) + 3) {
+        const int inner = std::min<int>(kBarMax, static_cast<int>(room) - 3);
+        const int filled = static_cast<int>(part * inner);
+        line += fmt::format(" [{}{}]", std::string(filled, '#'), std::string(inner - filled, '.'));
+    }
+    line += " " + tail;
+    // Whatever was kept, the line never reaches the last column.
+    return std::string(CutShown(line, width));
+}
+
 void Reporter::Draw(bool force) {
     const auto now = Clock::now();
     if (!force && now - drawn_ < kRedraw) return;
     drawn_ = now;
     const double elapsed = std::chrono::duration<double>(now - fileBegun_).count();
-    const double rate = elapsed > 0.05 ? static_cast<double>(current_) / elapsed : 0;
-    std::string bar, left;
-    if (size_ > 0) {
-        const double done = std::min(1.0, static_cast<double>(current_) / size_);
-        const int filled = static_cast<int>(done * kBarWidth);
-        bar = fmt::format("[{}{}] {:3.0f}% ", std::string(filled, '#'),
-                          std::string(kBarWidth - filled, '.'), done * 100);
-        if (rate > 0)
-            left = fmt::format(" {} left",
-                               FormatDuration((size_ - static_cast<double>(current_)) / rate));
+    // While the file runs the rate waits for a tenth of a second of data;
+    // the final line (forced) divides whatever time it took.
+    const double rate =
+        (elapsed > 0.1 || (force && elapsed > 0)) ? static_cast<double>(current_) / elapsed : 0;
+    const uint64_t size = size_ > 0 ? static_cast<uint64_t>(size_) : 0;
+    fmt::print(stderr, "\r\033[K{}",
+               BarLine(label_, file_, current_, size, rate, TerminalColumns()));
+    std::fflush(stderr);
+    barShown_ = true;
+}
+
+void Reporter::Waiting(double seconds) {
+    if (verbosity_ == Verbosity::Quiet) return;
+    if (seconds < 0) {
+        if (waitedShown_ >= 0 && live_) ClearBar();
+        waitedShown_ = -1;
+        return;
     }
-    // The name is cut by columns, never inside a character or an escape.
-    const std::string_view name = CutShown(file_, kNameColumns);
-    const std::string pad(kNameColumns - ShownColumns(name), ' ');
-    fmt::print(stderr, "\r\033[K{}{}{} {}{:>10}  {:>10}/s{}", label_, name, pad, bar,
-               FormatBytes(static_cast<double>(current_)), FormatBytes(rate), left);
+    const long whole = static_cast<long>(seconds);
+    if (whole < 1 || whole == waitedShown_) return;
+    if (!live_) {
+        // A log gets the wait once, not a line per second.
+        if (!waitShown_ && whole >= 2) {
+            Line(std::string("zvxfer: ") + _("waiting for the receiver"));
+            waitShown_ = true;
+        }
+        return;
+    }
+    waitedShown_ = whole;
+    const std::string text = label_ + fmt::format(F_("waiting for the receiver ({} s)"), whole);
+    fmt::print(stderr, "\r\033[K{}",
+               CutShown(text, static_cast<std::size_t>(std::max(1, TerminalColumns() - 1))));
     std::fflush(stderr);
     barShown_ = true;
 }

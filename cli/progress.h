@@ -29,6 +29,9 @@ class Reporter {
     void Progress(const XferRecord &record);
     // End the current file's line; called once the transfer has returned.
     void Finish();
+    // The sender has waited this long for the receiver to start (shown on
+    // the bar's line, or once as a plain line); negative: the wait is over.
+    void Waiting(double seconds);
 
     uint64_t Bytes() const { return bytes_ + current_; }
     double Seconds() const;
@@ -52,7 +55,19 @@ class Reporter {
     Clock::time_point fileBegun_ = begun_;
     Clock::time_point drawn_{};
     bool barShown_ = false;
+    bool waitShown_ = false; // the plain-line form was printed
+    long waitedShown_ = -1;  // whole seconds on the waiting line drawn last
 };
+
+// The bar's line for `columns` terminal columns: label, name, bar, percent,
+// done/total, rate and time left, the least useful parts left out first,
+// never wider than columns - 1 (a line that fills the last column wraps on
+// some terminals).  `size` 0: unknown.
+std::string BarLine(const std::string &label, std::string_view name, uint64_t done, uint64_t size,
+                    double rate, int columns);
+
+// Columns of the terminal on standard error (80 when it does not say).
+int TerminalColumns();
 
 // Human-readable byte counts and durations ("1.5 MiB", "2:03").
 std::string FormatBytes(double bytes);

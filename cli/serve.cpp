@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include "bplus_service.h"
+#include "i18n.h"
 #include "shown_text.h"
 #include "transfer.h"
 #include "tty.h"
@@ -45,65 +46,72 @@ host::BPlusServiceConfig ConfigOf(const ServeSettings &s) {
 
 std::string Describe(const host::RequestReport &r) {
     const bool download = r.request.kind == host::ServiceRequest::Download;
-    std::string text =
-        fmt::format("{} {}: ", download ? "download" : "upload", ShownText(r.request.path));
-    if (!r.ok) return text + "failed: " + r.why;
-    text += fmt::format("{} bytes, file CRC-32 {:08X}, check method {}", r.bytes, r.crc32,
-                        r.checkMethod);
+    const std::string path = ShownText(r.request.path);
+    if (!r.ok)
+        return download ? fmt::format(F_("download {}: failed: {}"), path, r.why)
+                        : fmt::format(F_("upload {}: failed: {}"), path, r.why);
+    // TRANSLATORS: the bytes, the file's CRC-32 and the check method's number.
+    const std::string details = fmt::format(F_("{} bytes, file CRC-32 {:08X}, check method {}"),
+                                            r.bytes, r.crc32, r.checkMethod);
+    std::string text = download ? fmt::format(F_("download {}: {}"), path, details)
+                                : fmt::format(F_("upload {}: {}"), path, details);
     if (r.resumePoint >= 0)
-        text += r.restarted ? fmt::format(", resume point {} refused: restarted", r.resumePoint)
-                            : fmt::format(", resumed at {}", r.resumePoint);
-    if (r.resends != 0) text += fmt::format(", {} packets resent", r.resends);
+        text += r.restarted ? fmt::format(F_(", resume point {} refused: restarted"), r.resumePoint)
+                            : fmt::format(F_(", resumed at {}"), r.resumePoint);
+    if (r.resends != 0)
+        text += fmt::format(P_(", {} packet resent", ", {} packets resent", r.resends), r.resends);
     return text;
 }
 
 } // namespace
 
 CLI::App *AddServeCommand(CLI::App &app, ServeSettings &s) {
-    auto *cmd = app.add_subcommand("serve", "be the service end of a B+ session on the line");
-    cmd->add_option("-p,--protocol", s.protocol, "protocol: bplus")
+    auto *cmd = app.add_subcommand("serve", _("be the service end of a B+ session on the line"));
+    cmd->add_option("-p,--protocol", s.protocol, _("protocol: bplus"))
         ->required()
         ->check(CLI::IsMember({"bplus"}));
-    cmd->add_flag("-q,--quiet", s.quiet, "show nothing but failures");
-    cmd->add_flag("-v,--verbose", s.verbose, "show every event of the service");
+    cmd->add_flag("-q,--quiet", s.quiet, _("show nothing but failures"));
+    cmd->add_flag("-v,--verbose", s.verbose, _("show every event of the service"));
     auto *device =
-        cmd->add_option("--line", s.line.device, "serial device (default: stdin/stdout)");
-    cmd->add_option("--baud", s.line.baud, "speed of the serial device")->needs(device);
-    cmd->add_option("--tcp", s.line.tcp, "connect to HOST:PORT")->excludes(device);
-    cmd->add_option("--download", s.downloads, "a file the service sends (repeatable)")
+        cmd->add_option("--line", s.line.device, _("serial device (default: stdin/stdout)"));
+    cmd->add_option("--baud", s.line.baud, _("speed of the serial device"))->needs(device);
+    cmd->add_option("--tcp", s.line.tcp, _("connect to HOST:PORT"))->excludes(device);
+    cmd->add_option("--download", s.downloads, _("a file the service sends (repeatable)"))
         ->check(CLI::ExistingFile);
-    cmd->add_option("--upload", s.uploads, "a name the service asks the terminal to send");
-    cmd->add_option("-d,--dir", s.folder, "folder uploads land in")->check(CLI::ExistingDirectory);
+    cmd->add_option("--upload", s.uploads, _("a name the service asks the terminal to send"));
+    cmd->add_option("-d,--dir", s.folder, _("folder uploads land in"))
+        ->check(CLI::ExistingDirectory);
     cmd->add_option("--check-method", s.checkMethod,
-                    "offered check: 0 checksum, 1 CRC-16, 2 X.25, 3 CRC-32")
+                    _("offered check: 0 checksum, 1 CRC-16, 2 X.25, 3 CRC-32"))
         ->check(CLI::Range(0, 3));
-    cmd->add_option("--block-size", s.blockSize, "offered packet size in 128-byte units")
+    cmd->add_option("--block-size", s.blockSize, _("offered packet size in 128-byte units"))
         ->check(CLI::Range(1, 8));
-    cmd->add_option("--window", s.window, "offered window")->check(CLI::Range(1, 2));
-    cmd->add_flag("--resume", s.resume, "offer download resume");
-    cmd->add_flag("--file-info", s.fileInfo, "offer file information before the data");
-    cmd->add_flag("--no-greeting", s.noGreeting, "start without ENQ");
-    cmd->add_option("--timeout", s.timeoutMs, "read time-out in milliseconds")
+    cmd->add_option("--window", s.window, _("offered window"))->check(CLI::Range(1, 2));
+    cmd->add_flag("--resume", s.resume, _("offer download resume"));
+    cmd->add_flag("--file-info", s.fileInfo, _("offer file information before the data"));
+    cmd->add_flag("--no-greeting", s.noGreeting, _("start without ENQ"));
+    cmd->add_option("--timeout", s.timeoutMs, _("read time-out in milliseconds"))
         ->check(CLI::Range(100, 600000));
-    cmd->add_option("--max-errors", s.maxErrors, "errors before a request fails")
+    cmd->add_option("--max-errors", s.maxErrors, _("errors before a request fails"))
         ->check(CLI::Range(1, 1000));
     cmd->add_option("--linger", s.lingerMs,
-                    "after the last request, answer the terminal until quiet this long (ms)")
+                    _("after the last request, answer the terminal until quiet this long (ms)"))
         ->check(CLI::Range(0, 600000));
     const auto packet = CLI::Range(1, 1000000);
-    cmd->add_option("--drop-packet", s.dropPacket, "do not send packet N the first time")
+    cmd->add_option("--drop-packet", s.dropPacket, _("do not send packet N the first time"))
         ->check(packet);
-    cmd->add_option("--damage-packet", s.damagePacket, "damage packet N the first time")
+    cmd->add_option("--damage-packet", s.damagePacket, _("damage packet N the first time"))
         ->check(packet);
-    cmd->add_option("--repeat-packet", s.repeatPacket, "send packet N twice")->check(packet);
-    cmd->add_option("--drop-ack", s.dropAck, "do not send acknowledgement N")->check(packet);
-    cmd->add_option("--damage-ack", s.damageAck, "damage acknowledgement N")->check(packet);
-    cmd->add_option("--repeat-ack", s.repeatAck, "send acknowledgement N twice")->check(packet);
-    cmd->add_option("--silent-from", s.silentFrom, "write nothing from packet N on")->check(packet);
+    cmd->add_option("--repeat-packet", s.repeatPacket, _("send packet N twice"))->check(packet);
+    cmd->add_option("--drop-ack", s.dropAck, _("do not send acknowledgement N"))->check(packet);
+    cmd->add_option("--damage-ack", s.damageAck, _("damage acknowledgement N"))->check(packet);
+    cmd->add_option("--repeat-ack", s.repeatAck, _("send acknowledgement N twice"))->check(packet);
+    cmd->add_option("--silent-from", s.silentFrom, _("write nothing from packet N on"))
+        ->check(packet);
     cmd->add_option("--fail-at", s.failAt,
-                    "send a failure packet instead of data packet N of a download")
+                    _("send a failure packet instead of data packet N of a download"))
         ->check(packet);
-    cmd->add_option("--fail-code", s.failCode, "the failure packet's code letter (default A)");
+    cmd->add_option("--fail-code", s.failCode, _("the failure packet's code letter (default A)"));
     return cmd;
 }
 
@@ -121,7 +129,7 @@ int RunServe(const ServeSettings &s) {
         requests.push_back(r);
     }
     if (requests.empty()) {
-        fmt::print(stderr, "zvxfer serve: give at least one --download or --upload\n");
+        fmt::print(stderr, "zvxfer serve: {}\n", _("give at least one --download or --upload"));
         return 2;
     }
     std::signal(SIGPIPE, SIG_IGN);
@@ -131,12 +139,13 @@ int RunServe(const ServeSettings &s) {
     std::string error;
     auto line = OpenLine(s.line, {}, error);
     if (!line) {
-        fmt::print(stderr, "zvxfer serve: cannot open the line: {}\n", error);
+        fmt::print(stderr, "zvxfer serve: {}\n",
+                   fmt::format(F_("cannot open the line: {}"), error));
         return 1;
     }
     XferPort *port = line->host->OpenPort();
     if (!port) {
-        fmt::print(stderr, "zvxfer serve: cannot open a port\n");
+        fmt::print(stderr, "zvxfer serve: {}\n", _("cannot open a port"));
         return 1;
     }
     std::vector<host::RequestReport> reports;
@@ -147,7 +156,7 @@ int RunServe(const ServeSettings &s) {
     }
     port->Ops.PortClose(port);
     line.reset();
-    if (g_interrupted.load()) fmt::print(stderr, "zvxfer serve: interrupted\n");
+    if (g_interrupted.load()) fmt::print(stderr, "zvxfer serve: {}\n", _("interrupted"));
     bool allOk = true;
     for (const host::RequestReport &r : reports) {
         allOk = allOk && r.ok;

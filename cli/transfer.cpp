@@ -10,6 +10,8 @@
 #include "i18n.h"
 #include "kermit_watch.h"
 #include "port_tap.h"
+#include "start_watch.h"
+#include "zmodem_window.h"
 
 namespace zvxfer::cli {
 
@@ -24,7 +26,13 @@ thread_local const std::function<bool()> *t_lineLost = nullptr;
 thread_local ReceivedFiles *t_files = nullptr;
 thread_local std::vector<std::string> *t_written = nullptr; // Kermit receive
 thread_local EchoText *t_echo = nullptr;
-thread_local bool t_echoMidLine = false; // the last echo shown did not end a line
+thread_local bool t_echoMidLine = false;    // the last echo shown did not end a line
+thread_local StartWatch *t_start = nullptr; // an XMODEM/YMODEM sender before its first block
+
+double Now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
 
 // The echo goes out a line at a time, and whatever is pending at each
 // abort check (the library makes one before it takes in the echo after a
@@ -75,6 +83,11 @@ int32_t OnProgress(XferRecord *record) {
 
 int32_t OnAbortCheck(XferRecord *) {
     if (g_interrupted.load(std::memory_order_relaxed)) return XferErrUserAbort;
+    if (t_start && !t_start->Started()) {
+        const double now = Now();
+        if (!t_start->Verdict(now).empty()) return XferErrUserAbort;
+        if (t_reporter) t_reporter->Waiting(t_start->Waited(now));
+    }
     if (t_lineLost && *t_lineLost && (*t_lineLost)()) return XferErrLostCarrier;
     return 0;
 }
@@ -92,16 +105,15 @@ std::vector<int32_t> OptionWords(const TransferSettings &s) {
     // names (the library is given exact files).
     if (s.resume) words.push_back(XferOptZmResume);
     if (s.pacing) words.push_back(XferOptZmPacing);
-    if (s.noWindow) words.push_back(XferOptZmNoWindow);
     if (s.management) words.push_back(*s.management);
     if (s.maxErrors) {
         words.push_back(XferOptMaxErrors);
         words.push_back(*s.maxErrors);
     }
-    if (s.windowBytes) {
-        words.push_back(XferOptZmWindowSize);
-        words.push_back(*s.windowBytes);
-    }
+    if (s.sending && s.protocol.number == Zmodem)
+        AppendWindowWords(ChooseZmodemWindow(s.noWindow, s.windowBytes), words);
+    else if (s.noWindow || s.windowBytes)
+        AppendWindowWords({s.noWindow, s.windowBytes}, words); // refused where not taken
     if (s.idleMs) {
         words.push_back(XferOptReceiveTimeout);
         words.push_back(*s.idleMs);
@@ -150,11 +162,11 @@ void InstallHooks() {
 
 std::string DescribeResult(int32_t code) {
 #define ZVXFER_CLI_TEXT(value, name, text)                                                         \
-    if (code == (value)) return std::to_string(code) + " " + (text);
+    if (code == (value)) return std::to_string(code) + " " + ResultText(code, text);
     XFER_RESULT_MAP(ZVXFER_CLI_TEXT)
     PORT_RESULT_MAP(ZVXFER_CLI_TEXT)
 #undef ZVXFER_CLI_TEXT
-    return std::to_string(code) + " Unknown error code";
+    return std::to_string(code) + " " + ResultText(code, "Unknown error code");
 }
 
 // Each protocol runs through its own entry, so an option the protocol does
@@ -253,6 +265,37 @@ int32_t RunWatched(XferPort *port, const TransferSettings &s, const std::functio
     return verdict.files;
 }
 
+// An XMODEM/YMODEM sender with the line watched until its first block: a
+// wait is shown, and a receiver asking only for another mode ends the
+// transfer with advice instead of the sender's long time-out.
+int32_t RunStartWatched(XferPort *port, const TransferSettings &s, Outcome &outcome) {
+    StartWatch watch(std::string(s.protocol.name), s.protocol.streaming, s.checksum, Now());
+    int32_t result;
+    {
+        PortTap tap(port, [&watch](bool written, const uint8_t *data, std::size_t length) {
+            if (written)
+                watch.Written(data, length);
+            else
+                watch.Read(data, length, Now());
+        });
+        if (!tap.Ok()) return XferErrNoBuffer;
+        t_start = &watch;
+        result = RunEntry(port, s, OptionWords(s));
+        t_start = nullptr;
+    }
+    if (t_reporter) t_reporter->Waiting(-1);
+    const std::string verdict = watch.Verdict(Now());
+    if (result < 0 && !verdict.empty() && !g_interrupted.load()) {
+        outcome.failure = verdict;
+        // The sender never started, so it sent no cancel: the receiver
+        // would go on asking until its own time-out.  Two CAN in a row end
+        // an XMODEM/YMODEM receiver; a few more survive a lost byte.
+        static const uint8_t cancel[8] = {0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18, 0x18};
+        port->Ops.WriteBuffer(port, cancel, sizeof cancel);
+    }
+    return result;
+}
+
 } // namespace
 
 Outcome RunTransfer(XferPort *port, const TransferSettings &s, Reporter &reporter,
@@ -261,8 +304,12 @@ Outcome RunTransfer(XferPort *port, const TransferSettings &s, Reporter &reporte
     Outcome outcome;
     {
         ThreadBinding binding(reporter, lineLost, files, &echo);
-        outcome.result = s.protocol.watched ? RunWatched(port, s, lineLost, outcome)
-                                            : RunEntry(port, s, OptionWords(s));
+        if (s.protocol.watched)
+            outcome.result = RunWatched(port, s, lineLost, outcome);
+        else if (StartWatch::Applies(s))
+            outcome.result = RunStartWatched(port, s, outcome);
+        else
+            outcome.result = RunEntry(port, s, OptionWords(s));
     }
     reporter.Finish();
     outcome.bytes = reporter.Bytes();

@@ -557,6 +557,15 @@ ZVXFER_EXTERN int32_t AsciiReceiveWithOptions(XferPort *port, char *fileName, Xf
  */
 ZVXFER_EXTERN int32_t RegisterXferDLL(void) ZVXFER_NOEXCEPT;
 
+/**
+ * Copy the catalogue's text of message `number` into `buffer` (NUL-ended,
+ * cut to `size` - 1 bytes), so that a host can show the library's words in
+ * the same language as its status lines.
+ * @return the length copied, or -1 (and an empty buffer when there is one)
+ * when the loaded catalogue has no usable text for that number.
+ */
+ZVXFER_EXTERN int32_t ZvMessageText(int32_t number, char *buffer, size_t size) ZVXFER_NOEXCEPT;
+
 /** Release the message catalogue (runs by itself when the library unloads). */
 ZVXFER_EXTERN void UnregisterXferDLL(void) ZVXFER_NOEXCEPT;
 

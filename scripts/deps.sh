@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build
   googletest libgtest-dev libgmock-dev libbenchmark-dev clang-format
-  lrzsz ckermit gkermit python3
+  lrzsz ckermit gkermit python3 tmux
   libfmt-dev libcli11-dev
 )
 

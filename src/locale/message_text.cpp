@@ -98,6 +98,26 @@ plat::ModuleHandle TakeMessageLibrary() {
     return module;
 }
 
+} // namespace zvxfer
+
+extern "C" ZVXFER_EXTERN int32_t ZvMessageText(int32_t number, char *buffer,
+                                               size_t size) ZVXFER_NOEXCEPT try {
+    if (buffer == nullptr || size == 0) return -1;
+    buffer[0] = '\0';
+    if (number <= 0) return -1; // no message has such a number
+    std::lock_guard lock(zvxfer::gMutex);
+    const zvxfer::Slot &slot = zvxfer::Lookup(number);
+    if (slot.number != number) return -1; // the fallback text is no text of the catalogue
+    std::size_t length = std::min(std::strlen(slot.text), size - 1);
+    std::memcpy(buffer, slot.text, length);
+    buffer[length] = '\0';
+    return static_cast<int32_t>(length);
+} catch (...) {
+    return -1;
+}
+
+namespace zvxfer {
+
 namespace {
 
 __attribute__((constructor)) void AttachLibrary() {

@@ -1,22 +1,19 @@
 // The B+ service on its own: its checks against the catalogue values, its
 // framing and quoting as exact bytes, and whole requests against a small
 // scripted terminal kept here (the greeting, ENQ and NAK answers, resume
-// points, uploads, and each misbehaviour option doing what it says).
+// points, uploads, and each misbehaviour option doing what it says); then
+// sessions with the library's engine.
 #include <algorithm>
-#include <atomic>
+#include <array>
 #include <deque>
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <string>
-#include <sys/socket.h>
-#include <thread>
-#include <unistd.h>
 #include <vector>
 
 #include "bplus_service.h"
-#include "line_host.h"
 #include "link_pair.h"
 #include "temp_tree.h"
 
@@ -32,52 +29,31 @@ Bytes B(const std::string &s) {
 
 // ---------------------------------------------------------------- checks
 
-TEST(BPlusServiceChecks, CatalogueValues) {
-    const std::string text = "123456789";
+TEST(BPlusServiceChecks, CatalogueValuesCarryAndResumeWords) {
+    const Bytes text = B("123456789");
     uint16_t ccitt = 0xFFFF, x25 = 0xFFFF;
-    uint32_t crc32 = 0xFFFFFFFFu;
-    for (char c : text) {
-        ccitt = Crc16CcittUpdate(ccitt, static_cast<uint8_t>(c));
-        x25 = X25Update(x25, static_cast<uint8_t>(c));
-        crc32 = Crc32Update(crc32, static_cast<uint8_t>(c));
-    }
+    for (uint8_t c : text) ccitt = Crc16CcittUpdate(ccitt, c), x25 = X25Update(x25, c);
     EXPECT_EQ(ccitt, 0x29B1);
     EXPECT_EQ(x25 ^ 0xFFFF, 0x906E);
-    EXPECT_EQ(~crc32, 0xCBF43926u);
-    EXPECT_EQ(Crc32Of(B(text).data(), text.size()), 0xCBF43926u);
-}
-
-TEST(BPlusServiceChecks, ChecksumFoldsTheCarry) {
-    struct Case {
+    EXPECT_EQ(Crc32Of(text.data(), text.size()), 0xCBF43926u);
+    // The checksum doubles, then adds, folding each carry back in.
+    const struct {
         Bytes in;
         uint8_t sum;
-    };
-    // s = 2s (carry folded in), then + b (carry folded in).
-    const Case cases[] = {
-        {{0x01, 0x02}, 0x04},       // 2*1 + 2
-        {{0x80, 0x00}, 0x01},       // 2*0x80 = 0x100 -> 0x01
-        {{0xFF, 0xFF}, 0xFF},       // 0x1FE -> 0xFF, + 0xFF = 0x1FE -> 0xFF
-        {{0x90, 0x90}, 0xB1},       // 0x120 -> 0x21, + 0x90 = 0xB1
-        {{0x10, 0x20, 0x30}, 0xB0}, // 0x10 -> 0x40 -> 0xB0
-    };
-    for (const Case &c : cases) {
+    } sums[] = {{{0x80, 0x00}, 0x01}, {{0xFF, 0xFF}, 0xFF}, {{0x90, 0x90}, 0xB1}};
+    for (const auto &c : sums) {
         uint8_t s = 0;
         for (uint8_t b : c.in) s = ChecksumUpdate(s, b);
         EXPECT_EQ(s, c.sum) << testing::PrintToString(c.in);
     }
-}
-
-TEST(BPlusServiceChecks, ResumeWordPerMethod) {
-    const Bytes data = B("123456789");
-    // CRC-16 CCITT from 0 (the XMODEM value) for 0, 1 and 3; X.25 from 0xF0B8 for 2.
-    EXPECT_EQ(ResumeCheckWord(0, data.data(), data.size()), 0x31C3);
-    EXPECT_EQ(ResumeCheckWord(1, data.data(), data.size()), 0x31C3);
-    EXPECT_EQ(ResumeCheckWord(3, data.data(), data.size()), 0x31C3);
+    // The resume word: CRC-16 CCITT from 0 (the XMODEM value), X.25 from
+    // 0xF0B8 for method 2.
+    EXPECT_EQ(ResumeCheckWord(1, text.data(), text.size()), 0x31C3);
+    EXPECT_EQ(ResumeCheckWord(3, text.data(), text.size()), 0x31C3);
     uint16_t x = 0xF0B8;
-    for (uint8_t b : data) x = X25Update(x, b);
-    EXPECT_EQ(ResumeCheckWord(2, data.data(), data.size()), x);
-    EXPECT_NE(x, 0x31C3);
-    EXPECT_EQ(ResumeCheckWord(2, data.data(), 0), 0xF0B8);
+    for (uint8_t b : text) x = X25Update(x, b);
+    EXPECT_EQ(ResumeCheckWord(2, text.data(), text.size()), x);
+    EXPECT_EQ(ResumeCheckWord(2, text.data(), 0), 0xF0B8);
 }
 
 // --------------------------------------------------------------- framing
@@ -160,46 +136,22 @@ TEST(BPlusServiceFraming, ExactBytesPerMethod) {
               (Bytes{kDle, 'B', '2', 'N', 'E', kEtx, 0x06, 0xA5, 0x65, kDle, 'U'}));
 }
 
-TEST(BPlusServiceFraming, ChecksHoldForAwkwardData) {
-    // Data full of characters that travel quoted, in every method: the
-    // receiver's reading of the frame gives the data back and the check
-    // holds (so check bytes below 0x20 are quoted and others are not).
-    Bytes data{'N'};
-    for (int c = 0; c < 256; ++c) data.push_back(static_cast<uint8_t>(c));
-    for (int method = 0; method < 4; ++method) {
-        for (int seq = 0; seq < 10; ++seq) {
-            for (const QuoteSet &q : {QuoteSet::Default(), QuoteSet::All()}) {
-                const Bytes frame = FramePacket(seq, data, method, q);
-                const Unframed u = Unframe(frame, method);
-                EXPECT_EQ(u.seq, seq);
-                EXPECT_EQ(u.data, data);
-                EXPECT_TRUE(CheckHolds(u, method)) << "method " << method << " seq " << seq;
-            }
-        }
-    }
-}
-
 TEST(BPlusServiceFraming, QuotingSets) {
-    struct Case {
+    // A quoted byte below 0x20 goes as DLE and the byte + 0x40, one of
+    // 0x80..0x9F as DLE and the byte - 0x20.
+    const struct {
         uint8_t c;
-        Bytes byDefault;
-        Bytes byAll;
+        Bytes byDefault, byAll;
+    } cases[] = {
+        {0x15, {kDle, 'U'}, {kDle, 'U'}}, {0x0D, {0x0D}, {kDle, 0x4D}},
+        {0x91, {0x91}, {kDle, 0x71}},     {0x41, {0x41}, {0x41}},
+        {0xA0, {0xA0}, {0xA0}},
     };
-    const Case cases[] = {
-        {0x03, {kDle, 'C'}, {kDle, 'C'}}, {0x05, {kDle, 'E'}, {kDle, 'E'}},
-        {0x10, {kDle, 'P'}, {kDle, 'P'}}, {0x11, {kDle, 'Q'}, {kDle, 'Q'}},
-        {0x13, {kDle, 'S'}, {kDle, 'S'}}, {0x15, {kDle, 'U'}, {kDle, 'U'}},
-        {0x00, {0x00}, {kDle, 0x40}},     {0x0D, {0x0D}, {kDle, 0x4D}},
-        {0x1B, {0x1B}, {kDle, 0x5B}},     {0x91, {0x91}, {kDle, 0x71}},
-        {0x80, {0x80}, {kDle, 0x60}},     {0x9F, {0x9F}, {kDle, 0x7F}},
-        {0x41, {0x41}, {0x41}},           {0xA0, {0xA0}, {0xA0}},
-    };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         for (bool all : {false, true}) {
             const Bytes frame =
                 FramePacket(0, {'N', c.c}, 1, all ? QuoteSet::All() : QuoteSet::Default());
-            // After 'N', up to the ETX that ends the data.
-            std::size_t end = 4;
+            std::size_t end = 4; // after 'N', up to the ETX that ends the data
             while (frame.at(end) != kEtx) end += frame[end] == kDle ? 2 : 1;
             const Bytes body(frame.begin() + 4, frame.begin() + static_cast<long>(end));
             EXPECT_EQ(body, all ? c.byAll : c.byDefault) << std::hex << int(c.c) << " all " << all;
@@ -772,6 +724,11 @@ TEST(BPlusServiceFaults, Acknowledgements) {
 }
 
 // ------------------------------------------------ against our own engine
+//
+// Whole sessions with the library's engine are run by the B+ pair tests of
+// the zvxfer program; here only what the fake terminal cannot show: how the
+// engine reads short parameter packets, the service's misbehaviour as the
+// engine meets it, and the service lingering for a terminal's last question.
 
 namespace engine {
 
@@ -797,15 +754,10 @@ std::string Log() {
     return all;
 }
 
-struct TerminalOptions {
-    int checkMethod = -1; // -1: no option 1024 (the engine offers the checksum)
-    bool resume = false;  // option 1026
-};
-
 // A terminal program in terminal mode: ENQ gets the B+ answer, DLE 'B'
-// hands the line to the engine; one engine call per request.
-int32_t Terminal(XferPort *port, int requests, const TerminalOptions &o,
-                 std::vector<int32_t> &results) {
+// hands the line to the engine (asking for check method `method`); one
+// engine call per request.
+int32_t Terminal(XferPort *port, int requests, int method, std::vector<int32_t> &results) {
     PortServiceLine line(port);
     int previous = -1;
     while (static_cast<int>(results.size()) < requests) {
@@ -814,19 +766,8 @@ int32_t Terminal(XferPort *port, int requests, const TerminalOptions &o,
         if (b == kEnq) {
             CompuServeBPlusRespond(port, 1);
         } else if (previous == kDle && b == 'B') {
-            int32_t r = 0;
-            if (o.checkMethod < 0 && !o.resume)
-                r = CompuServeBPlusWithOptions(port, Status, nullptr, XferOptEnd);
-            else if (o.checkMethod < 0)
-                r = CompuServeBPlusWithOptions(port, Status, nullptr, XferOptBPlusResume,
-                                               XferOptEnd);
-            else if (!o.resume)
-                r = CompuServeBPlusWithOptions(port, Status, nullptr, XferOptBPlusCheckMethod,
-                                               o.checkMethod, XferOptEnd);
-            else
-                r = CompuServeBPlusWithOptions(port, Status, nullptr, XferOptBPlusCheckMethod,
-                                               o.checkMethod, XferOptBPlusResume, XferOptEnd);
-            results.push_back(r);
+            results.push_back(CompuServeBPlusWithOptions(
+                port, Status, nullptr, XferOptBPlusCheckMethod, method, XferOptEnd));
             b = -1;
         }
         previous = b;
@@ -834,50 +775,14 @@ int32_t Terminal(XferPort *port, int requests, const TerminalOptions &o,
     return 0;
 }
 
-// Set to make the engine's abort check stop it (the program's Ctrl-C).
-std::atomic<bool> gStop{false};
-
-int32_t StopWhenAsked(XferRecord *) {
-    return gStop.load() ? XferErrUserAbort : 0;
-}
-
-// Set to flip the low bit of the terminal's byte with this index (counted
-// from 1) on its way to the service.
-std::size_t gDamageAt = 0;
-
-// The service's line, keeping every byte the terminal sent.
-class RecordingLine : public ServiceLine {
-  public:
-    explicit RecordingLine(XferPort *port) : inner_(port) {}
-    int Read(int timeoutMs) override {
-        int b = inner_.Read(timeoutMs);
-        if (b >= 0) {
-            bytes.push_back(static_cast<uint8_t>(b));
-            if (bytes.size() == gDamageAt) b ^= 1;
-        }
-        return b;
-    }
-    bool Write(const uint8_t *data, std::size_t length) override {
-        return inner_.Write(data, length);
-    }
-    Bytes bytes;
-
-  private:
-    PortServiceLine inner_;
-};
-
 struct Session {
-    Bytes fromTerminal;
     std::vector<RequestReport> reports;
     std::vector<int32_t> terminalResults;
     bool timedOut = false;
 };
 
-// `stopAfter`: once the service is done, the terminal's user aborts (the
-// engine waits for the service without limit otherwise).
-Session Run(BPlusServiceConfig config, const std::vector<ServiceRequest> &requests,
-            const TerminalOptions &terminal, const std::string &terminalFolder,
-            bool stopAfter = false) {
+Session Run(BPlusServiceConfig config, const std::vector<ServiceRequest> &requests, int method,
+            const std::string &terminalFolder) {
     LinkConfig link;
     link.b.receiveFolder = terminalFolder;
     link.hangUpOnExit = true;
@@ -888,25 +793,15 @@ Session Run(BPlusServiceConfig config, const std::vector<ServiceRequest> &reques
     LinkPair pair(link);
     const LinkResult r = pair.Run(
         [&](XferPort *port) {
-            RecordingLine line(port);
+            PortServiceLine line(port);
             BPlusService service(line, config);
             s.reports = service.Run(requests);
-            s.fromTerminal = line.bytes;
-            if (stopAfter) {
-                // A byte after the abort wakes the engine's 15-second read
-                // at once, so its abort check comes without that wait.
-                gStop.store(true);
-                const uint8_t space = ' ';
-                line.Write(&space, 1);
-            }
             return 0;
         },
         [&](XferPort *port) {
-            return Terminal(port, static_cast<int>(requests.size()), terminal, s.terminalResults);
+            return Terminal(port, static_cast<int>(requests.size()), method, s.terminalResults);
         });
     s.timedOut = r.timedOut;
-    gStop.store(false);
-    gDamageAt = 0;
     return s;
 }
 
@@ -916,127 +811,6 @@ Bytes ReadAll(const std::string &path) {
 }
 
 } // namespace engine
-
-TEST(BPlusServiceWithEngine, Downloads) {
-    struct Case {
-        const char *name;
-        int serviceMethod;
-        int terminalMethod; // -1: no option
-        int blockSize;
-        std::size_t size;
-        int expectedMethod;
-    };
-    const Case cases[] = {
-        {"engine defaults: checksum", 3, -1, 8, 5000, 0},
-        {"CRC-16", 1, 1, 8, 4097, 1},
-        {"X.25, small blocks", 2, 2, 2, 1500, 2},
-        {"CRC-32", 3, 3, 8, 3000, 3},
-        {"CRC-32 offered, CRC-16 taken", 3, 1, 4, 2000, 1},
-        {"empty file", 1, 1, 8, 0, 1},
-        {"two packets ahead", 1, 1, 8, 9000, 1},
-    };
-    for (const Case &c : cases) {
-        Fixture f;
-        Bytes content = Pattern(c.size);
-        const std::string source = f.File("src/file.bin", content);
-        const std::string into = f.tree.Dir("terminal") + "/";
-        BPlusServiceConfig config;
-        config.checkMethod = c.serviceMethod;
-        config.blockSize = c.blockSize;
-        config.extraAhead = c.size == 9000 ? 2 : 0;
-        engine::TerminalOptions terminal;
-        terminal.checkMethod = c.terminalMethod;
-        const engine::Session s = engine::Run(config, {Down(source)}, terminal, into);
-        const std::string log = engine::Log();
-        ASSERT_FALSE(s.timedOut) << c.name << "\n" << log;
-        ASSERT_EQ(s.reports.size(), 1u);
-        EXPECT_TRUE(s.reports[0].ok) << c.name << ": " << s.reports[0].why << "\n" << log;
-        EXPECT_EQ(s.reports[0].checkMethod, c.expectedMethod) << c.name;
-        ASSERT_EQ(s.terminalResults.size(), 1u) << c.name;
-        EXPECT_EQ(s.terminalResults[0], 1) << c.name << "\n" << log;
-        EXPECT_EQ(engine::ReadAll(into + "file.bin"), content) << c.name;
-    }
-}
-
-TEST(BPlusServiceWithEngine, UploadsAndASessionOfTwo) {
-    Fixture f;
-    const Bytes up = Pattern(3333);
-    const Bytes down = Pattern(777);
-    const std::string upPath = f.File("terminal/up.bin", up);
-    const std::string downPath = f.File("service/down.bin", down);
-    BPlusServiceConfig config;
-    config.folder = f.tree.Dir("landed");
-    engine::TerminalOptions terminal;
-    terminal.checkMethod = 3;
-    const engine::Session s =
-        engine::Run(config, {Up(upPath), Down(downPath)}, terminal, f.tree.Folder() + "terminal/");
-    const std::string log = engine::Log();
-    ASSERT_FALSE(s.timedOut) << log;
-    ASSERT_EQ(s.reports.size(), 2u);
-    EXPECT_TRUE(s.reports[0].ok) << s.reports[0].why << "\n" << log;
-    EXPECT_TRUE(s.reports[1].ok) << s.reports[1].why << "\n" << log;
-    EXPECT_EQ(s.reports[0].crc32, Crc32Of(up.data(), up.size()));
-    EXPECT_EQ(s.terminalResults, (std::vector<int32_t>{1, 1})) << log;
-    EXPECT_EQ(engine::ReadAll(f.tree.Path("landed/up.bin")), up);
-    EXPECT_EQ(engine::ReadAll(f.tree.Path("terminal/down.bin")), down);
-}
-
-TEST(BPlusServiceWithEngine, ADamagedUploadPacketCostsOneNak) {
-    // The terminal keeps sending while its window allows: the packets after
-    // the damaged one are dropped without a NAK each, since every NAK costs
-    // the terminal one of its ten errors.
-    Fixture f;
-    const Bytes up = Pattern(6000);
-    const std::string upPath = f.File("terminal/up.bin", up);
-    BPlusServiceConfig config;
-    config.folder = f.tree.Dir("landed");
-    engine::TerminalOptions terminal;
-    terminal.checkMethod = 3;
-    engine::gDamageAt = 2500; // inside the third data packet
-    const engine::Session s =
-        engine::Run(config, {Up(upPath)}, terminal, f.tree.Folder() + "terminal/");
-    const std::string log = engine::Log();
-    ASSERT_FALSE(s.timedOut) << log;
-    ASSERT_EQ(s.reports.size(), 1u);
-    EXPECT_TRUE(s.reports[0].ok) << s.reports[0].why << "\n" << log;
-    EXPECT_EQ(s.reports[0].errors, 1u) << log;
-    EXPECT_EQ(s.terminalResults, (std::vector<int32_t>{1})) << log;
-    EXPECT_EQ(engine::ReadAll(f.tree.Path("landed/up.bin")), up);
-}
-
-TEST(BPlusServiceWithEngine, ResumePoints) {
-    // The terminal holds the first 1500 bytes, right or damaged; the
-    // service checks the word for every method and resumes or restarts.
-    const Bytes content = Pattern(4000);
-    for (int method : {-1, 1, 2, 3}) {
-        for (bool damaged : {false, true}) {
-            Fixture f;
-            const std::string source = f.File("src/r.bin", content);
-            Bytes partial(content.begin(), content.begin() + 1500);
-            if (damaged) partial[700] ^= 0x40;
-            f.File("terminal/r.bin", partial);
-            BPlusServiceConfig config;
-            config.checkMethod = 3;
-            config.downloadResume = 1;
-            engine::TerminalOptions terminal;
-            terminal.checkMethod = method;
-            terminal.resume = true;
-            const engine::Session s =
-                engine::Run(config, {Down(source)}, terminal, f.tree.Folder() + "terminal/");
-            const std::string log = engine::Log();
-            const std::string name =
-                "method " + std::to_string(method) + (damaged ? " damaged" : " intact");
-            ASSERT_FALSE(s.timedOut) << name << "\n" << log;
-            ASSERT_EQ(s.reports.size(), 1u);
-            const RequestReport &r = s.reports[0];
-            EXPECT_TRUE(r.ok) << name << ": " << r.why << "\n" << log;
-            EXPECT_EQ(r.resumePoint, 1500) << name;
-            EXPECT_EQ(r.restarted, damaged) << name << "\n" << log;
-            EXPECT_EQ(r.bytes, damaged ? 4000u : 2500u) << name;
-            EXPECT_EQ(engine::ReadAll(f.tree.Path("terminal/r.bin")), content) << name;
-        }
-    }
-}
 
 TEST(BPlusServiceWithEngine, MisbehaviourTheEngineRecoversFrom) {
     // A dropped packet is noticed by the service's own time-out (1 s here).
@@ -1062,39 +836,13 @@ TEST(BPlusServiceWithEngine, MisbehaviourTheEngineRecoversFrom) {
         config.faults = {c.fault};
         config.extraAhead = c.ahead;
         config.readTimeoutMs = 1000;
-        engine::TerminalOptions terminal;
-        terminal.checkMethod = 1;
-        const engine::Session s =
-            engine::Run(config, {Down(source)}, terminal, f.tree.Dir("t") + "/");
+        const engine::Session s = engine::Run(config, {Down(source)}, 1, f.tree.Dir("t") + "/");
         const std::string log = engine::Log();
         ASSERT_FALSE(s.timedOut) << c.name << "\n" << log;
         EXPECT_TRUE(s.reports[0].ok) << c.name << ": " << s.reports[0].why << "\n" << log;
         EXPECT_EQ(s.terminalResults, (std::vector<int32_t>{1})) << c.name << "\n" << log;
         EXPECT_EQ(engine::ReadAll(f.tree.Path("t/m.bin")), content) << c.name;
     }
-}
-
-TEST(BPlusServiceWithEngine, FailurePacketMidway) {
-    // The engine takes the failure packet (its text shown), acknowledges
-    // it, and then waits for the service's next packet until its user
-    // aborts: it does not end by itself, not even when the line is lost.
-    SetAbortXferFunctionPtr(engine::StopWhenAsked);
-    Fixture f;
-    const std::string source = f.File("src/x.bin", Pattern(5000));
-    BPlusServiceConfig config;
-    config.faults = {{ServiceFault::FailAt, 2, 'I'}};
-    engine::TerminalOptions terminal;
-    terminal.checkMethod = 1;
-    const engine::Session s =
-        engine::Run(config, {Down(source)}, terminal, f.tree.Dir("t") + "/", true);
-    const std::string log = engine::Log();
-    ASSERT_FALSE(s.timedOut) << log;
-    EXPECT_FALSE(s.reports[0].ok);
-    EXPECT_EQ(s.reports[0].why, "failure packet I sent midway");
-    EXPECT_EQ(s.reports[0].failureCode, 'I');
-    ASSERT_EQ(s.terminalResults.size(), 1u) << log;
-    EXPECT_EQ(s.terminalResults[0], XferErrUserAbort) << log;
-    EXPECT_NE(log.find("Service failure"), std::string::npos) << log;
 }
 
 TEST(BPlusServiceWithEngine, ShortParameterPackets) {
@@ -1111,92 +859,13 @@ TEST(BPlusServiceWithEngine, ShortParameterPackets) {
         BPlusServiceConfig config;
         config.checkMethod = 3;
         config.parametersLength = c.length;
-        engine::TerminalOptions terminal;
-        terminal.checkMethod = 3;
-        const engine::Session s =
-            engine::Run(config, {Down(source)}, terminal, f.tree.Dir("t") + "/");
+        const engine::Session s = engine::Run(config, {Down(source)}, 3, f.tree.Dir("t") + "/");
         const std::string log = engine::Log();
         ASSERT_FALSE(s.timedOut) << log;
         EXPECT_TRUE(s.reports[0].ok) << c.length << ": " << s.reports[0].why << "\n" << log;
         EXPECT_EQ(s.reports[0].checkMethod, c.method) << c.length;
         EXPECT_EQ(engine::ReadAll(f.tree.Path("t/p.bin")), content) << c.length;
     }
-}
-
-TEST(BPlusServiceWithEngine, EngineQuotesTheServiceSet) {
-    // The service asks for CR and 0x91 quoted as well; the engine's upload
-    // (checksum: every check byte goes through the quoting too) then holds
-    // neither as it is, while the file is full of both.
-    Fixture f;
-    Bytes content(3000);
-    for (std::size_t i = 0; i < content.size(); ++i) content[i] = i % 3 ? 0x0D : 0x91;
-    const std::string source = f.File("terminal/q.bin", content);
-    for (bool asked : {false, true}) {
-        BPlusServiceConfig config;
-        config.folder = f.tree.Dir(asked ? "asked" : "plain");
-        if (asked) config.quote.Add(0x0D), config.quote.Add(0x91);
-        const engine::Session s = engine::Run(config, {Up(source)}, {}, f.tree.Folder());
-        const std::string log = engine::Log();
-        ASSERT_FALSE(s.timedOut) << log;
-        ASSERT_TRUE(s.reports[0].ok) << s.reports[0].why << "\n" << log;
-        EXPECT_EQ(engine::ReadAll(config.folder + "/q.bin"), content);
-        const auto raw = [&](uint8_t c) {
-            return std::count(s.fromTerminal.begin(), s.fromTerminal.end(), c);
-        };
-        if (asked) {
-            EXPECT_EQ(raw(0x0D), 0);
-            EXPECT_EQ(raw(0x91), 0);
-        } else {
-            // Without the request both travel as they are.
-            EXPECT_GE(raw(0x0D), 2000);
-            EXPECT_GE(raw(0x91), 1000);
-        }
-    }
-}
-
-TEST(BPlusServiceWithEngine, OverFdLineHosts) {
-    // As `zvxfer serve` runs: the service on a LineHost's port, here over
-    // a socket pair to our engine on another LineHost (queued writes, real
-    // fds), a download then an upload.
-    Fixture f;
-    const Bytes down = Pattern(20000);
-    const Bytes up = Pattern(7000);
-    const std::string downPath = f.File("service/d.bin", down);
-    const std::string upPath = f.File("terminal/u.bin", up);
-    const std::string terminalFolder = f.tree.Folder() + "terminal/";
-    int fds[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-    std::vector<RequestReport> reports;
-    std::vector<int32_t> results;
-    std::thread terminal([&] {
-        LineHost host(fds[1]);
-        XferPort *port = host.OpenPort(terminalFolder.c_str());
-        engine::TerminalOptions o;
-        o.checkMethod = 3;
-        engine::Terminal(port, 2, o, results);
-        port->Ops.PortClose(port);
-    });
-    {
-        LineHost host(fds[0]);
-        XferPort *port = host.OpenPort();
-        PortServiceLine line(port);
-        BPlusServiceConfig config;
-        config.readTimeoutMs = 5000;
-        config.folder = f.tree.Dir("landed");
-        BPlusService service(line, config);
-        reports = service.Run({Down(downPath), Up(upPath)});
-        port->Ops.PortClose(port);
-    }
-    terminal.join();
-    close(fds[0]);
-    close(fds[1]);
-    const std::string log = engine::Log();
-    ASSERT_EQ(reports.size(), 2u);
-    EXPECT_TRUE(reports[0].ok) << reports[0].why << "\n" << log;
-    EXPECT_TRUE(reports[1].ok) << reports[1].why << "\n" << log;
-    EXPECT_EQ(results, (std::vector<int32_t>{1, 1})) << log;
-    EXPECT_EQ(engine::ReadAll(terminalFolder + "d.bin"), down);
-    EXPECT_EQ(engine::ReadAll(f.tree.Path("landed/u.bin")), up);
 }
 
 TEST(BPlusServiceWithEngine, LastAcknowledgementLostInAnUpload) {
@@ -1212,9 +881,7 @@ TEST(BPlusServiceWithEngine, LastAcknowledgementLostInAnUpload) {
     config.folder = f.tree.Dir("landed");
     config.lingerMs = 30000;
     config.faults = {{ServiceFault::DropAck, 7}};
-    engine::TerminalOptions terminal;
-    terminal.checkMethod = 2;
-    const engine::Session s = engine::Run(config, {Up(upPath)}, terminal, f.tree.Folder());
+    const engine::Session s = engine::Run(config, {Up(upPath)}, 2, f.tree.Folder());
     const std::string log = engine::Log();
     ASSERT_FALSE(s.timedOut) << log;
     EXPECT_TRUE(s.reports[0].ok) << s.reports[0].why << "\n" << log;

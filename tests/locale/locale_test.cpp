@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -299,6 +300,28 @@ TEST_F(MessageTextTest, TextsStayValidForTwoFurtherLookups) {
     char small[2];
     MessageTextCopy(5, small, sizeof small); // cut to the buffer
     EXPECT_STREQ(small, "B");
+}
+
+// The host's copy of a catalogue text: the text, or -1 when the catalogue
+// has none (never the fallback text a status line would show).
+TEST_F(MessageTextTest, HostCopyTellsAMissingTextFromAPresentOne) {
+    Catalogue("28263\tcancelled\n28285\tblock %s\n7\tseven\n");
+    char text[64] = "untouched";
+    EXPECT_EQ(ZvMessageText(28263, text, sizeof text), 9);
+    EXPECT_STREQ(text, "cancelled");
+    char small[4];
+    EXPECT_EQ(ZvMessageText(28263, small, sizeof small), 3);
+    EXPECT_STREQ(small, "can");
+    for (int32_t missing : {28285, 28264, 0, -1}) {
+        std::snprintf(text, sizeof text, "untouched");
+        EXPECT_EQ(ZvMessageText(missing, text, sizeof text), -1) << missing;
+        EXPECT_STREQ(text, "") << missing;
+    }
+    // After a missing lookup marked a slot, a present number is still found.
+    EXPECT_EQ(ZvMessageText(7, text, sizeof text), 5);
+    EXPECT_STREQ(text, "seven");
+    EXPECT_EQ(ZvMessageText(7, nullptr, 8), -1);
+    EXPECT_EQ(ZvMessageText(7, text, 0), -1);
 }
 
 TEST_F(MessageTextTest, CopiesFromSeveralThreadsNeverMix) {
