@@ -8,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "i18n.h"
 #include "link_pair.h"
+#include "names.h"
 #include "transfer.h"
 
 namespace zvxfer::cli {
@@ -52,16 +54,16 @@ bool Verify(const fs::path &original, const fs::path &copy, const Protocol &prot
         const bool zeros = std::all_of(b.begin() + static_cast<long>(a.size()), b.end(),
                                        [](char c) { return c == 0; });
         if (zeros) {
-            note = fmt::format(" (+{} padding)", b.size() - a.size());
+            note = fmt::format(F_(" (+{} padding)"), b.size() - a.size());
             b.resize(a.size());
         }
     }
     ok = ok && a == b;
     if (ok && protocol.carriesTime) {
         ok = ModTime(original) == ModTime(copy);
-        note += ok ? ", time kept" : ", time differs";
+        note += ok ? _(", time kept") : _(", time differs");
     }
-    fmt::print(stderr, "{} {}  {} bytes{}\n", ok ? "ok    " : "FAILED",
+    fmt::print(stderr, F_("{} {}  {} bytes{}\n"), ok ? _("ok    ") : _("FAILED"),
                original.filename().string(), a.size(), note);
     return ok;
 }
@@ -77,9 +79,9 @@ bool VerifyCapture(const std::vector<fs::path> &originals, const fs::path &captu
             if (!dropLf || c != '\n') expected.push_back(c);
     }
     const bool ok = fs::exists(capture) && ReadAll(capture) == expected;
-    fmt::print(stderr, "{} {}  {} bytes, {} file{} in order{}\n", ok ? "ok    " : "FAILED",
-               capture.filename().string(), expected.size(), originals.size(),
-               originals.size() == 1 ? "" : "s", dropLf ? " without LF" : "");
+    fmt::print(stderr, F_("{} {}  {} bytes, {} file{} in order{}\n"),
+               ok ? _("ok    ") : _("FAILED"), capture.filename().string(), expected.size(),
+               originals.size(), originals.size() == 1 ? "" : "s", dropLf ? " without LF" : "");
     return ok;
 }
 
@@ -110,34 +112,57 @@ void AddLoopbackOptions(CLI::App &cmd, LoopbackSettings &s) {
     cmd.add_option("--ber", s.bitErrorRate, "bit-error rate, e.g. 1e-5")
         ->check(CLI::Range(0.0, 0.01));
     cmd.add_option("--seed", s.seed, "seed of the line's errors (to replay a run)");
-    cmd.add_option("-d,--dir", s.folder, "folder for the received files (default: a new one)")
+    cmd.add_option("-d,--dir", s.folder,
+                   _("folder for the received files (default: a new one, removed afterwards)"))
         ->check(CLI::ExistingDirectory);
+    cmd.add_flag("--keep", s.keep, _("keep the new folder with the received files"));
 }
 
-int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
-    std::vector<fs::path> originals;
-    for (const std::string &f : s.files) {
-        if (!fs::is_regular_file(f)) {
-            fmt::print(stderr, "zvxfer: not a file: {}\n", f);
-            return 2;
-        }
-        originals.emplace_back(f);
+namespace {
+
+// The fresh folder of a run and the copies in it go when the run ends,
+// unless they were asked to stay.
+struct FreshFolderRemoval {
+    std::string folder;
+    ~FreshFolderRemoval() {
+        if (folder.empty()) return;
+        std::error_code ec;
+        fs::remove_all(folder, ec);
     }
+};
+
+} // namespace
+
+int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
+    // The names are checked and expanded as `send` does it; the files then
+    // go to the library by their exact names.
+    const CheckedNames checked = CheckSendNames(s.files, s.sendOptions.subfolders);
+    for (const std::string &problem : checked.problems) fmt::print(stderr, "zvxfer: {}\n", problem);
+    if (!checked.problems.empty() || checked.files.empty()) return 1;
+    std::vector<fs::path> originals(checked.files.begin(), checked.files.end());
     if (!s.protocol.batch && !s.protocol.text && originals.size() > 1) {
-        fmt::print(stderr, "zvxfer: {} moves one file at a time\n", s.protocol.name);
+        fmt::print(stderr, "zvxfer: {}\n",
+                   fmt::format(F_("{} moves one file at a time"), s.protocol.name));
         return 2;
+    }
+    ExactNames exact;
+    std::string error;
+    if (!s.protocol.watched && !exact.Build(checked.files, s.sendOptions.fullPath, error)) {
+        fmt::print(stderr, "zvxfer: {}\n", error);
+        return 1;
     }
     const std::string folder = s.folder.empty() ? FreshFolder("loopback") : s.folder;
     if (folder.empty()) {
-        fmt::print(stderr, "zvxfer: cannot make a folder for the received files\n");
+        fmt::print(stderr, "zvxfer: {}\n", _("cannot make a folder for the received files"));
         return 1;
     }
+    FreshFolderRemoval removal{s.folder.empty() && !s.keep ? folder : std::string()};
 
     host::LinkConfig config = SimulatedLink(s, folder);
 
     TransferSettings sender = s.sendOptions;
     sender.protocol = s.protocol;
-    sender.files = s.files;
+    sender.files = s.protocol.watched ? checked.files : exact.Names();
     TransferSettings receiver;
     receiver.protocol = s.protocol;
     receiver.sending = false;
@@ -170,14 +195,16 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
     const bool receivedOk =
         received.result >= 0 || (s.protocol.text && received.result == XferErrCharTimeout);
     if (sent.result < 0 || !receivedOk) {
-        fmt::print(stderr, "zvxfer: loopback failed: send {}, receive {}\n",
-                   DescribeResult(sent.result), DescribeResult(received.result));
+        fmt::print(stderr, "zvxfer: {}\n",
+                   fmt::format(F_("loopback failed: send {}, receive {}"),
+                               DescribeResult(sent.result), DescribeResult(received.result)));
         return 1;
     }
     for (const Outcome *o : {&sent, &received})
         if (!o->failure.empty()) {
-            fmt::print(stderr, "zvxfer: loopback failed: {}: {}\n",
-                       o == &sent ? "sender" : "receiver", o->failure);
+            fmt::print(stderr, "zvxfer: {}\n",
+                       fmt::format(F_("loopback failed: {}: {}"),
+                                   o == &sent ? _("sender") : _("receiver"), o->failure));
             return 1;
         }
     bool all = true;
@@ -196,20 +223,25 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
     const double rate = received.seconds > 0 ? received.bytes / received.seconds : 0;
     // A capture's time includes the silence that ended it.
     const std::string what = s.protocol.text
-                                 ? fmt::format("capture of {} file(s) {}", originals.size(),
-                                               all ? "verified" : "differs")
-                                 : fmt::format("{} of {} file(s) verified",
+                                 ? fmt::format(F_("capture of {} file(s) {}"), originals.size(),
+                                               all ? _("verified") : _("differs"))
+                                 : fmt::format(F_("{} of {} file(s) verified"),
                                                all ? originals.size() : 0, originals.size());
-    fmt::print(stderr, "zvxfer: {} in {}; {} in {:.2f} s ({}/s)\n", what, folder,
+    const std::string where = removal.folder.empty()
+                                  ? fmt::format(F_("in {}"), folder)
+                                  : fmt::format(F_("in {} (now removed)"), folder);
+    fmt::print(stderr, "zvxfer: {} {}; {} in {:.2f} s ({}/s)\n", what, where,
                FormatBytes(static_cast<double>(received.bytes)), received.seconds,
                FormatBytes(rate));
     // What the line carried: the share of the forward bytes that were file
     // data is the protocol's wire efficiency.
     const uint64_t forward = link.Counters(host::LinkPair::AtoB).offered;
     const uint64_t back = link.Counters(host::LinkPair::BtoA).offered;
-    fmt::print(stderr, "zvxfer: line carried {} bytes forward and {} back; file/line {:.3f}\n",
-               forward, back,
-               forward ? static_cast<double>(received.bytes) / static_cast<double>(forward) : 0.0);
+    fmt::print(
+        stderr, "zvxfer: {}\n",
+        fmt::format(
+            F_("line carried {} bytes forward and {} back; file/line {:.3f}"), forward, back,
+            forward ? static_cast<double>(received.bytes) / static_cast<double>(forward) : 0.0));
     return all ? 0 : 1;
 }
 

@@ -22,6 +22,7 @@ struct LoopbackSettings {
     double bitErrorRate = 0;
     uint64_t seed = 1;
     std::string folder;            // where received files land (default: a fresh temporary folder)
+    bool keep = false;             // keep the fresh folder and its copies after the run
     TransferSettings sendOptions;  // the sender's protocol options (ZMODEM window, ...)
     std::optional<int32_t> idleMs; // ASCII: the capture's silence (default: from the line)
 };

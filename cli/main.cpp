@@ -2,8 +2,14 @@
 // library.  Standard output carries nothing but protocol bytes when it is
 // the line; everything for the user goes to standard error.
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
 #include <fmt/format.h>
 #include <map>
 #include <optional>
@@ -14,9 +20,11 @@
 
 #include "bplus_loopback.h"
 #include "bplus_terminal.h"
+#include "file_open.h"
 #include "i18n.h"
 #include "line.h"
 #include "loopback.h"
+#include "names.h"
 #include "partial_file.h"
 #include "protocols.h"
 #include "serve.h"
@@ -37,6 +45,7 @@ struct Common {
     bool quiet = false;
     bool verbose = false;
     bool removePartial = false;
+    bool skipMissing = false;
 };
 
 void OnInterrupt(int) {
@@ -49,31 +58,38 @@ Verbosity VerbosityOf(const Common &c) {
 }
 
 void AddCommon(CLI::App &cmd, Common &c) {
-    cmd.add_option("-p,--protocol", c.protocol, "protocol: " + ProtocolNames())
+    cmd.add_option("-p,--protocol", c.protocol, _("protocol: ") + ProtocolNames())
         ->required()
         ->check(CLI::IsMember([] {
             std::vector<std::string> names;
             for (const Protocol &p : Protocols()) names.emplace_back(p.name);
             return names;
         }()));
-    cmd.add_flag("-q,--quiet", c.quiet, "show nothing but errors");
-    cmd.add_flag("-v,--verbose", c.verbose, "also show the library's trace lines");
+    cmd.add_flag("-q,--quiet", c.quiet, _("show nothing but errors"));
+    cmd.add_flag("-v,--verbose", c.verbose, _("also show the library's trace lines"));
 }
 
 void AddLine(CLI::App &cmd, LineChoice &line) {
-    auto *device = cmd.add_option("--line", line.device, "serial device (default: stdin/stdout)");
-    cmd.add_option("--baud", line.baud, "speed of the serial device")->needs(device);
-    cmd.add_flag("--rtscts", line.rtsCts, "RTS/CTS flow control on the serial device")
+    auto *device =
+        cmd.add_option("--line", line.device, _("serial device (default: stdin/stdout)"));
+    cmd.add_option("--baud", line.baud, _("speed of the serial device"))->needs(device);
+    cmd.add_flag("--rtscts", line.rtsCts, _("RTS/CTS flow control on the serial device"))
         ->needs(device);
-    cmd.add_option("--tcp", line.tcp, "connect to HOST:PORT")->excludes(device);
+    cmd.add_option("--tcp", line.tcp, _("connect to HOST:PORT"))->excludes(device);
 }
 
-void AddTransferOptions(CLI::App &cmd, TransferSettings &s) {
-    cmd.add_flag("--checksum", s.checksum, "XMODEM arithmetic checksum instead of CRC-16");
-    cmd.add_flag("--full-path", s.fullPath, "names travel and are stored with their folders");
-    cmd.add_option("--timeout", s.timeoutMs, "sender's reply time-out in milliseconds")
+// The options of both directions.  Only senders wait for replies with a
+// time-out that can be set (XMODEM, YMODEM); a receiver refuses --timeout.
+void AddTransferOptions(CLI::App &cmd, TransferSettings &s, bool sending) {
+    cmd.add_flag("--checksum", s.checksum, _("XMODEM arithmetic checksum instead of CRC-16"));
+    cmd.add_flag("--full-path", s.fullPath, _("names travel and are stored with their folders"));
+    cmd.add_option("--timeout", s.timeoutMs,
+                   sending ? _("XMODEM, YMODEM: how long to wait for each reply of the "
+                               "receiver, in milliseconds (default 15000)")
+                           : _("not taken by any receiver: each waits as its protocol says "
+                               "(the senders' reply time-out)"))
         ->check(CLI::Range(1, 3600000));
-    cmd.add_option("--max-errors", s.maxErrors, "ZMODEM: errors in a row before giving up")
+    cmd.add_option("--max-errors", s.maxErrors, _("ZMODEM: errors in a row before giving up"))
         ->check(CLI::Range(1, 1000000));
 }
 
@@ -83,23 +99,24 @@ void AddZmodemSendOptions(CLI::App &cmd, TransferSettings &s) {
         {"newer-longer", XferOptZmNewerLonger}, {"append", XferOptZmAppend},
         {"replace", XferOptZmReplace},          {"differ", XferOptZmDiffer},
         {"protect", XferOptZmProtect},          {"newer", XferOptZmNewer}};
-    cmd.add_flag("--subfolders", s.subfolders, "wildcards also match in subfolders");
+    cmd.add_flag("--subfolders", s.subfolders, _("wildcards also match in subfolders"));
     cmd.add_flag(
         "--resume", s.resume,
-        "ZMODEM: ask the receiver to resume partial files; B+: continue partial downloads");
+        _("ZMODEM: ask the receiver to resume partial files; B+: continue partial downloads"));
     cmd.add_flag("--no-window", s.noWindow,
                  _("ZMODEM: stream without waiting for acknowledgements (the default)"));
     cmd.add_option("--manage", s.management,
-                   "ZMODEM: receiver's handling of existing files: "
-                   "newer-longer|append|replace|differ|protect|newer")
-        ->transform(CLI::CheckedTransformer(management, CLI::ignore_case));
+                   _("ZMODEM: receiver's handling of existing files: "
+                     "newer-longer|append|replace|differ|protect|newer"))
+        ->transform(CLI::CheckedTransformer(management, CLI::ignore_case).description(""))
+        ->type_name(_("MODE"));
     cmd.add_option("--window", s.windowBytes,
                    _("ZMODEM: bytes sent before an acknowledgement (4096: the library's default; "
                      "without it the sender streams)"))
         ->check(CLI::Range(1, 1 << 30));
 }
 
-constexpr const char *kTextHelp = "Kermit: text files (lines travel ending in CR LF)";
+constexpr const char *kTextHelp = N_("Kermit: text files (lines travel ending in CR LF)");
 
 // Plain text's own options.  A capture's silence is -1 (no limit: it then
 // ends only by Ctrl-C) or 1 ms and more.
@@ -125,25 +142,25 @@ const auto kIdleMs = CLI::Validator(
             if (used == text.size() && (ms == -1 || (ms >= 1 && ms <= 86400000))) return {};
         } catch (const std::exception &) {
         }
-        return "the idle time is -1 (no limit) or 1 to 86400000 ms, not " + text;
+        return _("the idle time is -1 (no limit) or 1 to 86400000 ms, not ") + text;
     },
     "MS|-1");
 
 void AddTextSendOptions(CLI::App &cmd, TransferSettings &s, TextOptions &o) {
     o.all.push_back(cmd.add_option("--line-delay", s.lineDelayMs,
-                                   "ASCII: pause after each line in milliseconds (default 0)")
+                                   _("ASCII: pause after each line in milliseconds (default 0)"))
                         ->check(CLI::Range(0, 600000)));
     o.all.push_back(
-        cmd.add_flag("--drop-lf", s.dropLf, "ASCII: leave out LF bytes (lines end in CR)"));
+        cmd.add_flag("--drop-lf", s.dropLf, _("ASCII: leave out LF bytes (lines end in CR)")));
 }
 
 void AddTextReceiveOptions(CLI::App &cmd, TransferSettings &s, TextOptions &o) {
     o.all.push_back(cmd.add_option("--idle", s.idleMs,
-                                   "ASCII: silence in milliseconds that ends the capture "
-                                   "(default 10000; -1: none, Ctrl-C ends it)")
+                                   _("ASCII: silence in milliseconds that ends the capture "
+                                     "(default 10000; -1: none, Ctrl-C ends it)"))
                         ->check(kIdleMs));
     o.all.push_back(
-        cmd.add_flag("--drop-lf", s.dropLf, "ASCII: leave out the LF bytes that arrive"));
+        cmd.add_flag("--drop-lf", s.dropLf, _("ASCII: leave out the LF bytes that arrive")));
 }
 
 bool SameFile(int fd, const struct stat &other) {
@@ -180,45 +197,78 @@ std::optional<int> ReportCapture(const TransferSettings &s, const Outcome &o, Ve
     const bool noLimit = s.idleMs && *s.idleMs < 0;
     std::string how;
     if (o.result == XferErrCharTimeout)
-        how = fmt::format("after {} ms of silence", s.idleMs.value_or(10000));
+        how = fmt::format(F_("after {} ms of silence"), s.idleMs.value_or(10000));
     else if (o.result == XferErrUserAbort && noLimit)
-        how = "by Ctrl-C";
+        how = _("by Ctrl-C");
     else
         return std::nullopt;
     if (verbosity != Verbosity::Quiet)
-        fmt::print(stderr, "zvxfer: capture ended {}: {} byte{} captured in {:.1f} s\n", how,
-                   o.bytes, o.bytes == 1 ? "" : "s", o.seconds);
+        fmt::print(stderr, "zvxfer: {}\n",
+                   fmt::format(o.bytes == 1 ? F_("capture ended {}: {} byte captured in {:.1f} s")
+                                            : F_("capture ended {}: {} bytes captured in {:.1f} s"),
+                               how, o.bytes, o.seconds));
     return kExitOk;
 }
 
+void NotAvailable(std::string_view protocol, std::string_view side = {}) {
+    const std::string what =
+        side.empty() ? std::string(protocol) : fmt::format("{} {}", protocol, side);
+    fmt::print(stderr, "zvxfer: {}\n",
+               fmt::format(F_("an option given is not available for {}"), what));
+}
+
 // The report after the transfer: a summary, or the result code and its text.
+// A session that ended cleanly is a success even when no file moved (every
+// file skipped by the existing-file policy, or none offered): the summary
+// then says so.  A failed transfer is 1, and an option the protocol's entry
+// refused is a usage error.
 int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
     if (o.result == PortInvalidParameter) {
-        fmt::print(stderr, "zvxfer: an option given is not available for {} {}\n", s.protocol.name,
-                   s.sending ? "send" : "receive");
+        NotAvailable(s.protocol.name, s.sending ? "send" : "receive");
         return kExitUsage;
     }
     if (s.protocol.text && !s.sending)
         if (const std::optional<int> status = ReportCapture(s, o, verbosity)) return *status;
+    // The names were checked before the line was opened: a sender that
+    // then sent nothing, in a session that otherwise ended well, had every
+    // file refused by the receiver (its existing-file policy), like a
+    // receiver that skipped them all.
+    if (s.sending && o.result == XferErrNoFilesSent && o.failure.empty()) {
+        if (verbosity != Verbosity::Quiet)
+            fmt::print(stderr, "zvxfer: {}\n",
+                       _("the session ended cleanly; the receiver skipped every file"));
+        return kExitOk;
+    }
     // The program's own judgement first: it says more than the result.
     if (!o.failure.empty()) {
-        fmt::print(stderr, "zvxfer: transfer failed: {}\n", o.failure);
+        fmt::print(stderr, "zvxfer: {}\n", fmt::format(F_("transfer failed: {}"), o.failure));
         return kExitFailed;
     }
     if (o.result < 0) {
-        fmt::print(stderr, "zvxfer: transfer failed: {}\n", DescribeResult(o.result));
+        fmt::print(stderr, "zvxfer: {}\n",
+                   fmt::format(F_("transfer failed: {}"), DescribeResult(o.result)));
         return kExitFailed;
     }
+    // A sender whose names were all good but that sent nothing had every
+    // file passed over (too large for the protocol): that is no success.
+    if (o.result == 0 && s.sending) {
+        fmt::print(stderr, "zvxfer: {}\n", _("no file was sent"));
+        return kExitFailed;
+    }
+    if (verbosity == Verbosity::Quiet) return kExitOk;
     if (o.result == 0) {
-        fmt::print(stderr, "zvxfer: no file was {}\n", s.sending ? "sent" : "received");
-        return kExitFailed;
+        fmt::print(stderr, "zvxfer: {}\n", _("the session ended cleanly; no file was received"));
+        return kExitOk;
     }
-    if (verbosity != Verbosity::Quiet) {
-        const double rate = o.seconds > 0 ? static_cast<double>(o.bytes) / o.seconds : 0;
-        fmt::print(stderr, "zvxfer: {} file{} {}, {} in {:.1f} s ({}/s)\n", o.result,
-                   o.result == 1 ? "" : "s", s.sending ? "sent" : "received",
-                   FormatBytes(static_cast<double>(o.bytes)), o.seconds, FormatBytes(rate));
-    }
+    const double rate = o.seconds > 0 ? static_cast<double>(o.bytes) / o.seconds : 0;
+    const std::string amount = FormatBytes(static_cast<double>(o.bytes));
+    const bool one = o.result == 1;
+    const auto format = s.sending ? (one ? F_("{} file sent, {} in {:.1f} s ({}/s)")
+                                         : F_("{} files sent, {} in {:.1f} s ({}/s)"))
+                                  : (one ? F_("{} file received, {} in {:.1f} s ({}/s)")
+                                         : F_("{} files received, {} in {:.1f} s ({}/s)"));
+    const std::string summary = fmt::format(format, o.result, amount, o.seconds, FormatBytes(rate));
+    fmt::print(stderr, "zvxfer: {}\n", summary);
     return kExitOk;
 }
 
@@ -249,12 +299,14 @@ void ReportPartial(const ReceivedFiles &files, bool remove) {
     const std::string shown = ShownText(name);
     if (remove && partial->createdHere) {
         if (std::remove(partial->name.c_str()) == 0) {
-            fmt::print(stderr, "zvxfer: partial file removed: {}\n", shown);
+            fmt::print(stderr, "zvxfer: {}\n", fmt::format(F_("partial file removed: {}"), shown));
             return;
         }
-        fmt::print(stderr, "zvxfer: cannot remove the partial file {}\n", shown);
+        fmt::print(stderr, "zvxfer: {}\n",
+                   fmt::format(F_("cannot remove the partial file {}"), shown));
     }
-    fmt::print(stderr, "zvxfer: partial file kept: {} ({} bytes)\n", shown, partial->bytes);
+    fmt::print(stderr, "zvxfer: {}\n",
+               fmt::format(F_("partial file kept: {} ({} bytes)"), shown, partial->bytes));
 }
 
 // Open the line and a port on it with the receive folder `folder` (which
@@ -266,11 +318,11 @@ XferPort *OpenLineAndPort(const TransferSettings &s, const std::string &folder,
     std::string error;
     line = OpenLine(choice, options, error);
     if (!line) {
-        fmt::print(stderr, "zvxfer: cannot open the line: {}\n", error);
+        fmt::print(stderr, "zvxfer: {}\n", fmt::format(F_("cannot open the line: {}"), error));
         return nullptr;
     }
     XferPort *port = line->host->OpenPort(folder.c_str(), s.policy);
-    if (!port) fmt::print(stderr, "zvxfer: cannot open a port\n");
+    if (!port) fmt::print(stderr, "zvxfer: {}\n", _("cannot open a port"));
     return port;
 }
 
@@ -299,12 +351,12 @@ int RunOnLine(TransferSettings &s, const LineChoice &choice, Verbosity verbosity
 // direction.  --resume is the send and receive commands' own flag.
 void AddBPlusOptions(CLI::App &cmd, BPlusTerminalSettings &b) {
     cmd.add_option("--check-method", b.checkMethod,
-                   "B+: check asked for: 0 checksum, 1 CRC-16, 2 X.25, 3 CRC-32 (default 3)")
+                   _("B+: check asked for: 0 checksum, 1 CRC-16, 2 X.25, 3 CRC-32 (default 3)"))
         ->check(CLI::Range(0, 3));
-    cmd.add_flag("--file-info", b.fileInfo, "B+: accept the service's file information");
+    cmd.add_flag("--file-info", b.fileInfo, _("B+: accept the service's file information"));
     cmd.add_option("--quiet-time", b.quietMs,
-                   "B+: the session ends when the service is silent this long after a "
-                   "transfer, in ms (default 5000)")
+                   _("B+: the session ends when the service is silent this long after a "
+                     "transfer, in ms (default 5000)"))
         ->check(CLI::Range(100, 3600000));
 }
 
@@ -326,9 +378,114 @@ int RunBPlusOnLine(const TransferSettings &s, BPlusTerminalSettings b, const Lin
     return ReportBPlusSession(outcome, b, verbosity);
 }
 
+// Check every name given to send before the line is opened, and replace
+// them by what the library is to be given.  A missing, unreadable or
+// non-file name stops the run (every one named with the reason) unless
+// `skipMissing`.  `exact` keeps the private folders of names holding
+// wildcard characters alive for the transfer.  nullopt: go on.
+std::optional<int> CheckNames(TransferSettings &s, bool skipMissing, ExactNames &exact) {
+    const CheckedNames checked = CheckSendNames(s.files, s.subfolders);
+    for (const std::string &problem : checked.problems)
+        fmt::print(stderr, "zvxfer: {}\n",
+                   skipMissing ? fmt::format(F_("left out: {}"), ShownText(problem))
+                               : ShownText(problem));
+    if (!checked.problems.empty() && !skipMissing) {
+        fmt::print(stderr, "zvxfer: {}\n",
+                   _("nothing was sent (--skip-missing sends the files that are there)"));
+        return kExitFailed;
+    }
+    if (checked.files.empty()) {
+        fmt::print(stderr, "zvxfer: {}\n", _("no file to send"));
+        return kExitFailed;
+    }
+    if (!s.protocol.batch && !s.protocol.text && checked.files.size() > 1) {
+        fmt::print(stderr, "zvxfer: {}\n",
+                   fmt::format(F_("{} sends one file at a time, not {}"), s.protocol.name,
+                               checked.files.size()));
+        return kExitUsage;
+    }
+    // Kermit and B+ take names as they are; the others' lists expand them.
+    if (s.protocol.watched || s.protocol.number == CompuServeBPlus) {
+        s.files = checked.files;
+        return std::nullopt;
+    }
+    std::string error;
+    if (!exact.Build(checked.files, s.fullPath, error)) {
+        fmt::print(stderr, "zvxfer: {}\n", ShownText(error));
+        return kExitFailed;
+    }
+    s.files = exact.Names();
+    return std::nullopt;
+}
+
+// The folder a receive writes in must take new files; checked before the
+// line is opened, with the system's reason.
+bool ReceiveFolderUsable(const TransferSettings &s) {
+    std::string folder = s.folder.empty() ? "." : s.folder;
+    if (!s.protocol.batch && !s.files.empty()) {
+        const std::string &file = s.files[0];
+        const std::string base = file.starts_with('/') ? file : FolderText(s.folder) + file;
+        const std::size_t slash = base.rfind('/');
+        folder = slash == std::string::npos ? "." : base.substr(0, slash + 1);
+    }
+    struct stat st {};
+    int error = 0;
+    if (stat(folder.c_str(), &st) != 0)
+        error = errno;
+    else if (!S_ISDIR(st.st_mode))
+        error = ENOTDIR;
+    else if (access(folder.c_str(), W_OK | X_OK) != 0)
+        error = errno;
+    if (error == 0) return true;
+    fmt::print(
+        stderr, "zvxfer: {}\n",
+        fmt::format(F_("cannot receive into {}: {}"), ShownText(folder), std::strerror(error)));
+    return false;
+}
+
+// The library's version: the one of the shared library this process runs
+// with (its file is named libzvxfer.so.X.Y.Z), else the one built with.
+std::string LibraryVersion() {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<const void *>(&PortOpen), &info) != 0 && info.dli_fname) {
+        char resolved[PATH_MAX];
+        if (realpath(info.dli_fname, resolved)) {
+            const std::string_view file = resolved;
+            const std::size_t so = file.rfind(".so.");
+            if (so != std::string_view::npos) return std::string(file.substr(so + 4));
+        }
+    }
+    return ZVXFER_BUILT_VERSION;
+}
+
+// Usage errors start with the program's name, like its other messages.
+std::string UsageMessage(const CLI::App *, const CLI::Error &e) {
+    return fmt::format("zvxfer: {}\n{}\n", e.what(), _("Run with --help for more information."));
+}
+
+constexpr std::string_view kSubcommands[] = {"send", "receive", "loopback", "serve"};
+
 int Main(int argc, char **argv) {
-    CLI::App app{"zvxfer: send and receive files over a terminal line"};
+    CLI::App app{_("zvxfer: send and receive files over a terminal line")};
     app.require_subcommand(1);
+    app.failure_message(UsageMessage);
+    app.set_version_flag(
+        "--version",
+        fmt::format(F_("zvxfer {}, library {}"), ZVXFER_BUILT_VERSION, LibraryVersion()),
+        _("show the program's and the library's version"));
+    const std::string cancelNote =
+        _("When this program runs on the far end of a terminal session, the terminal "
+          "itself is the line: Ctrl-C is then a byte on the line, not a signal.  To "
+          "cancel a transfer there, type Ctrl-X five times, as with rz and sz.");
+    app.footer(cancelNote);
+    if (argc > 1 && argv[1][0] != '-' &&
+        std::find(std::begin(kSubcommands), std::end(kSubcommands), argv[1]) ==
+            std::end(kSubcommands)) {
+        fmt::print(stderr, "zvxfer: {}\n",
+                   fmt::format(F_("unknown subcommand '{}': use send, receive, loopback or serve"),
+                               ShownText(argv[1])));
+        return kExitUsage;
+    }
     const std::map<std::string, int32_t> policies{{"overwrite", XFER_EXISTING_OVERWRITE},
                                                   {"rename", XFER_EXISTING_RENAME},
                                                   {"skip", XFER_EXISTING_SKIP}};
@@ -339,60 +496,73 @@ int Main(int argc, char **argv) {
     TextOptions text;
     BPlusTerminalSettings bplus;
 
-    auto *send = app.add_subcommand("send", "send files over the line");
+    auto *send = app.add_subcommand("send", _("send files over the line"));
+    send->footer(cancelNote);
     AddCommon(*send, common);
     AddLine(*send, line);
-    AddTransferOptions(*send, settings);
+    AddTransferOptions(*send, settings, true);
     AddZmodemSendOptions(*send, settings);
     AddTextSendOptions(*send, settings, text);
     text.echo = send->add_flag("--echo", text.echoOn,
-                               "ASCII: show the far end's echo on standard error "
-                               "(default: when it is a terminal)");
-    text.noEcho = send->add_flag("--no-echo", text.echoOff, "ASCII: do not show the far end's echo")
-                      ->excludes(text.echo);
+                               _("ASCII: show the far end's echo on standard error "
+                                 "(default: when it is a terminal)"));
+    text.noEcho =
+        send->add_flag("--no-echo", text.echoOff, _("ASCII: do not show the far end's echo"))
+            ->excludes(text.echo);
     text.all.push_back(text.echo);
     text.all.push_back(text.noEcho);
-    CLI::Option *textSend = send->add_flag("--text", settings.textFiles, kTextHelp);
+    CLI::Option *textSend = send->add_flag("--text", settings.textFiles, _(kTextHelp));
     AddBPlusOptions(*send, bplus);
-    send->add_option("FILE", settings.files, "files to send (wildcards allowed)")->required();
+    send->add_flag("--skip-missing", common.skipMissing,
+                   _("send the files that are there when a name is missing, unreadable or "
+                     "a folder (default: send nothing)"));
+    send->add_option("FILE", settings.files,
+                     _("files to send; a name that exists is that file, otherwise '*' and '?' "
+                       "are wildcards"))
+        ->required();
 
-    auto *receive = app.add_subcommand("receive", "receive files from the line");
+    auto *receive = app.add_subcommand("receive", _("receive files from the line"));
+    receive->footer(cancelNote);
     AddCommon(*receive, common);
     AddLine(*receive, line);
-    AddTransferOptions(*receive, settings);
-    receive->add_option("-d,--dir", settings.folder, "folder the files land in")
+    AddTransferOptions(*receive, settings, false);
+    receive->add_option("-d,--dir", settings.folder, _("folder the files land in"))
         ->check(CLI::ExistingDirectory);
     receive->add_flag(
         "--resume", settings.resume,
-        "ZMODEM: accepted, the receiver starts at 0; B+: continue a partial download");
-    receive->add_flag("--pacing", settings.pacing, "ZMODEM: pause 70 ms per data subpacket");
-    receive->add_option("--existing", settings.policy, "when a file exists: overwrite|rename|skip")
-        ->transform(CLI::CheckedTransformer(policies, CLI::ignore_case));
+        _("ZMODEM: accepted, the receiver starts at 0; B+: continue a partial download"));
+    receive->add_flag("--pacing", settings.pacing, _("ZMODEM: pause 70 ms per data subpacket"));
+    receive
+        ->add_option("--existing", settings.policy,
+                     _("when a file exists: overwrite|rename|skip (default rename)"))
+        ->transform(CLI::CheckedTransformer(policies, CLI::ignore_case).description(""))
+        ->type_name(_("POLICY"));
     receive->add_flag("--remove-partial", common.removePartial,
-                      "remove the file a failed receive left incomplete (default: keep it)");
+                      _("remove the file a failed receive left incomplete (default: keep it)"));
     AddTextReceiveOptions(*receive, settings, text);
-    CLI::Option *textReceive = receive->add_flag("--text", settings.textFiles, kTextHelp);
+    CLI::Option *textReceive = receive->add_flag("--text", settings.textFiles, _(kTextHelp));
     AddBPlusOptions(*receive, bplus);
-    receive->add_option("FILE", settings.files, "file to write (XMODEM, ASCII: required)")
+    receive->add_option("FILE", settings.files, _("file to write (XMODEM, ASCII: required)"))
         ->expected(0, 1);
 
     auto *loopback = app.add_subcommand(
-        "loopback", "send files to ourselves over a simulated line and verify them");
+        "loopback", _("send files to ourselves over a simulated line and verify them"));
     AddCommon(*loopback, common);
     AddLoopbackOptions(*loopback, loop);
     AddZmodemSendOptions(*loopback, loop.sendOptions);
     AddTextSendOptions(*loopback, loop.sendOptions, text);
     text.all.push_back(loopback
                            ->add_option("--idle", loop.idleMs,
-                                        "ASCII: silence that ends the capture (default: from "
-                                        "the line's latency and the line delay)")
+                                        _("ASCII: silence that ends the capture (default: from "
+                                          "the line's latency and the line delay)"))
                            ->check(CLI::Range(1, 86400000)));
     loopback
         ->add_option("--check-method", bplus.checkMethod,
-                     "B+: check the terminal asks for, 0-3 (default 3)")
+                     _("B+: check the terminal asks for, 0-3 (default 3)"))
         ->check(CLI::Range(0, 3));
-    CLI::Option *textLoopback = loopback->add_flag("--text", loop.sendOptions.textFiles, kTextHelp);
-    loopback->add_option("FILE", loop.files, "files to send")->required();
+    CLI::Option *textLoopback =
+        loopback->add_flag("--text", loop.sendOptions.textFiles, _(kTextHelp));
+    loopback->add_option("FILE", loop.files, _("files to send"))->required();
 
     // The service end of a B+ session (a test partner for terminals).
     ServeSettings serve;
@@ -418,12 +588,12 @@ int Main(int argc, char **argv) {
                                   receive->count("--file-info") + receive->count("--quiet-time") >
                               0;
     if (protocol.number != CompuServeBPlus && bplusOptions) {
-        fmt::print(stderr, "zvxfer: an option given is not available for {}\n", protocol.name);
+        NotAvailable(protocol.name);
         return kExitUsage;
     }
     const bool textFiles = textSend->count() + textReceive->count() + textLoopback->count() > 0;
     if ((!protocol.text && text.Any()) || (!protocol.textFiles && textFiles)) {
-        fmt::print(stderr, "zvxfer: an option given is not available for {}\n", protocol.name);
+        NotAvailable(protocol.name);
         return kExitUsage;
     }
     if (loopback->parsed()) {
@@ -436,12 +606,23 @@ int Main(int argc, char **argv) {
     settings.sending = send->parsed();
     if (settings.sending && protocol.text) settings.echo = ShowsEcho(text, line);
     if (settings.sending && QuotedNames(settings.files).empty()) {
-        fmt::print(stderr, "zvxfer: a file name cannot hold a double quote\n");
+        fmt::print(stderr, "zvxfer: {}\n", _("a file name cannot hold a double quote"));
         return kExitUsage;
     }
     if (!settings.sending && !protocol.batch && settings.files.empty()) {
-        fmt::print(stderr, "zvxfer: {} receive needs the FILE to write\n", protocol.name);
+        fmt::print(stderr, "zvxfer: {}\n",
+                   fmt::format(F_("{} receive needs the FILE to write"), protocol.name));
         return kExitUsage;
+    }
+    ExactNames exact;
+    if (settings.sending) {
+        if (const std::optional<int> status = CheckNames(settings, common.skipMissing, exact))
+            return *status;
+        // This process only reads files: it opens them without a lock.  A
+        // B+ service may ask a sending terminal for a download too.
+        if (protocol.number != CompuServeBPlus) InstallSendOnlyFileOpen();
+    } else if (!ReceiveFolderUsable(settings)) {
+        return kExitFailed;
     }
     if (protocol.number == CompuServeBPlus) return RunBPlusOnLine(settings, bplus, line, verbosity);
     return RunOnLine(settings, line, verbosity, common.removePartial);

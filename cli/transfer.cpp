@@ -101,7 +101,8 @@ std::vector<int32_t> OptionWords(const TransferSettings &s) {
         words.push_back(XferOptSendTimeout);
         words.push_back(*s.timeoutMs);
     }
-    if (s.subfolders) words.push_back(XferOptSubfolders);
+    // Subfolders are searched by the program itself when it expands the
+    // names (the library is given exact files).
     if (s.resume) words.push_back(XferOptZmResume);
     if (s.pacing) words.push_back(XferOptZmPacing);
     if (s.management) words.push_back(*s.management);
@@ -195,16 +196,41 @@ namespace {
 // once instead of waiting out their time-outs one by one.
 constexpr auto kInterruptGrace = std::chrono::seconds(2);
 
+// Five CAN bytes in a row from the far end cancel a transfer, as they do
+// for the XMODEM family and ZMODEM.  The Kermit engine has no such cancel,
+// but Kermit packets never hold a raw CAN (control bytes travel prefixed):
+// a run of them is a person at the far terminal cancelling (the line is
+// then their terminal, where Ctrl-C is no signal).  The line is cut at
+// once, so the engine ends without waiting out its retries.
+constexpr int kCancelRun = 5;
+
+class CancelRun {
+  public:
+    void Read(const uint8_t *data, std::size_t length) {
+        for (std::size_t i = 0; i < length; ++i) {
+            run_ = data[i] == 0x18 ? run_ + 1 : 0;
+            if (run_ >= kCancelRun) seen_ = true;
+        }
+    }
+    bool Seen() const { return seen_; }
+
+  private:
+    int run_ = 0;
+    bool seen_ = false;
+};
+
 // A Kermit entry returns 0 whatever happened: the outcome is judged from
 // the packets that passed the line.  The file count becomes the result, so
 // that a good batch reads like any other protocol's.
 int32_t RunWatched(XferPort *port, const TransferSettings &s, const std::function<bool()> &lost,
                    Outcome &outcome) {
     KermitWatch watch(s.sending);
+    CancelRun cancel;
     int32_t result;
     t_written = &outcome.written;
     std::optional<std::chrono::steady_clock::time_point> cutAt;
-    const auto cut = [&cutAt] {
+    const auto cut = [&cutAt, &cancel] {
+        if (cancel.Seen()) return true;
         if (!g_interrupted.load(std::memory_order_relaxed)) return false;
         const auto now = std::chrono::steady_clock::now();
         if (!cutAt) cutAt = now + kInterruptGrace;
@@ -213,11 +239,13 @@ int32_t RunWatched(XferPort *port, const TransferSettings &s, const std::functio
     {
         PortTap tap(
             port,
-            [&watch](bool written, const uint8_t *data, std::size_t length) {
-                if (written)
+            [&watch, &cancel](bool written, const uint8_t *data, std::size_t length) {
+                if (written) {
                     watch.Written(data, length);
-                else
+                } else {
                     watch.Read(data, length);
+                    cancel.Read(data, length);
+                }
             },
             cut);
         if (!tap.Ok()) return XferErrNoBuffer;
@@ -228,10 +256,12 @@ int32_t RunWatched(XferPort *port, const TransferSettings &s, const std::functio
     const KermitWatch::Verdict verdict = watch.Judge(static_cast<int>(s.files.size()));
     if (verdict.ok) return verdict.files;
     outcome.failure = verdict.why;
-    if (g_interrupted.load())
-        outcome.failure = "interrupted (" + verdict.why + ")";
+    if (cancel.Seen())
+        outcome.failure = fmt::format(F_("cancelled from the far end ({})"), verdict.why);
+    else if (g_interrupted.load())
+        outcome.failure = fmt::format(F_("interrupted ({})"), verdict.why);
     else if (lost && lost())
-        outcome.failure = "the line was lost (" + verdict.why + ")";
+        outcome.failure = fmt::format(F_("the line was lost ({})"), verdict.why);
     return verdict.files;
 }
 
