@@ -79,9 +79,12 @@ bool VerifyCapture(const std::vector<fs::path> &originals, const fs::path &captu
             if (!dropLf || c != '\n') expected.push_back(c);
     }
     const bool ok = fs::exists(capture) && ReadAll(capture) == expected;
-    fmt::print(stderr, F_("{} {}  {} bytes, {} file{} in order{}\n"),
-               ok ? _("ok    ") : _("FAILED"), capture.filename().string(), expected.size(),
-               originals.size(), originals.size() == 1 ? "" : "s", dropLf ? " without LF" : "");
+    const std::string files =
+        fmt::format(P_("{} file", "{} files", originals.size()), originals.size());
+    fmt::print(stderr,
+               dropLf ? F_("{} {}  {} bytes, {} in order without LF\n")
+                      : F_("{} {}  {} bytes, {} in order\n"),
+               ok ? _("ok    ") : _("FAILED"), capture.filename().string(), expected.size(), files);
     return ok;
 }
 
