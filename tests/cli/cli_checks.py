@@ -20,18 +20,9 @@ import termios
 import time
 import tty
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-from case_runner import Failure, check, make_file, run_cases  # noqa: E402
+from case_runner import Failure, check, crc16, make_file, run_cases  # noqa: E402
 
 SOH, STX, EOT, ACK, NAK, CAN = 0x01, 0x02, 0x04, 0x06, 0x15, 0x18
-
-
-def crc16(data):
-    crc = 0
-    for b in data:
-        crc ^= b << 8
-        for _ in range(8):
-            crc = ((crc << 1) ^ 0x1021) & 0xFFFF if crc & 0x8000 else (crc << 1) & 0xFFFF
-    return crc
 
 
 def block(number, payload, size):

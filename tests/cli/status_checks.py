@@ -15,6 +15,7 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "peer"))
 from wiring import Failure, check, make_file, peer, pipes, run_cases  # noqa: E402
+from case_runner import crc16  # noqa: E402
 
 ENV = dict(os.environ, LC_ALL="C", LANGUAGE="")
 
@@ -23,15 +24,6 @@ def run(argv, cwd=None):
     r = subprocess.run(argv, stdin=subprocess.DEVNULL, capture_output=True, timeout=60,
                        cwd=cwd, env=ENV)
     return r.returncode, r.stdout.decode(errors="replace"), r.stderr.decode(errors="replace")
-
-
-def crc16(data):
-    crc = 0
-    for b in data:
-        crc ^= b << 8
-        for _ in range(8):
-            crc = ((crc << 1) ^ 0x1021) & 0xFFFF if crc & 0x8000 else (crc << 1) & 0xFFFF
-    return crc
 
 
 ZRQINIT, ZRINIT, ZFIN = 0, 1, 8

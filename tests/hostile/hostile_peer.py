@@ -21,18 +21,10 @@ import tty
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [os.path.join(HERE, "..", "support"), os.path.join(HERE, "..", "peer")]
-from case_runner import MTIME, Failure, check, run_cases  # noqa: E402
+from case_runner import MTIME, Failure, check, crc16, run_cases  # noqa: E402
 from wiring import peer, pipes  # noqa: E402
 
 SOH, STX, EOT, ACK, CAN = 0x01, 0x02, 0x04, 0x06, 0x18
-
-
-def crc16(data, crc=0):
-    for b in data:
-        crc ^= b << 8
-        for _ in range(8):
-            crc = ((crc << 1) ^ 0x1021) if crc & 0x8000 else crc << 1
-    return crc & 0xFFFF
 
 
 # --- the line --------------------------------------------------------------

@@ -51,3 +51,12 @@ def run_cases(cases, prefix, run):
     shutil.rmtree(work)
     print("passed", name)
     return 0
+
+
+def crc16(data, crc=0):
+    # CRC-16/XMODEM, for far ends the tests play by hand.
+    for b in data:
+        crc ^= b << 8
+        for _ in range(8):
+            crc = ((crc << 1) ^ 0x1021) if crc & 0x8000 else crc << 1
+    return crc & 0xFFFF
