@@ -16,6 +16,9 @@ enum class FileDisposition {
 
 // Open with exclusive access (an advisory lock, taken before any truncation).
 XferFile FileOpen(const char *path, FileAccess access, FileDisposition disposition);
+// Open an existing file for reading only, sharing it with every other
+// reader and writer, as the C runtime's streams do (no lock).
+XferFile FileOpenShared(const char *path);
 // Bytes read (0 at end of file) or -1.
 long FileRead(XferFile file, void *buffer, std::size_t count);
 // Bytes written or -1; writes everything unless an error occurs.

@@ -54,6 +54,15 @@ XferFile FileOpen(const char *path, FileAccess access, FileDisposition dispositi
     return fd;
 }
 
+XferFile FileOpenShared(const char *path) {
+    if (path == nullptr) {
+        errno = EINVAL;
+        return Fail(XFER_INVALID_FILE);
+    }
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    return fd < 0 ? Fail(XFER_INVALID_FILE) : fd;
+}
+
 long FileRead(XferFile file, void *buffer, std::size_t count) {
     for (;;) {
         const ssize_t n = read(static_cast<int>(file), buffer, count);

@@ -107,7 +107,7 @@ int KermitEngine::zopeni(const char *name) {
     XferFile file = XFER_INVALID_FILE;
     if (size >= 0) {
         errorNumber = 0;
-        file = plat::FileOpen(name, plat::FileAccess::Read, plat::FileDisposition::OpenExisting);
+        file = plat::FileOpenShared(name);
         if (file == XFER_INVALID_FILE) errorNumber = plat::LastError();
     }
     trace("zopeni %s: %d\n", Shown(name), file != XFER_INVALID_FILE ? 0 : errorNumber);

@@ -5,6 +5,7 @@
 # ends are the lrzsz programs (black boxes) or a scripted XMODEM receiver.
 #
 # usage: names_checks.py ZVXFER CASE      (CASE "list" prints the case names)
+import fcntl
 import os
 import subprocess
 import sys
@@ -182,6 +183,17 @@ def case_files_sent_without_a_lock(z, work):
             held.wait()
         err.close()
 
+
+
+def case_locked_file_still_sent(z, work):
+    # Sending never asks for a lock, so a file another program holds locked
+    # is sent all the same, by Kermit's engine too.
+    f = make_file(work, "locked.bin", 30000, 7)
+    with open(f, "rb") as held:
+        fcntl.flock(held, fcntl.LOCK_EX)
+        r = subprocess.run([z, "loopback", "-p", "kermit", "-q", f], capture_output=True,
+                           timeout=60, env=ENV)
+        check(r.returncode == 0, "a locked file was not sent: %r" % r.stderr)
 
 CASES = {name[5:]: fn for name, fn in globals().items() if name.startswith("case_")}
 
