@@ -11,8 +11,8 @@
 // line changes bits inside the data but leaves the framing alone.  Damage
 // kinds: k bytes of the data (k = 1, 2, 4) each XORed with a random
 // non-zero value, and a burst of 2..16 bits in a row flipped.  Prints a
-// Markdown table: packets judged, damaged packets accepted, and that share
-// against 1/256.
+// Markdown table: damaged packets judged, those accepted, and one in how
+// many was accepted.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -154,7 +154,7 @@ int main(int argc, char **argv) {
     const char *methods[] = {"0 checksum", "1 CRC-16 CCITT", "2 CRC-16 X.25", "3 CRC-32"};
     std::printf("B+ packet reader, %ld damaged %zu-byte packets per cell, seed %u\n", packets, size,
                 seed);
-    std::printf("| check | damage | judged | accepted | accepted x 256 / judged |\n");
+    std::printf("| check | damage | damaged packets judged | accepted | one in |\n");
     std::printf("|---|---|---|---|---|\n");
     for (int method = 0; method < 4; ++method) {
         for (const auto &k : kinds) {
@@ -168,8 +168,11 @@ int main(int argc, char **argv) {
                 const Bytes damaged = Damaged(data, k.kind, rng);
                 accepted += Accepted(method, data, damaged, static_cast<int>(n % 10)) ? 1 : 0;
             }
-            std::printf("| %s | %s | %ld | %ld | %.2f |\n", methods[method], k.name, packets,
-                        accepted, 256.0 * static_cast<double>(accepted) / packets);
+            if (accepted == 0)
+                std::printf("| %s | %s | %ld | 0 | - |\n", methods[method], k.name, packets);
+            else
+                std::printf("| %s | %s | %ld | %ld | %.0f |\n", methods[method], k.name, packets,
+                            accepted, static_cast<double>(packets) / accepted);
             std::fflush(stdout);
         }
     }
