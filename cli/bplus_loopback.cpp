@@ -60,6 +60,10 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
 
     host::BPlusServiceConfig service;
     service.checkMethod = 3; // the terminal's choice decides
+    // One packet beyond the window keeps the line busy during a download;
+    // more would cost the terminal an error for every packet that follows a
+    // damaged one.
+    service.extraAhead = 1;
     service.folder = up.string();
     service.readTimeoutMs = static_cast<int>(3000 + 4 * s.latencyMs);
     std::vector<host::ServiceRequest> requests;

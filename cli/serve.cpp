@@ -24,6 +24,7 @@ host::BPlusServiceConfig ConfigOf(const ServeSettings &s) {
     c.checkMethod = s.checkMethod;
     c.blockSize = s.blockSize;
     c.sendWindow = c.receiveWindow = s.window;
+    c.extraAhead = s.ahead;
     c.downloadResume = s.resume ? 1 : 0;
     c.fileInfo = s.fileInfo ? 1 : 0;
     c.greet = !s.noGreeting;
@@ -87,6 +88,10 @@ CLI::App *AddServeCommand(CLI::App &app, ServeSettings &s) {
     cmd->add_option("--block-size", s.blockSize, _("offered packet size in 128-byte units"))
         ->check(CLI::Range(1, 8));
     cmd->add_option("--window", s.window, _("offered window"))->check(CLI::Range(1, 2));
+    cmd->add_option("--ahead", s.ahead,
+                    _("packets sent beyond the window before waiting for an acknowledgement "
+                      "(default 1)"))
+        ->check(CLI::Range(0, 4));
     cmd->add_flag("--resume", s.resume, _("offer download resume"));
     cmd->add_flag("--file-info", s.fileInfo, _("offer file information before the data"));
     cmd->add_flag("--no-greeting", s.noGreeting, _("start without ENQ"));

@@ -20,6 +20,7 @@ struct ServeSettings {
     int checkMethod = 1;
     int blockSize = 8;
     int window = 1;
+    int ahead = 1; // packets sent beyond the window: one keeps the line busy
     bool resume = false;
     bool fileInfo = false;
     bool noGreeting = false;
