@@ -137,6 +137,16 @@ def case_zmodem_large_window_through_relay(c: Case):
         same(f, c.copy(f), None)
 
 
+def case_relay_passes_a_hang_up_on(c: Case):
+    # A program that ends at once must reach the other one as a hang-up:
+    # `cat` ends by itself instead of being killed at the grace time.
+    relay = os.path.join(os.path.dirname(c.z), "zvxfer-line-relay")
+    r = subprocess.run([relay, "--grace", "20", "--", "true", "--", "sh", "-c", "cat >/dev/null"],
+                       stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, timeout=60)
+    err = r.stderr.decode(errors="replace")
+    check(r.returncode == 0 and "relay: a=0 b=0 " in err, "the hang-up was not passed on: " + err)
+
+
 def case_pty_zmodem_ourselves(c: Case):
     files = batch(c)
     runs = pty_pair([c.z, "send", "-p", "zmodem", "-q"] + files,
