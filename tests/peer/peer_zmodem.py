@@ -118,12 +118,17 @@ def case_zmodem_large_window_through_relay(c: Case):
     # stopped both directions after the first 88 KB).
     relay = os.path.join(os.path.dirname(c.z), "zvxfer-line-relay")
     check(os.path.exists(relay), "no %s next to the program" % relay)
+    # A window wider than the file: every ZACK of 6 MB waits for our sender,
+    # more than the line and its buffers hold, so our host must take them
+    # off the line while its own writes wait.
     f = make_file(c.src, "wide.bin", (3 << 20) + 333, 23)
+    huge = make_file(c.src, "huge.bin", (6 << 20) + 5, 24)
     ours_in = [c.z, "receive", "-p", "zmodem", "-q", "-d", c.out]
-    for receive, latency, window in ((ours_in, 0, 262144), (ours_in, 20, 262144),
-                                     ([peer("rz"), "-q"], 0, 262144),
-                                     ([peer("rz"), "-q"], 20, 262144),
-                                     ([peer("rz"), "-q"], 20, 65536)):
+    rz = [peer("rz"), "-q"]
+    for receive, latency, window, f in ((ours_in, 0, 262144, f), (ours_in, 20, 262144, f),
+                                        (rz, 0, 262144, f), (rz, 20, 262144, f),
+                                        (rz, 20, 65536, f), (ours_in, 0, 16 << 20, huge),
+                                        (rz, 0, 16 << 20, huge)):
         if os.path.exists(c.copy(f)):
             os.remove(c.copy(f))
         send = [c.z, "send", "-p", "zmodem", "-q", "--window", str(window), f]
