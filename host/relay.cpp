@@ -26,7 +26,8 @@ struct Direction {
     std::vector<uint8_t> pendingIn, pendingOut;
     bool inputEnded = false;
     bool done = false;
-    bool mayClose = true; // `to` is not also the other direction's input
+    bool closedTo = false; // `to` was closed here (not a socket): its flags are gone
+    bool mayClose = true;  // `to` is not also the other direction's input
 
     Direction(int f, int t, const LineConfig &config, uint64_t seed)
         : from(f), to(t), line(config, seed) {
@@ -65,7 +66,7 @@ struct Direction {
             if (toIsSocket)
                 shutdown(to, SHUT_WR);
             else
-                close(to);
+                closedTo = close(to) == 0;
         }
     }
 
@@ -120,7 +121,9 @@ RelayResult RelayLines(const RelayFds &fds, const LineConfig &aToB, const LineCo
         }
     }
     for (int i = 0; i < 4; ++i)
-        if (flags[i] >= 0) fcntl(all[i], F_SETFL, flags[i]);
+        if (flags[i] >= 0 && !(dirs[0].closedTo && all[i] == dirs[0].to) &&
+            !(dirs[1].closedTo && all[i] == dirs[1].to))
+            fcntl(all[i], F_SETFL, flags[i]);
     return {dirs[0].line.Counters(), dirs[1].line.Counters()};
 }
 
