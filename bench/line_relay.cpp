@@ -88,9 +88,12 @@ int main(int argc, char **argv) {
     line.bitErrorRate = ber;
     line.dropRate = drop;
     std::signal(SIGPIPE, SIG_IGN);
+    // Close-on-exec: each program keeps only its own end (as its standard
+    // input and output, which dup2 leaves open).  An inherited copy of the
+    // other pair's ends would hide that program's hang-up from the relay.
     int sa[2], sb[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, sa) != 0 ||
-        socketpair(AF_UNIX, SOCK_STREAM, 0, sb) != 0)
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sa) != 0 ||
+        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sb) != 0)
         return 1;
     // Small socket buffers, as a serial port's: a program cannot run far
     // ahead of the line, so what is in flight after an error is about what

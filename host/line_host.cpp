@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <poll.h>
@@ -155,6 +156,16 @@ void LineHost::AnswerRead(PortBlock &block) {
 
 void LineHost::FillBuffer() {
     filled_ = 0;
+    if (aheadAt_ < ahead_.size()) {
+        filled_ = std::min(buffer_.size(), ahead_.size() - aheadAt_);
+        std::memcpy(buffer_.data(), ahead_.data() + aheadAt_, filled_);
+        aheadAt_ += filled_;
+        if (aheadAt_ == ahead_.size()) {
+            ahead_.clear();
+            aheadAt_ = 0;
+        }
+        return;
+    }
     if (lost_) return;
     for (;;) {
         const ssize_t n = read(readFd_, buffer_.data(), buffer_.size());
@@ -166,6 +177,28 @@ void LineHost::FillBuffer() {
         if (n < 0 && errno == EINTR) continue;
         // A tty in raw mode with VMIN 0 reads 0 bytes when nothing waits;
         // only a hang-up means the line is gone.  Elsewhere 0 is EOF.
+        if (n == 0)
+            lost_ = !readIsTty_ || HungUp(readFd_);
+        else
+            lost_ = LineGone(errno);
+        return;
+    }
+}
+
+// Take what the line holds now into the read-ahead store, up to its limit.
+// An end of the line found here counts as in FillBuffer; the bytes before
+// it are still handed over.
+void LineHost::ReadAhead() {
+    uint8_t chunk[16 * 1024];
+    while (!lost_ && ahead_.size() < options_.readAhead) {
+        const ssize_t n =
+            read(readFd_, chunk, std::min(sizeof chunk, options_.readAhead - ahead_.size()));
+        if (n > 0) {
+            ahead_.insert(ahead_.end(), chunk, chunk + n);
+            bytesIn_ += static_cast<std::size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
         if (n == 0)
             lost_ = !readIsTty_ || HungUp(readFd_);
         else
@@ -205,7 +238,10 @@ void LineHost::WriteQueue() {
     // can take more, and the flush message stays posted, so whatever the
     // library waits in next puts them out as soon as they fit.
     if (queue_.empty() == watchingWrite_) WatchWrite(!queue_.empty());
-    if (!queue_.empty()) PostFlush();
+    if (!queue_.empty()) {
+        ReadAhead();
+        PostFlush();
+    }
 }
 
 // PORT_WRITE takes the bytes into the queue (making room by writing first
@@ -222,7 +258,10 @@ void LineHost::AnswerWrite(PortBlock &block) {
     std::size_t taken = 0;
     if (!lost_ && queue_.empty() && block.Length > capacity) {
         taken = WriteSome(block.Data, block.Length);
-        if (taken < block.Length && !watchingWrite_) WatchWrite(true);
+        if (taken < block.Length) {
+            if (!watchingWrite_) WatchWrite(true);
+            ReadAhead();
+        }
     } else if (!lost_) {
         taken = std::min<std::size_t>(block.Length, capacity - queue_.size());
         queue_.insert(queue_.end(), block.Data, block.Data + taken);

@@ -23,6 +23,13 @@ struct LineHostOptions {
     // acknowledgement, a position request) that the far end may be waiting
     // for: it goes out before the read.
     std::size_t answerBytes = 1024;
+    // While bytes wait for room on the line, what arrives is read ahead
+    // into a store of up to this many bytes, which the next PORT_READs hand
+    // over first, as a terminal's own receive buffer would hold it.  A far
+    // end that answers while we send (ZMODEM's ZACKs under a large window)
+    // is never held in its own writes by us; it could otherwise stop
+    // reading in turn, and both ends would wait on each other's writes.
+    std::size_t readAhead = 4 * 1024 * 1024;
     bool closeOnDestroy = false; // close the fds when the host goes
 };
 
@@ -72,6 +79,7 @@ class LineHost {
     void AnswerRead(PortBlock &block);
     void AnswerWrite(PortBlock &block);
     void FillBuffer();
+    void ReadAhead();
     std::size_t WriteSome(const uint8_t *data, std::size_t length);
     void WriteQueue();
     static void BeforeWait(void *context);
@@ -92,8 +100,10 @@ class LineHost {
     std::vector<uint8_t> buffer_;
     std::size_t filled_ = 0;     // bytes of buffer_ read from the fd and handed over
     std::vector<uint8_t> queue_; // accepted by PORT_WRITE, not yet written
-    bool flushPosted_ = false;   // a flush message waits in the thread's queue
-    bool askedInVain_ = false;   // the last PORT_READ found nothing
+    std::vector<uint8_t> ahead_; // read ahead while writes waited, from aheadAt_ on
+    std::size_t aheadAt_ = 0;
+    bool flushPosted_ = false; // a flush message waits in the thread's queue
+    bool askedInVain_ = false; // the last PORT_READ found nothing
     bool wroteSinceRead_ = false;
     uint64_t bytesIn_ = 0;
     uint64_t bytesOut_ = 0;

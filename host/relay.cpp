@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -25,7 +26,8 @@ struct Direction {
     std::vector<uint8_t> pendingIn, pendingOut;
     bool inputEnded = false;
     bool done = false;
-    bool mayClose = true; // `to` is not also the other direction's input
+    bool closedTo = false; // `to` was closed here (not a socket): its flags are gone
+    bool mayClose = true;  // `to` is not also the other direction's input
 
     Direction(int f, int t, const LineConfig &config, uint64_t seed)
         : from(f), to(t), line(config, seed) {
@@ -64,7 +66,7 @@ struct Direction {
             if (toIsSocket)
                 shutdown(to, SHUT_WR);
             else
-                close(to);
+                closedTo = close(to) == 0;
         }
     }
 
@@ -81,6 +83,19 @@ struct Direction {
 
 RelayResult RelayLines(const RelayFds &fds, const LineConfig &aToB, const LineConfig &bToA,
                        uint64_t seed, const std::atomic<bool> *stop) {
+    // Every fd is non-blocking while the relay runs: poll's "writable" only
+    // means some room, and a write larger than that room would otherwise
+    // hold the whole loop until that side reads.  A side that reads nothing
+    // while it talks must only stop its own incoming direction, as on a real
+    // line; the other direction keeps moving.
+    const int all[4] = {fds.aRead, fds.aWrite, fds.bRead, fds.bWrite};
+    int flags[4];
+    for (int i = 0; i < 4; ++i) {
+        flags[i] = -1;
+        if (std::find(all, all + i, all[i]) != all + i) continue; // set once per fd
+        flags[i] = fcntl(all[i], F_GETFL);
+        if (flags[i] >= 0) fcntl(all[i], F_SETFL, flags[i] | O_NONBLOCK);
+    }
     Direction dirs[2] = {{fds.aRead, fds.bWrite, aToB, seed},
                          {fds.bRead, fds.aWrite, bToA, seed ^ 0x9E3779B97F4A7C15ull}};
     dirs[0].mayClose = fds.bWrite != fds.bRead;
@@ -105,6 +120,10 @@ RelayResult RelayLines(const RelayFds &fds, const LineConfig &aToB, const LineCo
             dirs[d].Move();
         }
     }
+    for (int i = 0; i < 4; ++i)
+        if (flags[i] >= 0 && !(dirs[0].closedTo && all[i] == dirs[0].to) &&
+            !(dirs[1].closedTo && all[i] == dirs[1].to))
+            fcntl(all[i], F_SETFL, flags[i]);
     return {dirs[0].line.Counters(), dirs[1].line.Counters()};
 }
 

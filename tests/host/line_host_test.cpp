@@ -197,6 +197,52 @@ TEST(LineHost, PartialWritesWhenTheFdIsFull) {
     port->Ops.PortClose(port);
 }
 
+// While the host's writes wait for a far end that does not read, what that
+// far end sends is read ahead (up to the limit, the rest stays on the line)
+// so its own writes go on; the reads then hand over every byte in order,
+// the stored ones first.
+TEST(LineHost, ReadsAheadWhileWritesWait) {
+    for (const std::size_t limit : {std::size_t{3000}, std::size_t{1} << 20}) {
+        SCOPED_TRACE(limit);
+        Line line(Kind::Pipes);
+        fcntl(line.farWrite, F_SETFL, fcntl(line.farWrite, F_GETFL) | O_NONBLOCK);
+        LineHostOptions options;
+        options.readAhead = limit;
+        LineHost host(line.hostRead, line.hostWrite, options);
+        XferPort *port = host.OpenPort();
+        std::string sent;
+        auto farSends = [&] { // until the line to the host is full
+            char piece[1000];
+            for (ssize_t n = 1; n > 0;) {
+                for (std::size_t i = 0; i < sizeof piece; ++i)
+                    piece[i] = static_cast<char>((sent.size() + i) * 7 + ((sent.size() + i) >> 8));
+                if ((n = write(line.farWrite, piece, sizeof piece)) > 0) sent.append(piece, n);
+            }
+        };
+        farSends();
+        const std::size_t lineHolds = sent.size();
+        std::vector<uint8_t> block(4096, 'Z');
+        int32_t r = 0;
+        for (int i = 0; i < 10000 && r == 0; ++i)
+            r = port->Ops.WriteBuffer(port, block.data(), 4096);
+        ASSERT_EQ(r, PortBufferFull);
+        EXPECT_EQ(Pending(line.hostRead), static_cast<int>(lineHolds - std::min(limit, lineHolds)));
+        farSends(); // room again for what was read ahead (a pipe frees whole pages)
+        EXPECT_LE(sent.size(), lineHolds + std::min(limit, lineHolds));
+        if (limit >= lineHolds) {
+            EXPECT_EQ(sent.size(), 2 * lineHolds);
+        }
+        EXPECT_EQ(host.BytesIn(), std::min(limit, lineHolds));
+        ReadFar(line.farRead, 1 << 20); // the far end reads at last
+        EXPECT_TRUE(host.Flush(1000));
+        std::string got;
+        for (int32_t c; got.size() < sent.size() && (c = ReadCharTimed(port, 1000)) >= 0;)
+            got.push_back(static_cast<char>(c));
+        EXPECT_TRUE(got == sent) << got.size() << " of " << sent.size() << " bytes came in order";
+        port->Ops.PortClose(port);
+    }
+}
+
 // Raw 8N1 at the chosen speed and back to the saved settings (also through
 // TtyRestoreAll, the signal path); what cannot be done is refused.
 TEST(Tty, MakeRawRestoreAndRefusals) {

@@ -2,8 +2,12 @@
 // (rate, latency, bit errors, drops, the sender's limits, replay from a
 // seed); two ends on two threads exchanging bytes through real ports
 // (both ways at once, noise, hang-up, the deadline); the two-process relay.
+#include <atomic>
 #include <bit>
+#include <cerrno>
+#include <chrono>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <string>
 #include <sys/socket.h>
 #include <thread>
@@ -224,6 +228,61 @@ TEST(Relay, CarriesBothWaysAndPassesTheHangUpOn) {
     EXPECT_EQ(result.aToB.delivered, data.size());
     EXPECT_EQ(result.bToA.delivered, 4u);
     for (int fd : {sa[0], sa[1], toB[0], fromB[0]}) close(fd);
+}
+
+// A side that never reads while the other side answers fills its own
+// incoming direction; the relay must still carry everything the other way
+// (as a line does), not stop both directions in a write to the full side.
+TEST(Relay, AFullDirectionDoesNotStopTheOther) {
+    int sa[2], sb[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sa), 0);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sb), 0);
+    for (int fd : {sa[0], sa[1], sb[0], sb[1]}) {
+        const int size = 4096;
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    }
+    std::atomic<bool> stop{false};
+    RelayResult result;
+    std::thread relay([&] { result = RelayLines({sa[1], sa[1], sb[1], sb[1]}, {}, {}, 9, &stop); });
+
+    // A sends 1 MB and reads nothing; B reads it all and answers each
+    // piece, as a receiver acknowledges, with more than the way back (the
+    // line's queue and buffer, the sockets) holds in total.  The loop only
+    // gives up on a relay that has hung.
+    const std::string answer(1024, 'k');
+    std::string data(1 << 20, '\0');
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 13 + (i >> 11));
+    std::string got;
+    std::size_t sent = 0;
+    bool backFull = false;
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (got.size() < data.size() && std::chrono::steady_clock::now() < giveUp) {
+        pollfd p[2] = {{sa[0], static_cast<short>(sent < data.size() ? POLLOUT : 0), 0},
+                       {sb[0], POLLIN, 0}};
+        poll(p, 2, 50);
+        if (sent < data.size()) {
+            const ssize_t n = send(sa[0], data.data() + sent,
+                                   std::min<std::size_t>(4096, data.size() - sent), MSG_DONTWAIT);
+            if (n > 0) sent += static_cast<std::size_t>(n);
+        }
+        char buf[4096];
+        const ssize_t n = recv(sb[0], buf, sizeof buf, MSG_DONTWAIT);
+        if (n > 0) {
+            got.append(buf, static_cast<std::size_t>(n));
+            if (send(sb[0], answer.data(), answer.size(), MSG_DONTWAIT) < 0 && errno == EAGAIN)
+                backFull = true;
+        }
+    }
+    stop = true;
+    close(sa[0]); // frees a relay that is stuck writing to A
+    close(sb[0]);
+    relay.join();
+    EXPECT_TRUE(backFull) << "the way back never filled up";
+    EXPECT_EQ(got.size(), data.size());
+    EXPECT_TRUE(got == data);
+    close(sa[1]);
+    close(sb[1]);
 }
 
 } // namespace

@@ -111,6 +111,47 @@ def case_zmodem_noisy_both_ways(c: Case):
         check(completed >= 2, "only %d of 3 noisy runs from %s completed" % (completed, send[0]))
 
 
+def case_zmodem_large_window_through_relay(c: Case):
+    # A window far larger than the line and its buffers hold: the receiver's
+    # ZACKs pile up on the way back while our sender is still sending, and
+    # the relay must go on carrying the data (a stalled back channel once
+    # stopped both directions after the first 88 KB).
+    relay = os.path.join(os.path.dirname(c.z), "zvxfer-line-relay")
+    check(os.path.exists(relay), "no %s next to the program" % relay)
+    # A window wider than the file: every ZACK of 6 MB waits for our sender,
+    # more than the line and its buffers hold, so our host must take them
+    # off the line while its own writes wait.
+    f = make_file(c.src, "wide.bin", (3 << 20) + 333, 23)
+    huge = make_file(c.src, "huge.bin", (6 << 20) + 5, 24)
+    ours_in = [c.z, "receive", "-p", "zmodem", "-q", "-d", c.out]
+    rz = [peer("rz"), "-q"]
+    for receive, latency, window, f in ((ours_in, 0, 262144, f), (ours_in, 20, 262144, f),
+                                        (rz, 0, 262144, f), (rz, 20, 262144, f),
+                                        (rz, 20, 65536, f), (ours_in, 0, 16 << 20, huge),
+                                        (rz, 0, 16 << 20, huge)):
+        if os.path.exists(c.copy(f)):
+            os.remove(c.copy(f))
+        send = [c.z, "send", "-p", "zmodem", "-q", "--window", str(window), f]
+        r = subprocess.run([relay, "--latency", str(latency), "--timeout", "60", "--"] + send +
+                           ["--"] + receive, cwd=c.out, stdout=subprocess.DEVNULL,
+                           stderr=subprocess.PIPE, timeout=120)
+        err = r.stderr.decode(errors="replace")
+        what = "%s, %d ms, window %d" % (os.path.basename(receive[0]), latency, window)
+        check(r.returncode == 0 and re.search(r"relay: a=0 b=0 ", err),
+              "%s: did not end well: %s" % (what, err))
+        same(f, c.copy(f), None)
+
+
+def case_relay_passes_a_hang_up_on(c: Case):
+    # A program that ends at once must reach the other one as a hang-up:
+    # `cat` ends by itself instead of being killed at the grace time.
+    relay = os.path.join(os.path.dirname(c.z), "zvxfer-line-relay")
+    r = subprocess.run([relay, "--grace", "20", "--", "true", "--", "sh", "-c", "cat >/dev/null"],
+                       stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, timeout=60)
+    err = r.stderr.decode(errors="replace")
+    check(r.returncode == 0 and "relay: a=0 b=0 " in err, "the hang-up was not passed on: " + err)
+
+
 def case_pty_zmodem_ourselves(c: Case):
     files = batch(c)
     runs = pty_pair([c.z, "send", "-p", "zmodem", "-q"] + files,
