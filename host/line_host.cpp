@@ -175,14 +175,16 @@ void LineHost::FillBuffer() {
             return;
         }
         if (n < 0 && errno == EINTR) continue;
-        // A tty in raw mode with VMIN 0 reads 0 bytes when nothing waits;
-        // only a hang-up means the line is gone.  Elsewhere 0 is EOF.
-        if (n == 0)
-            lost_ = !readIsTty_ || HungUp(readFd_);
-        else
-            lost_ = LineGone(errno);
+        NoteReadEnd(n);
         return;
     }
+}
+
+// A read that brought nothing: 0 bytes or an error (not EINTR).  A tty in
+// raw mode with VMIN 0 reads 0 bytes when nothing waits; only a hang-up
+// means the line is gone.  Elsewhere 0 is EOF.
+void LineHost::NoteReadEnd(long n) {
+    lost_ = n == 0 ? !readIsTty_ || HungUp(readFd_) : LineGone(errno);
 }
 
 // Take what the line holds now into the read-ahead store, up to its limit.
@@ -199,10 +201,7 @@ void LineHost::ReadAhead() {
             continue;
         }
         if (n < 0 && errno == EINTR) continue;
-        if (n == 0)
-            lost_ = !readIsTty_ || HungUp(readFd_);
-        else
-            lost_ = LineGone(errno);
+        NoteReadEnd(n);
         return;
     }
 }

@@ -80,6 +80,7 @@ class LineHost {
     void AnswerWrite(PortBlock &block);
     void FillBuffer();
     void ReadAhead();
+    void NoteReadEnd(long n);
     std::size_t WriteSome(const uint8_t *data, std::size_t length);
     void WriteQueue();
     static void BeforeWait(void *context);
