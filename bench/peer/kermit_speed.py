@@ -18,7 +18,6 @@ does over a socket stalls at this rate).
 usage: kermit_speed.py ZVXFER [--size-mib 8] [--line-kib 256] [--repeat 2]
                        [--cpus free|same|split]
 """
-import argparse
 import os
 import random
 import re
@@ -110,13 +109,8 @@ def on_line(z, work, kib):
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    ap.add_argument("zvxfer")
-    ap.add_argument("--size-mib", type=int, default=8)
+    ap = pairs.arguments(__doc__, 8)
     ap.add_argument("--line-kib", type=int, default=256)
-    ap.add_argument("--repeat", type=int, default=2, help="runs per pairing; the best counts")
-    ap.add_argument("--cpus", choices=sorted(pairs.CPU_CHOICES), default="free",
-                    help=pairs.CPU_HELP)
     args = ap.parse_args()
     pairs.set_cpus(args.cpus)
     z = os.path.abspath(args.zvxfer)

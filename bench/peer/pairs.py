@@ -3,6 +3,7 @@ over one socket pair (optionally pinned to CPUs), timing every pairing on a
 big and a tiny file, and printing the table with each row's ratio against
 the peer pairing it is compared with.
 """
+import argparse
 import os
 import random
 import shutil
@@ -27,6 +28,17 @@ CPU_HELP = ("free: the scheduler places sender and receiver; same: both on CPU 0
 def set_cpus(choice):
     global CPUS
     CPUS = CPU_CHOICES[choice]
+
+
+def arguments(doc, size_mib):
+    # The options every speed script takes: the program, the file size, the
+    # runs per pairing and where sender and receiver run.
+    ap = argparse.ArgumentParser(description=doc.splitlines()[0])
+    ap.add_argument("zvxfer")
+    ap.add_argument("--size-mib", type=int, default=size_mib)
+    ap.add_argument("--repeat", type=int, default=2, help="runs per pairing; the best counts")
+    ap.add_argument("--cpus", choices=sorted(CPU_CHOICES), default="free", help=CPU_HELP)
+    return ap
 
 
 def cpus_name():

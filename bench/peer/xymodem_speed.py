@@ -17,7 +17,6 @@ the loopback does not report the bytes it put on the line.
 usage: xymodem_speed.py ZVXFER [--size-mib 8] [--loop-kib 128] [--repeat 2]
                          [--cpus free|same|split]
 """
-import argparse
 import os
 import random
 import re
@@ -92,14 +91,9 @@ def efficiency(z, work, kib):
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    ap.add_argument("zvxfer")
-    ap.add_argument("--size-mib", type=int, default=8)
+    ap = pairs.arguments(__doc__, 8)
     ap.add_argument("--loop-kib", type=int, default=128,
                     help="file size for the simulated-line table (0: skip it)")
-    ap.add_argument("--repeat", type=int, default=2, help="runs per pairing; the best counts")
-    ap.add_argument("--cpus", choices=sorted(pairs.CPU_CHOICES), default="free",
-                    help=pairs.CPU_HELP)
     args = ap.parse_args()
     pairs.set_cpus(args.cpus)
     z = os.path.abspath(args.zvxfer)

@@ -19,7 +19,6 @@ that carried file data (file bytes / (elapsed s x 11520 bytes/s)).
 usage: zmodem_speed.py ZVXFER [--size-mib 64] [--loop-kib 256] [--repeat 2]
                        [--cpus free|same|split]
 """
-import argparse
 import os
 import random
 import re
@@ -101,13 +100,8 @@ def efficiency(z, work, kib):
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    ap.add_argument("zvxfer")
-    ap.add_argument("--size-mib", type=int, default=64)
+    ap = pairs.arguments(__doc__, 64)
     ap.add_argument("--loop-kib", type=int, default=256)
-    ap.add_argument("--repeat", type=int, default=2, help="runs per pairing; the best counts")
-    ap.add_argument("--cpus", choices=sorted(pairs.CPU_CHOICES), default="free",
-                    help=pairs.CPU_HELP)
     args = ap.parse_args()
     pairs.set_cpus(args.cpus)
     z = os.path.abspath(args.zvxfer)
