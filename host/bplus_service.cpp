@@ -114,42 +114,41 @@ void PutCheckByte(std::vector<uint8_t> &out, uint8_t c, const QuoteSet &quote) {
 
 } // namespace
 
+void RunningChecks::Feed(uint8_t b) {
+    sum = ChecksumUpdate(sum, b);
+    crc16 = method == 2 ? X25Update(crc16, b) : Crc16CcittUpdate(crc16, b);
+    crc32 = Crc32Update(crc32, b);
+}
+
 std::vector<uint8_t> FramePacket(int seq, const std::vector<uint8_t> &data, int checkMethod,
                                  const QuoteSet &quote) {
     std::vector<uint8_t> out{kDle, 'B'};
-    uint8_t sum = 0;
-    uint16_t crc16 = 0xFFFF;
-    uint32_t crc32 = 0xFFFFFFFFu;
-    auto feed = [&](uint8_t b) {
-        sum = ChecksumUpdate(sum, b);
-        crc16 = checkMethod == 2 ? X25Update(crc16, b) : Crc16CcittUpdate(crc16, b);
-        crc32 = Crc32Update(crc32, b);
-    };
+    bplus_wire::RunningChecks checks{checkMethod};
     const auto seqChar = static_cast<uint8_t>('0' + seq);
     out.push_back(seqChar);
-    feed(seqChar);
+    checks.Feed(seqChar);
     for (uint8_t b : data) {
         PutQuoted(out, b, quote);
-        feed(b);
+        checks.Feed(b);
     }
     out.push_back(kEtx);
-    feed(kEtx);
+    checks.Feed(kEtx);
     switch (checkMethod) {
     case 0:
-        PutQuoted(out, sum, quote);
+        PutQuoted(out, checks.sum, quote);
         break;
     case 1:
-        PutCheckByte(out, static_cast<uint8_t>(crc16 >> 8), quote);
-        PutCheckByte(out, static_cast<uint8_t>(crc16), quote);
+        PutCheckByte(out, static_cast<uint8_t>(checks.crc16 >> 8), quote);
+        PutCheckByte(out, static_cast<uint8_t>(checks.crc16), quote);
         break;
     case 2: {
-        const auto sent = static_cast<uint16_t>(crc16 ^ 0xFFFF);
+        const auto sent = static_cast<uint16_t>(checks.crc16 ^ 0xFFFF);
         PutCheckByte(out, static_cast<uint8_t>(sent), quote);
         PutCheckByte(out, static_cast<uint8_t>(sent >> 8), quote);
         break;
     }
     default: {
-        const uint32_t sent = ~crc32;
+        const uint32_t sent = ~checks.crc32;
         for (int i = 0; i < 4; ++i) PutCheckByte(out, static_cast<uint8_t>(sent >> (8 * i)), quote);
         break;
     }
@@ -383,17 +382,10 @@ Event BPlusService::Session::ReadBody(Clock::time_point deadline) {
         }
         data.push_back(static_cast<uint8_t>(c));
     }
-    uint8_t sum = 0;
-    uint16_t crc16 = 0xFFFF;
-    uint32_t crc32 = 0xFFFFFFFFu;
-    auto feed = [&](uint8_t b) {
-        sum = ChecksumUpdate(sum, b);
-        crc16 = method_ == 2 ? X25Update(crc16, b) : Crc16CcittUpdate(crc16, b);
-        crc32 = Crc32Update(crc32, b);
-    };
-    feed(static_cast<uint8_t>(seqChar));
-    for (uint8_t b : data) feed(b);
-    feed(kEtx);
+    bplus_wire::RunningChecks checks{method_};
+    checks.Feed(static_cast<uint8_t>(seqChar));
+    for (uint8_t b : data) checks.Feed(b);
+    checks.Feed(kEtx);
     const int checkBytes = method_ == 0 ? 1 : method_ == 3 ? 4 : 2;
     std::vector<uint8_t> check;
     for (int i = 0; i < checkBytes; ++i) {
@@ -408,10 +400,12 @@ Event BPlusService::Session::ReadBody(Clock::time_point deadline) {
     }
     bool good = false;
     if (method_ == 0) {
-        good = check[0] == sum;
+        good = check[0] == checks.sum;
     } else {
-        for (uint8_t b : check) feed(b);
-        good = method_ == 1 ? crc16 == 0 : method_ == 2 ? crc16 == 0xF0B8 : crc32 == 0xDEBB20E3u;
+        for (uint8_t b : check) checks.Feed(b);
+        good = method_ == 1   ? checks.crc16 == 0
+               : method_ == 2 ? checks.crc16 == 0xF0B8
+                              : checks.crc32 == 0xDEBB20E3u;
     }
     if (!good) {
         bad.why = "bad check";

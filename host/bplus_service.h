@@ -61,6 +61,17 @@ struct QuoteSet {
     QuoteSet Union(const QuoteSet &other) const;
 };
 
+// The checksum and both CRCs over one packet as it goes by (sequence
+// character, data, ETX, then the check bytes when reading); `method` picks
+// X.25 (2) or CCITT (otherwise) for the CRC-16.
+struct RunningChecks {
+    int method = 0;
+    uint8_t sum = 0;
+    uint16_t crc16 = 0xFFFF;
+    uint32_t crc32 = 0xFFFFFFFFu;
+    void Feed(uint8_t b);
+};
+
 // One packet on the wire: DLE 'B', '0' + seq, the data quoted by `quote`,
 // ETX, the check bytes of `checkMethod` (0 checksum, 1 CRC-16 CCITT, 2 X.25,
 // 3 CRC-32).
