@@ -29,7 +29,6 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import pairs  # noqa: E402
-from pairs import LINE_BYTES_PER_S  # noqa: E402
 
 PEERS = "kermit -> kermit"
 
@@ -103,9 +102,7 @@ def on_line(z, work, kib):
         if not m or m.group(1) != "0" or m.group(2) != "0" or not same(src, out):
             print("%-18s failed: %s" % (label, err.strip()[-200:]))
             continue
-        print("%-18s %9.2f %9.1f %11.3f %11.3f" % (label, seconds, kib / seconds,
-                                                   size / int(m.group(3)),
-                                                   size / (seconds * LINE_BYTES_PER_S)))
+        pairs.print_line_row(label, 18, seconds, size, int(m.group(3)))
 
 
 def main():

@@ -41,6 +41,14 @@ def arguments(doc, size_mib):
     return ap
 
 
+def print_line_row(label, width, seconds, size, forward=None):
+    # One row of a simulated-line table: time, KiB/s, file bytes over the
+    # bytes carried forward (when counted) and over the line's capacity.
+    carried = " %11.3f" % (size / forward) if forward else ""
+    print("%-*s %9.2f %9.1f%s %11.3f" % (width, label, seconds, size / 1024 / seconds, carried,
+                                         size / (seconds * LINE_BYTES_PER_S)))
+
+
 def cpus_name():
     return [k for k, v in CPU_CHOICES.items() if v == CPUS][0]
 

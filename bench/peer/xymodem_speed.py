@@ -27,7 +27,7 @@ import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import pairs  # noqa: E402
-from pairs import LINE_BYTES_PER_S, which  # noqa: E402
+from pairs import which  # noqa: E402
 
 
 def pairings(z, protocol, src, out):
@@ -86,8 +86,7 @@ def efficiency(z, work, kib):
             print("%-12s failed (exit %d): %s" % (protocol, r.returncode, err.strip()[-200:]))
             continue
         t = float(m.group(1))
-        print("%-12s %9.2f %9.1f %11.3f" % (protocol, t, kib / t,
-                                             kib * 1024 / (t * LINE_BYTES_PER_S)))
+        pairs.print_line_row(protocol, 12, t, kib * 1024)
 
 
 def main():

@@ -29,7 +29,7 @@ import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import pairs  # noqa: E402
-from pairs import LINE_BYTES_PER_S, which  # noqa: E402
+from pairs import which  # noqa: E402
 
 WINDOWED_PEERS = "peer -> peer (window 4096)"
 PEERS = "peer -> peer"
@@ -94,9 +94,7 @@ def efficiency(z, work, kib):
             continue
         seconds = float(t.group(1))
         size = kib * 1024
-        print("%-22s %9.2f %9.1f %11.3f %11.3f" % (label, seconds, kib / seconds,
-                                                   size / int(line.group(1)),
-                                                   size / (seconds * LINE_BYTES_PER_S)))
+        pairs.print_line_row(label, 22, seconds, size, int(line.group(1)))
 
 
 def main():
