@@ -7,7 +7,8 @@
 #    links zvxfer::zvxfer and zvxfer::zvxfer_static, with C flags only;
 #  - the same C file builds with pkg-config, shared and --static;
 #  - every program built prints the library's German text in a German
-#    session and its English text in an English one.  The static ones run
+#    session and its English text in an English one, and sends a file to
+#    itself with ZMODEM between two threads.  The static ones run
 #    from a folder outside the prefix: they find the catalogues through the
 #    registry of the configured prefix, so they run where that prefix holds
 #    this build's installation (a private mount namespace shows it there).
@@ -83,12 +84,12 @@ fi
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 if pc_flags=$(pkg-config --cflags --libs zvxfer) && pc_static=$(pkg-config --static --libs zvxfer); then
     # shellcheck disable=SC2086
-    "$cc" "${extra[@]}" "$here/consumer/consumer.c" $pc_flags -o "$work/bin/pc-shared" ||
+    "$cc" "${extra[@]}" -pthread "$here/consumer/consumer.c" $pc_flags -o "$work/bin/pc-shared" ||
         fail "pkg-config --cflags --libs does not build the consumer"
     # The static archive, its private dependencies and the C++ runtime
     # linked statically; the C library stays shared.
     # shellcheck disable=SC2086
-    "$cc" "${extra[@]}" "$here/consumer/consumer.c" $(pkg-config --cflags zvxfer) \
+    "$cc" "${extra[@]}" -pthread "$here/consumer/consumer.c" $(pkg-config --cflags zvxfer) \
         -Wl,-Bstatic $pc_static -Wl,-Bdynamic -o "$work/bin/pc-static" ||
         fail "pkg-config --static does not build the consumer"
 else
@@ -145,5 +146,5 @@ out=$("${ns[@]}" sh -c "$overlay sh $work/run.sh $work ${static[*]}") ||
 [ -z "$out" ] || { echo "$out"; failed=1; }
 
 [ ${#shared[@]} -eq 2 ] && [ ${#static[@]} -eq 2 ] || failed=1
-[ $failed -eq 0 ] && echo "installed: program runs from its prefix; C consumers build with CMake and pkg-config, shared and static, and show the library's German and English texts"
+[ $failed -eq 0 ] && echo "installed: program runs from its prefix; C consumers build with CMake and pkg-config, shared and static, show the library's German and English texts and send a file to themselves with ZMODEM"
 exit $failed
