@@ -25,7 +25,8 @@ prefix=$work/prefix
 failed=0
 fail() { echo "FAIL: $*"; failed=1; }
 
-cmake --install "$build" --prefix "$prefix" >"$work/install.log"
+cmake --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 ||
+    { cat "$work/install.log"; echo "FAIL: cmake --install"; exit 1; }
 libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:[A-Z]*=//p' "$build/CMakeCache.txt")
 case $libdir in /*) ;; *) libdir=$prefix/$libdir ;; esac
 
@@ -129,7 +130,8 @@ out=$(LD_LIBRARY_PATH=$libdir sh "$work/run.sh" "$work" "${shared[@]}")
 # build installed where it was configured to go.  The installation is staged
 # and laid over the real folders in a private mount namespace only.
 stage=$work/stage
-DESTDIR=$stage cmake --install "$build" >"$work/stage.log"
+DESTDIR=$stage cmake --install "$build" >"$work/stage.log" 2>&1 ||
+    { cat "$work/stage.log"; echo "FAIL: cmake --install with DESTDIR"; exit 1; }
 mounts=()
 for f in $(cd "$stage" && find . -name registry -path '*/zvxfer/*' -o -name zvui32.nls); do
     dir=$(dirname "${f#.}")
