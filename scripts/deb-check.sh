@@ -4,7 +4,8 @@
 # with it (shared and static), find_package(zvxfer) from a scratch CMake
 # project, a file sent to rz and one received from sz through the installed
 # program, and the manual pages.  The packages (and whatever they pulled in)
-# are purged again at the end, so the machine is as it was.
+# are purged again at the end, so the machine is as it was (packages of
+# these names that an earlier run left behind go too).
 #   scripts/deb-check.sh [OUTDIR]     (default out/deb)
 # Needs root (or sudo): it installs packages.
 set -euo pipefail
@@ -34,7 +35,10 @@ before=$work/packages.before
 dpkg-query -W -f='${Package}\n' | sort >"$before"
 purge() {
     local added
-    added=$(dpkg-query -W -f='${Package}\n' | sort | comm -13 "$before" -)
+    # What the install added, and ours even if an earlier run left them.
+    added=$( (dpkg-query -W -f='${Package}\n' | sort | comm -13 "$before" -
+              dpkg-query -W -f='${Package} ${Status}\n' libzvxfer0 libzvxfer-dev zvxfer 2>/dev/null |
+                  awk '$NF == "installed" { print $1 }') | sort -u) || true
     if [ -n "$added" ]; then
         # shellcheck disable=SC2086
         "${sudo[@]}" apt-get purge -y -qq $added </dev/null >"$work/purge.log" 2>&1 ||
