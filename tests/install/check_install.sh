@@ -89,7 +89,7 @@ if pc_flags=$(pkg-config --cflags --libs zvxfer) && pc_static=$(pkg-config --sta
         fail "pkg-config --cflags --libs does not build the consumer"
     # The static archive, its private dependencies and the C++ runtime
     # linked statically; the C library stays shared.
-    # shellcheck disable=SC2086
+    # shellcheck disable=SC2086,SC2046
     "$cc" "${extra[@]}" -pthread "$here/consumer/consumer.c" $(pkg-config --cflags zvxfer) \
         -Wl,-Bstatic $pc_static -Wl,-Bdynamic -o "$work/bin/pc-static" ||
         fail "pkg-config --static does not build the consumer"
