@@ -1,14 +1,16 @@
 # Message catalogues and the registry file that lets the library find them.
 # In the build tree: <build>/share/zvxfer/*.nls and <build>/etc/zvxfer/registry;
-# installed: <prefix>/share/zvxfer and <prefix>/etc/zvxfer/registry.
+# installed: <datadir>/zvxfer and <sysconfdir>/zvxfer/registry (the registry
+# is written by cmake/install.cmake, naming the prefix installed to).
 file(GLOB ZVXFER_CATALOGUES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/catalogues/*.nls)
 set(ZVXFER_LANGUAGES "eng deu fra")
 
-function(zvxfer_registry_text out prefix)
+# The registry naming the catalogues in <datadir>/zvxfer.
+function(zvxfer_registry_text out datadir)
   set(k "Software\\Marrowind\\Tessera\\15.00\\Locale")
   set(${out}
 "# zvxfer registration: where the message catalogues are, which languages exist.
-HKCR\tCLSID\\{5B3E91A4-7C20-4E6D-9A1F-2D84C07E6B13}\\InprocServer32\t\t${prefix}/share/zvxfer/zvui32.nls
+HKCR\tCLSID\\{5B3E91A4-7C20-4E6D-9A1F-2D84C07E6B13}\\InprocServer32\t\t${datadir}/zvxfer/zvui32.nls
 HKLM\t${k}\tAvailable UI Languages\t${ZVXFER_LANGUAGES}
 HKLM\t${k}\tGlobal Default UI Language\teng
 " PARENT_SCOPE)
@@ -24,16 +26,7 @@ endforeach()
 add_custom_target(zvxfer_catalogues ALL DEPENDS ${_cat_outputs})
 add_dependencies(zvxfer zvxfer_catalogues)
 
-zvxfer_registry_text(_build_registry ${CMAKE_BINARY_DIR})
+zvxfer_registry_text(_build_registry ${CMAKE_BINARY_DIR}/share)
 file(WRITE ${CMAKE_BINARY_DIR}/etc/zvxfer/registry "${_build_registry}")
 
 install(FILES ${ZVXFER_CATALOGUES} DESTINATION ${CMAKE_INSTALL_DATADIR}/zvxfer)
-zvxfer_registry_text(_install_registry "@PREFIX@")
-string(REPLACE "\\" "\\\\" _install_registry "${_install_registry}")
-string(REPLACE "\"" "\\\"" _install_registry "${_install_registry}")
-install(CODE "
-  set(_text \"${_install_registry}\")
-  string(REPLACE \"@PREFIX@\" \"\${CMAKE_INSTALL_PREFIX}\" _text \"\${_text}\")
-  file(WRITE \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/etc/zvxfer/registry\" \"\${_text}\")
-  message(STATUS \"Registered message catalogues in \${CMAKE_INSTALL_PREFIX}/etc/zvxfer/registry\")
-")

@@ -1,8 +1,10 @@
 // A small file-backed registry.  Per-user values live in
 // $XDG_CONFIG_HOME/zvxfer/registry (default ~/.config/zvxfer/registry);
-// machine-wide values in /etc/zvxfer/registry and in
-// <library folder>/../etc/zvxfer/registry (written when the library is
-// installed).  ZVXFER_REGISTRY_DIR=<dir> replaces all of them by
+// machine-wide values in <library folder>/../etc/zvxfer/registry (written
+// when the library is installed), in the registry of the prefix the library
+// was configured for (<sysconfdir>/zvxfer/registry, found by programs linked
+// with the static library wherever they live) and in /etc/zvxfer/registry.
+// ZVXFER_REGISTRY_DIR=<dir> replaces all of them by
 // <dir>/user and <dir>/machine.  HKCU is read from the per-user file, HKLM
 // from the machine-wide ones (the library's own first), HKCR from both with
 // per-user classes first.  Key paths and value names are compared without

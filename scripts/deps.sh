@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Install the build and test dependencies that are missing (Debian/Ubuntu).
+# Install the build and test dependencies that are missing (Debian/Ubuntu),
+# and the packages named as arguments (scripts/deb.sh names its tools).
 # Idempotent and quiet when everything is already there.
 set -euo pipefail
 
@@ -7,7 +8,8 @@ packages=(
   build-essential cmake ninja-build
   googletest libgtest-dev libgmock-dev libbenchmark-dev clang-format
   lrzsz ckermit gkermit python3 tmux
-  libfmt-dev libcli11-dev
+  libfmt-dev libcli11-dev gettext
+  "$@"
 )
 
 missing=()

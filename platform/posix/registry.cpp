@@ -7,6 +7,7 @@
 #include <sys/auxv.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -14,7 +15,17 @@
 #include <string_view>
 #include <vector>
 
+// The registry file an installation of the configured prefix writes
+// (<sysconfdir>/zvxfer/registry); the build passes it in.
+#ifndef ZVXFER_INSTALLED_REGISTRY
+#define ZVXFER_INSTALLED_REGISTRY ""
+#endif
+
 namespace zvxfer::plat {
+
+namespace {
+constexpr const char *kInstalledRegistry = ZVXFER_INSTALLED_REGISTRY;
+} // namespace
 
 struct RegKey {
     // (value name, data) of one key, first definition first.
@@ -109,7 +120,13 @@ std::vector<std::string> FilesFor(RegRoot root) {
         // catalogues even when another copy is registered system-wide.
         if (std::string own = OwnCodeFolder(); !own.empty())
             files.push_back(own + "/../etc/zvxfer/registry");
-        files.push_back("/etc/zvxfer/registry");
+        // Then the registration of the prefix the library was built for: a
+        // program linked with the static library lives anywhere, so the
+        // folder of its code says nothing about where the catalogues are.
+        for (const char *file : {kInstalledRegistry, "/etc/zvxfer/registry"}) {
+            if (file[0] != '\0' && std::find(files.begin(), files.end(), file) == files.end())
+                files.push_back(file);
+        }
     }
     return files;
 }
