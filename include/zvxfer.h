@@ -683,7 +683,9 @@ ZVXFER_EXTERN uint64_t ZvLineBytesOut(const ZvLine *line) ZVXFER_NOEXCEPT;
  * Close the line: the queue goes out (waiting at most 2 s for a full
  * descriptor; the rest is dropped), the window goes, the descriptors are
  * no longer watched, their flags come back, and with closeFds they are
- * closed.  Close the line's ports first.  NULL is ignored.
+ * closed.  Close the line's ports first.  NULL is ignored.  On the thread
+ * that opened the line only (elsewhere it is traced: that thread's waits
+ * would go on watching the descriptor).
  */
 ZVXFER_EXTERN void ZvLineClose(ZvLine *line) ZVXFER_NOEXCEPT;
 

@@ -231,7 +231,8 @@ void KeepTrace(const char *text) {
 }
 
 // What ZvLineOpen refuses, with errno and a trace saying why; the
-// descriptors stay open and as they were, whatever closeFds says.
+// descriptors stay open and as they were, whatever closeFds says.  A close
+// on the wrong thread is traced.
 TEST(CLine, OpenRefusals) {
     int p[2];
     ASSERT_EQ(pipe(p), 0);
@@ -256,10 +257,19 @@ TEST(CLine, OpenRefusals) {
         EXPECT_EQ(errno, r.error);
     }
     EXPECT_NE(gTrace.find("sizeof(ZvLineOptions)"), std::string::npos) << gTrace;
-    ZvSetDebugOutput(nullptr);
     EXPECT_EQ(fcntl(p[0], F_GETFL), flags);
     EXPECT_NE(fcntl(p[1], F_GETFL), -1);
     EXPECT_EQ(ZvLinePort(nullptr, "", 0), nullptr);
+
+    // A line closed on a thread that did not open it is closed, and said so.
+    gTrace.clear();
+    ZvLine *line = nullptr;
+    std::thread([&] { line = ZvLineOpen(p[0], p[1], nullptr); }).join();
+    ASSERT_NE(line, nullptr);
+    ZvLineClose(line);
+    EXPECT_NE(gTrace.find("did not open the line"), std::string::npos) << gTrace;
+    EXPECT_EQ(fcntl(p[0], F_GETFL), flags);
+    ZvSetDebugOutput(nullptr);
     close(p[0]);
     close(p[1]);
 }
