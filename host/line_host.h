@@ -1,12 +1,12 @@
-// LineHost: a reusable host for one line carried by file descriptors (a tty,
-// a socket, a pipe pair, a pty).  It owns a host window that answers the
-// port message: PORT_READ hands over the bytes it has read from the line,
-// PORT_WRITE queues the bytes to send, which go out together without
-// blocking.  A lost line shows in the Error flag.
+// LineHost: the library's line host (ZvLineOpen) for C++ users, one line
+// carried by file descriptors (a tty, a socket, a pipe pair, a pty).  It
+// owns a host window that answers the port message: PORT_READ hands over
+// the bytes it has read from the line, PORT_WRITE queues the bytes to send,
+// which go out together without blocking.  A lost line shows in the Error
+// flag.
 #pragma once
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "zvxfer.h"
 
@@ -52,62 +52,34 @@ class LineHost {
   public:
     LineHost(int readFd, int writeFd, LineHostOptions options = {});
     explicit LineHost(int fd, LineHostOptions options = {}) : LineHost(fd, fd, options) {}
-    ~LineHost();
+    ~LineHost() { ZvLineClose(line_); }
     LineHost(const LineHost &) = delete;
     LineHost &operator=(const LineHost &) = delete;
 
     // False when the window could not be created or the fd not watched.
-    bool Ok() const { return window_ != nullptr; }
-    ZvHwnd Window() const { return window_; }
+    bool Ok() const { return line_ != nullptr; }
+    ZvHwnd Window() const { return ZvLineWindow(line_); }
+    // The C line underneath (nullptr when !Ok()).
+    ZvLine *Line() const { return line_; }
 
     // A port on this host's window (close it with port->Ops.PortClose).
-    XferPort *OpenPort(const char *receiveFolder = "", int32_t policy = XFER_EXISTING_OVERWRITE);
+    XferPort *OpenPort(const char *receiveFolder = "", int32_t policy = XFER_EXISTING_OVERWRITE) {
+        return ZvLinePort(line_, receiveFolder, policy);
+    }
 
     // Put the queued bytes on the line now, waiting up to `timeoutMs` for
     // the fd to take them; true when all went out (false when some are
     // still queued or the line is lost).
-    bool Flush(int timeoutMs = 0);
-    std::size_t Queued() const { return queue_.size(); }
+    bool Flush(int timeoutMs = 0) { return ZvLineFlush(line_, timeoutMs) != 0; }
+    std::size_t Queued() const { return ZvLineQueued(line_); }
 
     // True once a read or write found the line gone (EOF, hang-up, EPIPE, EIO).
-    bool Lost() const { return lost_; }
-    uint64_t BytesIn() const { return bytesIn_; }
-    uint64_t BytesOut() const { return bytesOut_; }
+    bool Lost() const { return ZvLineLost(line_) != 0; }
+    uint64_t BytesIn() const { return ZvLineBytesIn(line_); }
+    uint64_t BytesOut() const { return ZvLineBytesOut(line_); }
 
   private:
-    static intptr_t Procedure(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam);
-    void AnswerRead(PortBlock &block);
-    void AnswerWrite(PortBlock &block);
-    void FillBuffer();
-    void ReadAhead();
-    void NoteReadEnd(long n);
-    std::size_t WriteSome(const uint8_t *data, std::size_t length);
-    void WriteQueue();
-    static void BeforeWait(void *context);
-    void PostFlush();
-    void OnFlushMessage();
-    void WatchWrite(bool on);
-
-    int readFd_;
-    int writeFd_;
-    int readFlags_ = -1;
-    int writeFlags_ = -1;
-    bool writeIsSocket_ = false;
-    bool readIsTty_ = false;
-    bool watchingWrite_ = false;
-    bool lost_ = false;
-    LineHostOptions options_;
-    ZvHwnd window_ = nullptr;
-    std::vector<uint8_t> buffer_;
-    std::size_t filled_ = 0;     // bytes of buffer_ read from the fd and handed over
-    std::vector<uint8_t> queue_; // accepted by PORT_WRITE, not yet written
-    std::vector<uint8_t> ahead_; // read ahead while writes waited, from aheadAt_ on
-    std::size_t aheadAt_ = 0;
-    bool flushPosted_ = false; // a flush message waits in the thread's queue
-    bool askedInVain_ = false; // the last PORT_READ found nothing
-    bool wroteSinceRead_ = false;
-    uint64_t bytesIn_ = 0;
-    uint64_t bytesOut_ = 0;
+    ZvLine *line_ = nullptr;
 };
 
 // Write to a descriptor without ever raising SIGPIPE in the process: a

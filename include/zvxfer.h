@@ -485,6 +485,116 @@ ZVXFER_EXTERN void SetUserErrorNameFunctionPtr(XferErrorNameFn errorName) ZVXFER
 ZVXFER_EXTERN void SetXferFileOpenFunctionPtr(XferFileOpenFn fileOpen) ZVXFER_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
+/* The line host: a window and port over file descriptors                   */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * The library's own host for a connection on file descriptors: a C host
+ * needs no window procedure of its own.
+ *
+ *     ZvLine *line = ZvLineOpen(fd, fd, NULL);
+ *     XferPort *port = ZvLinePort(line, "./", XFER_EXISTING_RENAME);
+ *     char names[] = "\"report.pdf\"";        (writable: see Transfers)
+ *     int32_t rc = CLFileSend(port, Zmodem, names, 0, 0,
+ *                             CLSetFileTransferOptions(NULL), NULL, NULL);
+ *     port->Ops.PortClose(port);
+ *     ZvLineClose(line);
+ *
+ * PORT_READ hands over what one non-blocking read brings (read-ahead
+ * first); PORT_WRITE gathers the bytes in a send queue that goes out
+ * without blocking: when it holds flushAt bytes, before a read while it
+ * holds less than answerBytes, when the engine polls twice in vain, before
+ * the thread sleeps in any wait, on ZvLineFlush and in ZvLineClose.  A full
+ * descriptor takes part of a block (the port's -9; the engines retry).
+ * While writes wait for room, arriving bytes are read ahead so a far end
+ * that talks while it listens is never stalled by us.  Writes never raise
+ * SIGPIPE.  End of file, hang-up, EPIPE, EIO or ECONNRESET marks the line
+ * lost: the bytes read before still come first, then every request gets
+ * Error (the engines end with their lost-line codes).  A tty's read of 0
+ * bytes is a hang-up only when poll says so.
+ *
+ * Threads: a line belongs to the thread that opened it.  Its window is
+ * owned by that thread and its descriptors are watched by that thread's
+ * waits, so run the transfers on that thread and call every ZvLine
+ * function there.
+ */
+
+/** A line carried by one or two file descriptors (a tty, a socket, a pipe
+ *  pair, a pty) with a host window that answers XferPortMessage. */
+typedef struct ZvLine ZvLine;
+
+/** A size field set to this asks for none: no send queue (every write goes
+ *  out at once), no read-ahead store, no answer rule (0 keeps the default). */
+#define ZV_LINE_NONE ((size_t)-1)
+
+/** Tuning of a line; zero fields keep their defaults (in parentheses). */
+typedef struct ZvLineOptions {
+    size_t size;          /* sizeof(ZvLineOptions): lets the struct grow */
+    size_t receiveBuffer; /* bytes one PORT_READ hands over at most (64 KiB) */
+    size_t sendQueue;     /* bytes PORT_WRITE may gather before they go out (16 KiB) */
+    size_t flushAt;       /* a queue this long goes out at once (8 KiB) */
+    size_t answerBytes;   /* a queue shorter than this goes out before a read (1 KiB) */
+    size_t readAhead;     /* bytes read ahead while writes wait for room (4 MiB) */
+    int closeFds;         /* non-zero: ZvLineClose also closes the descriptors */
+} ZvLineOptions;
+
+/**
+ * Open a line on the calling thread.  The descriptors become non-blocking
+ * until ZvLineClose puts their flags back; the read descriptor is watched
+ * by this thread's waits (ZvWatchFd) and a flush runs before each of its
+ * sleeps (ZvAddWaitPrepare: at most 8 lines per thread).
+ * @param[in] readFd   descriptor to read (open for reading)
+ * @param[in] writeFd  descriptor to write; may equal readFd
+ * @param[in] options  NULL for the defaults; read during the call only.
+ *                     Its `size` must be set (0 is refused).
+ * @return the line, or NULL: bad options or descriptors, or no room in this
+ * thread's tables.  errno says why and a debug trace names it; the
+ * descriptors are left as they were (not closed, whatever closeFds says).
+ */
+ZVXFER_EXTERN ZvLine *ZvLineOpen(int readFd, int writeFd,
+                                 const ZvLineOptions *options) ZVXFER_NOEXCEPT;
+
+/**
+ * Open a port on the line's window: PortOpen(line, window, receiveFolder,
+ * existingFilePolicy), so PortUserData holds the line (yours to change).
+ * Close it with port->Ops.PortClose(port), before ZvLineClose.
+ * @return the port, or NULL (line NULL, or as PortOpen).
+ */
+ZVXFER_EXTERN XferPort *ZvLinePort(ZvLine *line, const char *receiveFolder,
+                                   int32_t existingFilePolicy) ZVXFER_NOEXCEPT;
+
+/** The line's window (for PortOpen or a host's own messages); NULL for NULL. */
+ZVXFER_EXTERN ZvHwnd ZvLineWindow(const ZvLine *line) ZVXFER_NOEXCEPT;
+
+/**
+ * Put the queued bytes on the line, waiting up to timeoutMs (0: only what
+ * fits now) for the descriptor to take them.
+ * @return 1 when nothing is left queued, 0 when bytes are still queued or
+ * the line is lost.
+ */
+ZVXFER_EXTERN int ZvLineFlush(ZvLine *line, int timeoutMs) ZVXFER_NOEXCEPT;
+
+/** Bytes accepted from PORT_WRITE and not yet written. */
+ZVXFER_EXTERN size_t ZvLineQueued(const ZvLine *line) ZVXFER_NOEXCEPT;
+
+/** 1 once a read or write found the line gone (EOF, hang-up, EPIPE, EIO). */
+ZVXFER_EXTERN int ZvLineLost(const ZvLine *line) ZVXFER_NOEXCEPT;
+
+/** Bytes read from the read descriptor so far. */
+ZVXFER_EXTERN uint64_t ZvLineBytesIn(const ZvLine *line) ZVXFER_NOEXCEPT;
+
+/** Bytes written to the write descriptor so far. */
+ZVXFER_EXTERN uint64_t ZvLineBytesOut(const ZvLine *line) ZVXFER_NOEXCEPT;
+
+/**
+ * Close the line: the queue goes out (waiting at most 2 s for a full
+ * descriptor; the rest is dropped), the window goes, the descriptors are
+ * no longer watched, their flags come back, and with closeFds they are
+ * closed.  Close the line's ports first.  NULL is ignored.
+ */
+ZVXFER_EXTERN void ZvLineClose(ZvLine *line) ZVXFER_NOEXCEPT;
+
+/* ------------------------------------------------------------------------ */
 /* Transfers                                                                */
 /* ------------------------------------------------------------------------ */
 /*
