@@ -11,11 +11,27 @@ import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "peer"))
-from wiring import Case, check, check_exits, main, make_file, peer, pipes, same  # noqa: E402
+from wiring import Case, Run, _finish, check, check_exits, main, make_file, peer, pipes, same  # noqa: E402,E501
 
 
 def prog(c: Case, name):
     return os.path.join(c.z, name)
+
+
+def pipes_held(a_argv, b_argv, workdir, cwd_b=None):
+    # Crossed pipes as in pipes(), with the line into A held open here until
+    # both have ended: a peer that writes a last answer after A has ended
+    # (gkermit) finds the line still there, as on a terminal.
+    a2b_r, a2b_w = os.pipe()
+    b2a_r, b2a_w = os.pipe()
+    runs = [Run("A", a_argv, b2a_r, a2b_w, None, workdir),
+            Run("B", b_argv, a2b_r, b2a_w, cwd_b, workdir)]
+    for fd in (a2b_r, a2b_w, b2a_w):
+        os.close(fd)
+    try:
+        return _finish(runs, 60, 15)
+    finally:
+        os.close(b2a_r)
 
 
 def files_of(c: Case):
@@ -85,5 +101,108 @@ def case_own_window_usage(c: Case):
     check(runs[0].rc == 2 and "usage" in runs[0].stderr(), "no usage error", runs)
 
 
+
+# ---------------------------------------------------------------------------
+# send_receive: every protocol through the generic entries and the line host
+
+# protocol, whether names travel (several files, exact sizes), block padding
+LOOPBACK = [("xmodem", False, 128), ("xmodem-1k", False, 1024), ("xmodem-1k-g", False, 1024),
+            ("ymodem", True, 0), ("ymodem-g", True, 0), ("zmodem", True, 0),
+            ("kermit", True, 0), ("ascii", False, 0)]
+
+
+def loopback_case(protocol, names, block):
+    def case(c: Case):
+        if protocol == "ascii":
+            # Text as a terminal uploads it; the capture keeps every byte.
+            files = [make_file(c.src, "notes.txt", 5000, pattern=b"a line of text\r\n\tand more\n")]
+        elif names:
+            files = [make_file(c.src, "big.bin", 200001, 11),
+                     make_file(c.src, "name with blanks.dat", 3000, 12)]
+        else:
+            files = [make_file(c.src, "one.bin", 70001, 13)]
+        runs = pipes([prog(c, "send_receive"), "loopback", protocol, c.out] + files,
+                     [sys.executable, "-c", "pass"], c.work)
+        check(not runs[0].killed and runs[0].rc == 0, "the loopback failed", runs)
+        for f in files:
+            copy = c.copy(f)
+            if protocol == "kermit":  # the Kermit sender sends blanks as '_'
+                copy = os.path.join(c.out, os.path.basename(f).replace(" ", "_"))
+            # Only YMODEM and ZMODEM carry the file's time.
+            if protocol in ("ymodem", "ymodem-g", "zmodem") or block:
+                same(f, copy, runs, block)
+            else:
+                check(open(f, "rb").read() == open(copy, "rb").read(),
+                      "%s differs from its original" % copy, runs)
+        err = runs[0].stderr()
+        check(err.count("send: done (%d)" % len(files)) == 1 and
+              err.count("receive: done") == 1, "the ends did not both report success", runs)
+    return case
+
+
+for _p, _n, _b in LOOPBACK:
+    globals()["case_loopback_" + _p.replace("-", "_")] = loopback_case(_p, _n, _b)
+
+
+def case_loopback_bplus_refused(c: Case):
+    # Two B+ terminals have nothing to say to each other: a usage error.
+    f = make_file(c.src, "x.bin", 10, 1)
+    runs = pipes([prog(c, "send_receive"), "loopback", "bplus", c.out, f],
+                 [sys.executable, "-c", "pass"], c.work)
+    check(runs[0].rc == 2 and "service" in runs[0].stderr(), "B+ loopback not refused", runs)
+    runs = pipes([prog(c, "send_receive"), "send", "telepathy", f],
+                 [sys.executable, "-c", "pass"], c.work)
+    check(runs[0].rc == 2 and "usage" in runs[0].stderr(), "unknown protocol accepted", runs)
+
+
+def case_send_receive_zmodem_with_lrzsz(c: Case):
+    files = files_of(c)
+    runs = pipes([prog(c, "send_receive"), "send", "zmodem"] + files, [peer("rz"), "-q"],
+                 c.work, cwd_b=c.out)
+    c.delivered(runs, files, remove=True)
+    # The folder without its '/': the copies land inside it all the same.
+    runs = pipes([peer("sz"), "-q"] + files, [prog(c, "send_receive"), "receive", "zmodem", c.out],
+                 c.work)
+    c.delivered(runs, files)
+
+
+def case_send_receive_ymodem_and_xmodem_with_lrzsz(c: Case):
+    files = files_of(c)[:2]
+    runs = pipes([prog(c, "send_receive"), "send", "ymodem"] + files, [peer("rb"), "-q"],
+                 c.work, cwd_b=c.out)
+    c.delivered(runs, files)
+    # XMODEM into a file that exists: the rename policy writes x(1).bin
+    # beside it, in the example's name buffer, and leaves the old one.
+    one = make_file(c.src, "x.bin", 5000, 14)
+    old = os.path.join(c.out, "x.bin")
+    with open(old, "wb") as f:
+        f.write(b"old")
+    runs = pipes([peer("sx"), "-q", one], [prog(c, "send_receive"), "receive", "xmodem", old],
+                 c.work)
+    check_exits(runs)
+    same(one, os.path.join(c.out, "x(1).bin"), runs, 128)
+    check(open(old, "rb").read() == b"old", "the existing file was touched", runs)
+
+
+def case_send_receive_kermit_with_gkermit(c: Case):
+    # gkermit turns blanks into '_': plain names only.
+    files = [make_file(c.src, "big.bin", 100001, 15), make_file(c.src, "small.txt", 700, 16)]
+    runs = pipes_held([prog(c, "send_receive"), "send", "kermit"] + files,
+                      [peer("gkermit"), "-i", "-r"], c.work, cwd_b=c.out)
+    check_exits(runs)
+    for f in files:
+        check(open(f, "rb").read() == open(c.copy(f), "rb").read(), "%s differs" % f, runs)
+    recv = os.path.join(c.work, "back")
+    os.mkdir(recv)
+    # gkermit runs in the folder of the files.
+    runs = pipes_held([prog(c, "send_receive"), "receive", "kermit", recv],
+                      [peer("gkermit"), "-i", "-s"] + [os.path.basename(f) for f in files],
+                      c.work, cwd_b=c.src)
+    check_exits(runs)
+    for f in files:
+        check(open(f, "rb").read() == open(os.path.join(recv, os.path.basename(f)), "rb").read(),
+              "%s came back different" % f, runs)
+
+
 if __name__ == "__main__":
-    sys.exit(main(["rz", "sz"], "zvxfer-examples-"))
+    sys.exit(main(["rz", "sz", "rb", "sx", "gkermit"], "zvxfer-examples-"))
