@@ -107,6 +107,34 @@ static int32_t check_abort(XferRecord *record) {
     return 0;
 }
 
+/* The idle hook runs while the library waits for the line; a negative
+   answer ends the wait at once.  Some waits have no time limit of their
+   own (a B+ terminal waits for its service as long as it takes), so this
+   is where a lost line or Ctrl-C ends them.  The library's own idle hook
+   handles the thread's messages, which the line host relies on: it is
+   called for everything else. */
+static XferIdleFn g_libraryIdle;
+
+static int32_t on_idle(XferPort *port) {
+    if (g_interrupted || (t_end != NULL && ZvLineLost(t_end->line))) return -1;
+    return g_libraryIdle(port);
+}
+
+/* The hooks are one set for the whole process, shared by both ends of a
+   loopback: the first end to get its port installs them, keeping the
+   library's idle hook (from the port's hook record) to call on. */
+static pthread_mutex_t g_hookLock = PTHREAD_MUTEX_INITIALIZER;
+
+static void install_hooks(XferPort *port) {
+    pthread_mutex_lock(&g_hookLock);
+    if (g_libraryIdle == NULL && port->Hooks->IdleFunction != NULL) {
+        g_libraryIdle = port->Hooks->IdleFunction;
+        SetPortIdleFunctionPtr(on_idle);
+        SetAbortXferFunctionPtr(check_abort);
+    }
+    pthread_mutex_unlock(&g_hookLock);
+}
+
 /* Level 1 is a notice for the user, level 0 a trace; the text is valid
    during the call only. */
 static int32_t show_status(XferRecord *record, int32_t level, const char *text) {
@@ -273,6 +301,7 @@ static void *run_end(void *arg) {
     }
     e.port = ZvLinePort(e.line, folder, XFER_EXISTING_RENAME);
     if (e.port == NULL) goto out;
+    install_hooks(e.port);
 
     if (p->number == CompuServeBPlus) {
         /* The service may ask for an upload whichever way we meant to go.
@@ -345,7 +374,6 @@ int main(int argc, char **argv) {
 
     signal(SIGINT, on_signal);
     signal(SIGTERM, on_signal);
-    SetAbortXferFunctionPtr(check_abort);
 
     if (strcmp(mode, "send") == 0 || strcmp(mode, "receive") == 0) {
         struct job job = {p, mode[0] == 's', STDIN_FILENO, STDOUT_FILENO, argv + 3, argc - 3, 0};

@@ -7,11 +7,13 @@
 # usage: example_checks.py BINDIR CASE      (CASE "list" prints the case names)
 #        BINDIR holds zvxfer and the example programs.
 import os
+import subprocess
 import sys
+import tty
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "peer"))
-from wiring import Case, Run, _finish, check, check_exits, main, make_file, peer, pipes, same  # noqa: E402,E501
+from wiring import Case, Failure, Run, _finish, check, check_exits, main, make_file, peer, pipes, same  # noqa: E402,E501
 
 
 def prog(c: Case, name):
@@ -203,6 +205,64 @@ def case_send_receive_kermit_with_gkermit(c: Case):
         check(open(f, "rb").read() == open(os.path.join(recv, os.path.basename(f)), "rb").read(),
               "%s came back different" % f, runs)
 
+
+
+def bplus_session(c: Case, serve_args, terminal_args, term_cwd):
+    # The service (zvxfer serve) on a raw pty's slave, the example as the
+    # terminal on the master.  The slave stays open here until the service
+    # has ended; closing it then hangs the terminal's line up.
+    master, slave = os.openpty()
+    tty.setraw(slave)
+    serve = subprocess.Popen([prog(c, "zvxfer"), "serve", "-p", "bplus", "--line",
+                              os.ttyname(slave), "--linger", "500"] + serve_args,
+                             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                             stderr=subprocess.PIPE, cwd=c.work)
+    term = subprocess.Popen([prog(c, "send_receive")] + terminal_args, stdin=master,
+                            stdout=master, stderr=subprocess.PIPE, cwd=term_cwd)
+    os.close(master)
+    try:
+        serve_err = serve.communicate(timeout=90)[1].decode(errors="replace")
+        os.close(slave)
+        term_err = term.communicate(timeout=90)[1].decode(errors="replace")
+    except subprocess.TimeoutExpired:
+        serve.kill()
+        term.kill()
+        raise Failure("the B+ session did not end in time")
+    return serve.returncode, serve_err, term.returncode, term_err
+
+
+def case_send_receive_bplus_with_service(c: Case):
+    # A download into the folder, then an upload of an offered file.
+    data = make_file(c.src, "data.bin", 60000, 17)
+    s_rc, s_err, t_rc, t_err = bplus_session(c, ["--download", data],
+                                             ["receive", "bplus", c.out], c.work)
+    check(s_rc == 0 and t_rc == 0, "download: %s\n%s" % (s_err, t_err))
+    check(open(data, "rb").read() == open(c.copy(data), "rb").read(), "the download differs")
+    up = os.path.join(c.work, "up")
+    os.mkdir(up)
+    s_rc, s_err, t_rc, t_err = bplus_session(c, ["--upload", "data.bin", "-d", up],
+                                             ["send", "bplus", data], c.work)
+    check(s_rc == 0 and t_rc == 0, "upload: %s\n%s" % (s_err, t_err))
+    check(open(data, "rb").read() == open(os.path.join(up, "data.bin"), "rb").read(),
+          "the upload differs")
+
+
+def case_send_receive_bplus_refuses_unoffered(c: Case):
+    # The service asks for a file that was not offered (by name, and by a
+    # path out of the folder): nothing of it reaches the service.
+    make_file(c.work, "secret.txt", 100, pattern=b"secret ")
+    offered = make_file(c.src, "offered.txt", 100, 18)
+    up = os.path.join(c.work, "up")
+    os.mkdir(up)
+    for asked in ("secret.txt", "../secret.txt"):
+        s_rc, s_err, t_rc, t_err = bplus_session(
+            c, ["--upload", asked, "-d", up, "--timeout", "500", "--max-errors", "3"],
+            ["send", "bplus", offered], c.work)
+        check(t_rc == 1 and "not offered" in t_err, "%s: %d %s" % (asked, t_rc, t_err))
+        for root, _, names in os.walk(up):
+            for n in names:
+                check(b"secret" not in open(os.path.join(root, n), "rb").read(),
+                      asked + ": the secret was sent")
 
 if __name__ == "__main__":
     sys.exit(main(["rz", "sz", "rb", "sx", "gkermit"], "zvxfer-examples-"))
