@@ -7,6 +7,8 @@
 # usage: example_checks.py BINDIR CASE      (CASE "list" prints the case names)
 #        BINDIR holds zvxfer and the example programs.
 import os
+import re
+import shutil
 import subprocess
 import sys
 import tty
@@ -263,6 +265,69 @@ def case_send_receive_bplus_refuses_unoffered(c: Case):
             for n in names:
                 check(b"secret" not in open(os.path.join(root, n), "rb").read(),
                       asked + ": the secret was sent")
+
+
+# ---------------------------------------------------------------------------
+# The library's manual page, man/zvxfer.3
+
+SOURCE = os.path.normpath(os.path.join(HERE, "..", ".."))
+PAGE = os.path.join(SOURCE, "man", "zvxfer.3")
+
+
+def tool(name, package):
+    path = shutil.which(name)
+    check(path, "%s is not installed (Debian package %s)" % (name, package))
+    return path
+
+
+def case_manual_zvxfer3_renders(c: Case):
+    # groff with every warning, and man(1) as a reader runs it.
+    r = subprocess.run([tool("groff", "groff-base"), "-man", "-Tutf8", "-ww", "-z", PAGE],
+                       capture_output=True, text=True)
+    check(r.returncode == 0 and not r.stderr, "groff warns: " + r.stderr)
+    r = subprocess.run([tool("man", "man-db"), "--warnings", "-l", PAGE], capture_output=True,
+                       text=True, env=dict(os.environ, MANWIDTH="80", MANPAGER="cat",
+                                           PAGER="cat"))
+    check(r.returncode == 0 and not r.stderr, "man warns: " + r.stderr)
+    for heading in ("SYNOPSIS", "DESCRIPTION", "RETURN VALUE", "EXAMPLE", "SEE ALSO"):
+        check("\n" + heading + "\n" in r.stdout, "no section " + heading)
+
+
+def case_manual_zvxfer3_lists_every_export(c: Case):
+    # Every function the library exports has its prototype in the synopsis.
+    with open(os.path.join(SOURCE, "src", "exports.map")) as f:
+        text = f.read()
+    names = re.findall(r"\b([A-Za-z]\w+);", text.split("global:")[1].split("local:")[0])
+    check(len(names) > 40, "the export list was not read: %r" % names)
+    with open(PAGE) as f:
+        page = f.read()
+    synopsis = page.split(".SH SYNOPSIS")[1].split(".SH DESCRIPTION")[0]
+    missing = [n for n in names if not re.search(r"\b%s\(" % n, synopsis)]
+    check(not missing, "missing from the synopsis: " + ", ".join(missing))
+
+
+def unroff(text):
+    return text.replace("\\-", "-").replace("\\e", "\\")
+
+
+def case_manual_zvxfer3_example_sends_to_rz(c: Case):
+    # The page's example, compiled as a reader would, sends to rz.
+    page = open(PAGE).read()
+    example = page.split(".SH EXAMPLE")[1].split(".EX\n")[1].split(".EE\n")[0]
+    source = os.path.join(c.work, "example.c")
+    with open(source, "w") as f:
+        f.write(unroff(example))
+    binary = os.path.join(c.work, "example")
+    lib = os.path.normpath(os.path.join(c.z, "..", "lib"))
+    cc = os.environ.get("CC") or tool("cc", "build-essential")
+    r = subprocess.run([cc, "-std=c11", "-Wall", "-Wextra", "-Werror", "-I",
+                        os.path.join(SOURCE, "include"), source, "-o", binary, "-L", lib,
+                        "-Wl,-rpath," + lib, "-lzvxfer"], capture_output=True, text=True)
+    check(r.returncode == 0, "the example does not build:\n" + r.stderr)
+    files = files_of(c)[:2]
+    runs = pipes([binary] + files, [peer("rz"), "-q"], c.work, cwd_b=c.out)
+    c.delivered(runs, files)
+    check("result 2" in runs[0].stderr(), "the example did not count 2 files", runs)
 
 if __name__ == "__main__":
     sys.exit(main(["rz", "sz", "rb", "sx", "gkermit"], "zvxfer-examples-"))
