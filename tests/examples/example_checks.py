@@ -336,7 +336,8 @@ def case_manual_zvxfer3_example_sends_to_rz(c: Case):
     binary = os.path.join(c.work, "example")
     lib = os.path.normpath(os.path.join(c.z, "..", "lib"))
     cc = os.environ.get("CC") or tool("cc", "build-essential")
-    r = subprocess.run([cc, "-std=c11", "-Wall", "-Wextra", "-Werror", "-I",
+    flags = os.environ.get("ZVXFER_EXAMPLE_CFLAGS", "").split()
+    r = subprocess.run([cc, "-std=c11", "-Wall", "-Wextra", "-Werror"] + flags + ["-I",
                         os.path.join(SOURCE, "include"), source, "-o", binary, "-L", lib,
                         "-Wl,-rpath," + lib, "-lzvxfer"], capture_output=True, text=True)
     check(r.returncode == 0, "the example does not build:\n" + r.stderr)
