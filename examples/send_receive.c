@@ -294,9 +294,14 @@ static void *run_end(void *arg) {
     char *folder = folder_with_separator(p->namesOnLine ? target : ".");
     char *names = job->sending ? quoted_names(job->files, job->count) : NULL;
     char *name = !job->sending && !p->namesOnLine ? name_buffer("", target) : NULL;
-    if (e.line == NULL || folder == NULL || (job->sending && names == NULL) ||
+    if (e.line == NULL) {
+        perror("ZvLineOpen");
+        goto out;
+    }
+    if (folder == NULL || (job->sending && names == NULL) ||
         (!job->sending && !p->namesOnLine && name == NULL)) {
-        fprintf(stderr, "%s: cannot open the line, or a name holds '\"'\n", e.label);
+        fprintf(stderr, "%s: a name holds '\"', or no memory\n", e.label);
+        job->result = PortInvalidParameter;
         goto out;
     }
     e.port = ZvLinePort(e.line, folder, XFER_EXISTING_RENAME);

@@ -148,7 +148,7 @@ for _p, _n, _b in LOOPBACK:
     globals()["case_loopback_" + _p.replace("-", "_")] = loopback_case(_p, _n, _b)
 
 
-def case_loopback_bplus_refused(c: Case):
+def case_send_receive_usage(c: Case):
     # Two B+ terminals have nothing to say to each other: a usage error.
     f = make_file(c.src, "x.bin", 10, 1)
     runs = pipes([prog(c, "send_receive"), "loopback", "bplus", c.out, f],
@@ -157,6 +157,10 @@ def case_loopback_bplus_refused(c: Case):
     runs = pipes([prog(c, "send_receive"), "send", "telepathy", f],
                  [sys.executable, "-c", "pass"], c.work)
     check(runs[0].rc == 2 and "usage" in runs[0].stderr(), "unknown protocol accepted", runs)
+    # A double quote cannot go into the name list: refused before the line.
+    runs = pipes([prog(c, "send_receive"), "send", "zmodem", os.path.join(c.src, 'a"b')],
+                 [sys.executable, "-c", "pass"], c.work)
+    check(runs[0].rc == 1 and "-7 " in runs[0].stderr(), "a quoted name was not refused", runs)
 
 
 def case_send_receive_zmodem_with_lrzsz(c: Case):
