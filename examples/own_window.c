@@ -259,6 +259,8 @@ int main(int argc, char **argv) {
     char *folder = folder_with_separator(sending ? "." : argv[2]);
     if ((sending && names == NULL) || folder == NULL) {
         fprintf(stderr, "own_window: a name holds a double quote, or no memory\n");
+        free(names);
+        free(folder);
         return 2;
     }
 

@@ -15,7 +15,8 @@ import tty
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "peer"))
-from wiring import Case, Failure, Run, _finish, check, check_exits, main, make_file, peer, pipes, same  # noqa: E402,E501
+from wiring import (Case, Failure, Run, _finish, check, check_exits, main,  # noqa: E402
+                    make_file, peer, pipes, same)
 
 
 def prog(c: Case, name):
