@@ -28,6 +28,10 @@ bool WaitForInput(uint32_t timeoutMs);
 // messages queued, so that the pause still sleeps.
 bool WaitForNewInput(uint32_t timeoutMs);
 
+// True when the calling thread's waits watch at least one descriptor
+// (ZvWatchFd): then a wait ends as soon as the host's line has bytes.
+bool WatchesAnyFd();
+
 // Keyboard translation has no meaning here; kept so call sites read alike.
 inline void TranslateMessage(const ZvMsg &) {}
 

@@ -127,6 +127,11 @@ bool PeekMessage(ZvMsg &msg, bool remove) {
     return q->TakePosted(msg, remove);
 }
 
+bool WatchesAnyFd() {
+    const ThreadQueue *q = CurrentQueueIfAny();
+    return q != nullptr && !q->watched.empty();
+}
+
 bool WaitForInput(uint32_t timeoutMs) {
     return Wait(CurrentQueue(), timeoutMs, true);
 }

@@ -6,6 +6,7 @@
 
 #include "core/core.h"
 #include "filelist/filelist.h"
+#include "port/port.h"
 
 namespace zvxfer {
 
@@ -58,6 +59,8 @@ int32_t RunEntry(const EntrySpec &spec, const EntryArgs &args,
     try {
         std::vector<Option> options;
         if (ReadOptionList(words, spec.accepted, options) != 0) return PortInvalidParameter;
+        if (spec.sends && !SendNamesWritable(args.name)) return PortInvalidParameter;
+        BeginTransferNotes();
 
         InitEntryRecord(r, spec.protocol, args.port, args.status, args.progress);
         if (spec.init != nullptr) spec.init(frame, args);

@@ -10,6 +10,7 @@
 #include "kermit/engine.h"
 #include "kermit/protocol.h"
 #include "platform/heap.h"
+#include "port/port.h"
 
 namespace zvxfer::kermit {
 namespace {
@@ -122,7 +123,10 @@ constexpr EntrySpec kReceive{Kermit,   kReceiveOptions,          false, &InitRec
 
 } // namespace
 
+// The names are moved to the front of the caller's list: a list the
+// library cannot write to is refused before anything happens.
 int32_t KermitSendEntry(const EntryArgs &args, std::span<const int32_t> words) {
+    if (!SendNamesWritable(args.name)) return PortInvalidParameter;
     return RunEntry(kSend, args, words);
 }
 

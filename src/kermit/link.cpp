@@ -46,6 +46,7 @@ int KermitEngine::ReadDataFromStack(uint8_t *buffer, int size, int timeout) {
                       static_cast<int>(readBlock.Length), size);
                 break;
             }
+            NoteEmptyRead();
             // The application is closing: no reply is worth waiting for.
             if (PumpMessages(10) == 0) hostClosing = true;
             if (hostClosing || (timeout > 0 && plat::TickReached(plat::GetTickCount(), deadline))) {

@@ -38,7 +38,10 @@ int32_t ReadBufferAfterIdle(XferPort *port, uint8_t *destination, uint32_t lengt
             // its caller polls; a zero-length request (the fill behind
             // PeekChar and RxCount) only asks, so a sender checking for an
             // answer between streamed blocks does not lose 5 ms each time.
-            if (length != 0) PumpMessages(5);
+            if (length != 0) {
+                NoteEmptyRead();
+                PumpMessages(5);
+            }
             port->Count = 0;
             return PortBufferEmpty;
         }

@@ -35,6 +35,20 @@ int32_t IdleWait(XferPort *port, int32_t milliseconds);
 int32_t PumpMessages(uint32_t milliseconds);
 void PumpDelay(uint32_t milliseconds);
 
+// --- a host's mistakes that are cheap to see ---
+
+// False (with a trace) when the send names lie in memory the library
+// cannot write to; the entries refuse such a list with -7.
+bool SendNamesWritable(char *names);
+// Trace a receive folder that exists but lacks its final '/', or that ends
+// in '/' and does not exist; PortOpen keeps it as given.
+void CheckReceiveFolder(const char *folder);
+// A transfer starts on this thread: its notes may be written once again.
+void BeginTransferNotes();
+// A read found nothing and the caller is about to wait: trace, once per
+// transfer, when the thread's waits watch no descriptor.
+void NoteEmptyRead();
+
 // --- hooks ---
 
 // The process's hook record, created with defaults when there is none;

@@ -71,6 +71,7 @@ extern "C" ZVXFER_EXTERN XferPort *PortOpen(uintptr_t userData, ZvHwnd window,
     port->HostWindow = window;
     port->PortUserData = userData;
     port->ReceiveFolder = receiveFolder;
+    CheckReceiveFolder(receiveFolder);
     port->ExistingFilePolicy = existingFilePolicy;
     port_ops::FillOperationTable(port->Ops);
     port->Hooks = ThreadHooksAcquire();

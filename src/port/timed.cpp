@@ -72,6 +72,7 @@ class LazyDeadline {
         }
         if (deadline.Expired()) return PortBufferEmpty;
         // Nothing came: sleep until input arrives (at most 5 ms a round).
+        NoteEmptyRead();
         deadline.Pause();
     }
 }
