@@ -209,7 +209,8 @@ static const char *result_text(int32_t code) {
 /*
  * The send entries take one string of double-quoted names separated by
  * commas, "\"a.txt\",\"b c.bin\"", and split it in place: it must be
- * writable memory (a string literal crashes) and it is spoilt afterwards.
+ * writable memory (the library refuses a string literal with -7) and it is
+ * spoilt afterwards.
  * A name with '*' or '?' is a pattern the library expands.  Returns a
  * malloc'd list, or NULL when a name holds a double quote.
  */

@@ -176,8 +176,8 @@ static const char *result_text(int32_t code) {
 /* ---------------------------------------------------------------------- */
 
 /* The send entries take one string of double-quoted names separated by
-   commas and split it in place: it must be writable (a string literal
-   crashes) and is spoilt afterwards.  '*' and '?' in a name are patterns
+   commas and split it in place: it must be writable (a string literal is
+   refused with -7) and is spoilt afterwards.  '*' and '?' in a name are patterns
    the library expands. */
 static char *quoted_names(char **files, int count) {
     size_t size = 1;
