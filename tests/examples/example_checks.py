@@ -47,20 +47,36 @@ def files_of(c: Case):
             make_file(c.src, "empty.dat", 0)]
 
 
+# What the library's debug output says of a host that forgets the watched
+# descriptor or the folder's '/'.
+UNWATCHED = "no descriptor is watched"
+GLUED = "does not end in '/'"
+
+
+def traced(runs):
+    # The examples' standard error, with the library's traces in it.
+    return "".join(r.stderr() for r in runs)
+
+
 def case_own_window_to_rz(c: Case):
     files = files_of(c)
+    os.environ["ZVXFER_DEBUG"] = "stderr"
     runs = pipes([prog(c, "own_window"), "send"] + files, [peer("rz"), "-q"], c.work,
                  cwd_b=c.out)
     c.delivered(runs, files)
     check("3 file(s) sent" in runs[0].stderr(), "the sender did not count 3 files", runs)
+    check(UNWATCHED not in traced(runs), "the window's descriptor was not watched", runs)
 
 
 def case_sz_to_own_window(c: Case):
     # The folder is given without its final '/': the example adds it, so
     # the files land inside the folder and not beside it as "outbig.bin".
     files = files_of(c)
+    os.environ["ZVXFER_DEBUG"] = "stderr"
     runs = pipes([peer("sz"), "-q"] + files, [prog(c, "own_window"), "receive", c.out], c.work)
     c.delivered(runs, files)
+    check(UNWATCHED not in traced(runs) and GLUED not in traced(runs),
+          "the library traced a mistake of the host", runs)
     check(not [n for n in os.listdir(c.work) if n.startswith("out") and n != "out"],
           "a received name was glued to the folder's name", runs)
 
