@@ -7,13 +7,13 @@
  *
  * How a host uses it
  * ------------------
- * 1. Create a host window (ZvCreateWindow) whose procedure answers
- *    XferPortMessage (1425): wParam PORT_READ asks for received bytes, wParam
- *    PORT_WRITE hands over bytes to send; lParam points at the PortBlock to
- *    fill or to take.  A host whose bytes arrive on a file descriptor also
- *    registers it with ZvWatchFd so that the library's waits wake the moment
- *    bytes arrive.  (host/ in the source tree holds a ready-made line host
- *    for ttys, sockets, pipes and ptys.)
+ * 1. Give the library a window that answers the port message.  A host on
+ *    file descriptors (tty, socket, pipes, pty) takes the library's own:
+ *    ZvLineOpen, then ZvLinePort opens the port on it (see "The line
+ *    host").  Any other host creates a window (ZvCreateWindow) whose
+ *    procedure answers XferPortMessage (1425): wParam PORT_READ asks for
+ *    received bytes, PORT_WRITE hands over bytes to send; lParam points at
+ *    the PortBlock to fill or to take.
  * 2. Optionally install hooks: SetPortIdleFunctionPtr, SetAbortXferFunctionPtr,
  *    SetUserErrorNameFunctionPtr, SetXferFileOpenFunctionPtr.
  * 3. Open a port with PortOpen(userData, window, receiveFolder, policy).
@@ -23,14 +23,75 @@
  *    fixed arguments as int words and end with 0 (XferOptEnd).
  * 5. Read the result: 0 or a file count on success, a negative code on
  *    failure (XFER_RESULT_MAP and PORT_RESULT_MAP below give every code with
- *    its text).  -7 means an option or protocol number was refused before
- *    anything was opened, sent or called back.
+ *    its text).  -7 means the call was refused before anything was opened,
+ *    sent or called back: an option or protocol number, a missing port or
+ *    option block, or send names the library cannot write to.
  * 6. Close the port with port->Ops.PortClose(port).
  *
- * Threads: a transfer runs wholly on the thread that called its entry.  The
- * host window may live on that thread (the port message is then a direct
- * call) or on another thread (the call blocks until the window's thread has
- * handled it while it peeks, pumps or waits for messages).
+ * Who owns what
+ * -------------
+ * - A port is made by PortOpen (or ZvLinePort) and released by its own
+ *   port->Ops.PortClose.  Its receive folder text stays the host's: the
+ *   port keeps the pointer, so the text must live as long as the port.
+ * - An option block is made by CLSetFileTransferOptions and released by
+ *   the CLFileSend or CLFileReceive it is given to, whatever the outcome.
+ *   Give every block to one such call: nothing else releases it.
+ * - Send names are the host's and are written to (see "Transfers").  A file
+ *   name given to a receiver is copied.
+ * - The XferRecord a callback is given lives on the entry's stack; it, its
+ *   FileName and a status text are valid during the callback only.
+ * - PORT_READ: the bytes the host points RxBlock at stay the host's and
+ *   must stay unchanged until the library asks again (see "Traps").
+ *   PORT_WRITE: TxBlock's bytes are valid during the message only; a host
+ *   copies what it keeps.
+ * - A file the file-open hook returns belongs to the library, which closes
+ *   it.  A WorkBuffer a host puts in the hook record must come from malloc:
+ *   option 1027 makes the clean-up free it.
+ * - Windows (ZvCreateWindow/ZvDestroyWindow) and lines (ZvLineOpen/
+ *   ZvLineClose) are the host's; close the ports on them first.
+ *
+ * Threads
+ * -------
+ * - A transfer runs wholly on the thread that called its entry; one
+ *   transfer at a time on a port.  Several threads may run transfers at
+ *   once, each on its own port.
+ * - A window, and a line, belongs to the thread that created it: destroy
+ *   it there.  ZvSendMessage and ZvPostMessage work from any thread; a
+ *   window of another thread handles a sent message only while its thread
+ *   peeks, gets or waits for messages (the port message then blocks until
+ *   it does).
+ * - ZvPeekMessage, ZvGetMessage, ZvWaitMessage, ZvWatchFd and
+ *   ZvAddWaitPrepare work on the calling thread's own queue and waits.
+ * - There is one set of hooks for the whole process: a setter called on
+ *   any thread changes every transfer, a running one at its next use of the
+ *   hook.  Hooks and callbacks run on the transfer's thread; the debug sink
+ *   on any thread that writes a line.
+ *
+ * Traps
+ * -----
+ * - Send names are split in place (a NUL over the quote after each name):
+ *   pass a writable array, never a string literal.  A read-only list is
+ *   refused with -7 (and traced) where the platform can tell.
+ * - A received name is joined to the receive folder as it is: end the
+ *   folder with '/'.  "dl/" + "a.txt" is "dl/a.txt"; "dl" gives "dla.txt".
+ *   A text that names no folder is taken as the one file to write.  A
+ *   folder without its '/', or a missing one, is traced.
+ * - A host that answers PORT_READ from a descriptor must register it with
+ *   ZvWatchFd on the transfer's thread.  Otherwise no wait wakes when
+ *   bytes arrive: each sleeps its whole round and a transfer runs some 70
+ *   times slower, with no error.  ZvLineOpen does it.  Reads on a thread
+ *   that watches no descriptor are traced once per transfer.
+ * - Bytes of a PORT_READ block that the engine has not taken stay in
+ *   port->RxBlock, pointing into the host's memory; the library asks for
+ *   more only once it has taken them all.  The next transfer on the port
+ *   reads them first; a failed transfer's clean-up drains them with the
+ *   line, and ClearRXBuffer and PortClose drop them.  The Kermit engine
+ *   reads through a block of its own: it does not see bytes left in
+ *   port->RxBlock, and what it was handed but did not take is dropped when
+ *   its entry returns.
+ *
+ * The traces go to the debug output: ZvSetDebugOutput, or the file the
+ * environment variable ZVXFER_DEBUG names ("stderr" allowed).
  *
  * Errors are values: no function of this header throws or aborts, except the
  * debug log's documented length limit.
@@ -91,9 +152,15 @@ typedef struct ZvMsg {
 
 /** The port message: sent synchronously to the host window. */
 #define XferPortMessage (ZV_WM_USER + 401u)
-/** wParam of XferPortMessage: fill the RxBlock with received bytes. */
+/** wParam of XferPortMessage: point the block at the received bytes not
+ *  yet handed over (Length 0 when there are none; Error non-zero once the
+ *  connection is lost).  The library asks again only after it has taken
+ *  every byte, so the host may then reuse its buffer. */
 #define PORT_READ 1u
-/** wParam of XferPortMessage: take the TxBlock's bytes for sending. */
+/** wParam of XferPortMessage: take (send or queue) the block's bytes; lower
+ *  Length to what was taken when not all fit (the library offers the rest
+ *  again); Error non-zero once the connection is lost.  The bytes are valid
+ *  during the message only. */
 #define PORT_WRITE 2u
 
 /** Poll events for ZvWatchFd (same values as POLLIN / POLLOUT). */
@@ -108,7 +175,8 @@ typedef struct ZvMsg {
  */
 ZVXFER_EXTERN ZvHwnd ZvCreateWindow(ZvWndProc proc, void *user) ZVXFER_NOEXCEPT;
 
-/** Destroy a window; its queued messages are dropped.  Owner thread only. */
+/** Destroy a window; its queued messages are dropped.  Owner thread only;
+ *  close the ports that use it first. */
 ZVXFER_EXTERN void ZvDestroyWindow(ZvHwnd window) ZVXFER_NOEXCEPT;
 
 /** The user value given to ZvCreateWindow. */
@@ -157,6 +225,9 @@ ZVXFER_EXTERN int ZvWaitMessage(uint32_t timeoutMs) ZVXFER_NOEXCEPT;
  * Make the calling thread's waits wake when fd becomes ready for the given
  * events (ZV_FD_READ, ZV_FD_WRITE).  Calling again for the same fd replaces
  * its events.  Returns 0, or -1 when the table is full (64 per thread).
+ * A host that answers PORT_READ from a descriptor must watch it on the
+ * thread that runs the transfers, or every wait for bytes sleeps its whole
+ * round (see "Traps"); ZvLineOpen does this for its line.
  */
 ZVXFER_EXTERN int ZvWatchFd(int fd, int events) ZVXFER_NOEXCEPT;
 
@@ -179,10 +250,12 @@ ZVXFER_EXTERN int ZvAddWaitPrepare(ZvPrepareFn fn, void *context) ZVXFER_NOEXCEP
 ZVXFER_EXTERN void ZvRemoveWaitPrepare(ZvPrepareFn fn, void *context) ZVXFER_NOEXCEPT;
 
 /**
- * Install the sink of the library's debugger output (trace lines of the
- * Kermit engine and the debug log).  NULL restores the default: the file
- * named by the environment variable ZVXFER_DEBUG ("stderr" allowed), or
- * nothing when it is unset.
+ * Install the sink of the library's debugger output: trace lines of the
+ * Kermit engine, and the traces of a host's likely mistakes (see "Traps").
+ * NULL restores the default: the file named by the environment variable
+ * ZVXFER_DEBUG ("stderr" allowed), or nothing when it is unset.  The sink
+ * is called on whichever thread writes a line (make it thread-safe); the
+ * text is valid during the call only.  Any thread, process-wide.
  */
 ZVXFER_EXTERN void ZvSetDebugOutput(void (*sink)(const char *text)) ZVXFER_NOEXCEPT;
 
@@ -332,13 +405,19 @@ typedef struct XferRecord XferRecord;
 typedef struct ThreadHooks ThreadHooks;
 typedef struct SendFileList SendFileList;
 
-/** Idle hook: >= 0 keep waiting, < 0 end the wait with that value. */
+/* The hooks and callbacks run on the transfer's thread.  A record pointer
+   they get lives on the entry's stack: valid during the call only. */
+
+/** Idle hook: >= 0 keep waiting, < 0 end the wait with that value.  Called
+ *  on every read, so it must return quickly. */
 typedef int32_t (*XferIdleFn)(XferPort *port);
 /** Abort hook: 0 go on; any other value becomes the transfer's Result. */
 typedef int32_t (*XferAbortFn)(XferRecord *record);
-/** File-open hook: mode is "rb" or "wb"; returns a file or XFER_INVALID_FILE. */
+/** File-open hook: mode is "rb" or "wb"; returns a file or XFER_INVALID_FILE.
+ *  The file then belongs to the library, which closes it. */
 typedef XferFile (*XferFileOpenFn)(XferRecord *record, const char *name, const char *mode);
-/** Error-name hook: a text for the code, or NULL to let the library answer. */
+/** Error-name hook: a text for the code (one that stays valid, such as a
+ *  string constant), or NULL to let the library answer. */
 typedef const char *(*XferErrorNameFn)(int32_t code);
 /** Status callback: level 0 trace, 1 notice; text valid during the call only. */
 typedef int32_t (*XferStatusFn)(XferRecord *record, int32_t level, const char *text);
@@ -347,7 +426,8 @@ typedef int32_t (*XferProgressFn)(XferRecord *record);
 /** ASCII character callback: every byte echoed or captured. */
 typedef void (*XferCharFn)(uint8_t ch);
 
-/** The three words the port and the host exchange through XferPortMessage. */
+/** The three words the port and the host exchange through XferPortMessage
+ *  (see PORT_READ and PORT_WRITE for who owns Data, and for how long). */
 typedef struct PortBlock {
     uint8_t *Data;   /* first byte concerned */
     uint32_t Length; /* bytes at Data */
@@ -398,7 +478,7 @@ struct ThreadHooks {
     XferIdleFn IdleFunction;
     XferFileOpenFn FileOpenFunction;
     XferAbortFn AbortFunction;
-    void *WorkBuffer; /* released by clean-up when option 1027 is non-zero */
+    void *WorkBuffer; /* a malloc block; clean-up frees it when option 1027 is non-zero */
     int32_t AbortKey; /* 27 by default */
     XferErrorNameFn UserErrorNameFunction;
     uintptr_t Thread; /* the current-thread pseudo-handle */
@@ -466,19 +546,32 @@ typedef struct FileTransferOptions {
  * Open a port on the host's window.
  * @param[in] userData  kept in PortUserData, never used by the library
  * @param[in] window    the host window that answers XferPortMessage
- * @param[in] receiveFolder  folder for received files, ending in '/'; stored
- *                      by reference, so the host keeps it alive
+ * @param[in] receiveFolder  folder for received files, ending in '/' (NULL
+ *                      or "": the current folder).  A received name is
+ *                      joined to it as it is; a text that names no folder
+ *                      is the one file every received file is written to.
+ *                      Stored by reference: keep it alive while the port is.
+ *                      Traced (not refused) when it lacks its '/' or names
+ *                      no folder but ends in one.
  * @param[in] existingFilePolicy  XFER_EXISTING_OVERWRITE, _RENAME or _SKIP
  * @return the port, or NULL when out of memory or no hook record can be had.
- * Close it with port->Ops.PortClose(port).
+ * Close it with port->Ops.PortClose(port), after the last transfer on it
+ * has returned; unread received bytes are dropped then.  Any thread; the
+ * port's transfers may run on any one thread at a time.
  */
 ZVXFER_EXTERN XferPort *PortOpen(uintptr_t userData, ZvHwnd window, const char *receiveFolder,
                                  int32_t existingFilePolicy) ZVXFER_NOEXCEPT;
 
-/** Discard everything the host has received so far.  0, or a negative code. */
+/** Discard everything the host has received so far: the unread bytes of
+ *  port->RxBlock and whatever the host hands over until it has nothing.
+ *  0, or a negative code (-1: the connection is lost). */
 ZVXFER_EXTERN int32_t ClearRXBuffer(XferPort *port) ZVXFER_NOEXCEPT;
 
-/* Hook setters: affect every thread's transfers; NULL is not accepted. */
+/* Hook setters: one set of hooks serves the whole process, so a setter on
+   any thread changes every thread's transfers (a running one at its next
+   use of the hook).  NULL gives back the library's default behaviour.
+   Hooks set before the first PortOpen stay; when the last port closes the
+   hooks go back to the defaults. */
 ZVXFER_EXTERN void SetPortIdleFunctionPtr(XferIdleFn idle) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN void SetAbortXferFunctionPtr(XferAbortFn abortFn) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN void SetUserErrorNameFunctionPtr(XferErrorNameFn errorName) ZVXFER_NOEXCEPT;
@@ -590,7 +683,9 @@ ZVXFER_EXTERN uint64_t ZvLineBytesOut(const ZvLine *line) ZVXFER_NOEXCEPT;
  * Close the line: the queue goes out (waiting at most 2 s for a full
  * descriptor; the rest is dropped), the window goes, the descriptors are
  * no longer watched, their flags come back, and with closeFds they are
- * closed.  Close the line's ports first.  NULL is ignored.
+ * closed.  Close the line's ports first.  NULL is ignored.  On the thread
+ * that opened the line only (elsewhere it is traced: that thread's waits
+ * would go on watching the descriptor).
  */
 ZVXFER_EXTERN void ZvLineClose(ZvLine *line) ZVXFER_NOEXCEPT;
 
@@ -600,17 +695,41 @@ ZVXFER_EXTERN void ZvLineClose(ZvLine *line) ZVXFER_NOEXCEPT;
 /*
  * Every entry returns the transfer's Result when it is not 0, else the number
  * of files handled.  Option words follow the fixed arguments, ended by 0.
- * Send names: one writable string of double-quoted names with wildcards, for
- * example "\"/tmp/a b.txt\",\"/tmp/x?.bin\""; it is split in place.
+ * Each runs wholly on the calling thread and returns when the exchange is
+ * over; the status and progress callbacks (NULL: none) run inside it.
+ *
+ * Send names: one string of double-quoted names with wildcards, for
+ * example "\"/tmp/a b.txt\",\"/tmp/x?.bin\"".  The library writes to it
+ * (a NUL over the quote that ends each name; Kermit moves the names to the
+ * front), so it must be writable and is changed after the call:
+ *     char names[] = "\"a.txt\"";     works
+ *     "\"a.txt\""                     a string literal: refused with -7
+ * A receiver's file name (XMODEM, XMODEM-1K, ASCII) is copied; a received
+ * name from the line is placed in the port's receive folder.
  */
 
+/**
+ * Make an option block for CLFileSend or CLFileReceive from a list of option
+ * words ended by 0 (NULL or an empty list: no options).
+ * @return the block, or NULL when out of memory.  The CLFileSend or
+ * CLFileReceive it is given to releases it, whatever the outcome; give
+ * every block to exactly one such call.
+ */
 ZVXFER_EXTERN FileTransferOptions *CLSetFileTransferOptions(const int32_t *list) ZVXFER_NOEXCEPT;
+/**
+ * Send with protocol number `protocol`, its options taken from `block`
+ * (released before the call returns, whatever the outcome; NULL: -7).
+ * @param[in,out] names  the send names, written to (see above)
+ * @param[in] asciiFlag, asciiValue  ASCII: drop line feeds; line delay in ms
+ * @return the protocol entry's result, or -7 for a protocol number that has
+ * none, a NULL block, or names the library cannot write to.
+ */
 ZVXFER_EXTERN int32_t CLFileSend(XferPort *port, int32_t protocol, char *names, int32_t asciiFlag,
                                  int32_t asciiValue, FileTransferOptions *block,
                                  XferStatusFn status, XferProgressFn progress) ZVXFER_NOEXCEPT;
 /**
  * Receive with protocol number `protocol`, its options taken from `block`
- * (released before the call returns, whatever the outcome).
+ * (released before the call returns, whatever the outcome; NULL: -7).
  * @param[in] name       the file to write: XMODEM, XMODEM-1K and ASCII only
  * @param[in] asciiFlag  ASCII: non-zero drops received line feeds
  * @return the protocol entry's result, or -7 for a protocol number that has

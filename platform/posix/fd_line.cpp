@@ -18,6 +18,7 @@
 
 #include "fd_io.h"
 #include "platform/debugout.h"
+#include "thread_queue.h"
 #include "zvxfer.h"
 
 namespace {
@@ -94,6 +95,8 @@ struct ZvLine {
     // Close the fds when the options asked for it (after the line is gone).
     bool ClosesFds() const { return settings_.closeFds; }
     int ReadFd() const { return readFd_; }
+    // True on the thread that opened the line (whose waits watch its fd).
+    bool OnOwnerThread() const { return owner_ == zvxfer::plat::detail::CurrentQueueIfAny(); }
     int WriteFd() const { return writeFd_; }
 
     ZvHwnd window = nullptr;
@@ -120,6 +123,7 @@ struct ZvLine {
     const int readFd_;
     const int writeFd_;
     const Settings settings_;
+    const void *owner_ = nullptr; // the opening thread's message queue
     int readFlags_ = -1;
     int writeFlags_ = -1;
     bool writeIsSocket_ = false;
@@ -161,6 +165,7 @@ int ZvLine::Open() {
     readIsTty_ = isatty(readFd_) == 1;
     window = ZvCreateWindow(&ZvLine::Procedure, this);
     if (window == nullptr) return ENOMEM;
+    owner_ = zvxfer::plat::detail::CurrentQueueIfAny();
     watchingRead_ = ZvWatchFd(readFd_, ZV_FD_READ) == 0;
     if (!watchingRead_) return EMFILE;
     preparing_ = ZvAddWaitPrepare(&ZvLine::BeforeWait, this) == 0;
@@ -468,6 +473,11 @@ ZVXFER_EXTERN uint64_t ZvLineBytesOut(const ZvLine *line) ZVXFER_NOEXCEPT {
 
 ZVXFER_EXTERN void ZvLineClose(ZvLine *line) ZVXFER_NOEXCEPT try {
     if (line == nullptr) return;
+    // The watch and the wait-prepare callback are the opening thread's:
+    // from here they would stay behind there.  Said, then closed anyway.
+    if (!line->OnOwnerThread())
+        Trace("zvxfer: ZvLineClose on a thread that did not open the line: close it on the "
+              "thread that opened it\n");
     const int readFd = line->ReadFd(), writeFd = line->WriteFd();
     const bool closeFds = line->ClosesFds();
     delete line;

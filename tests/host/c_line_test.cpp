@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -192,13 +193,46 @@ TEST(CLine, FlagsRestoredAndCloseFdsHonoured) {
     }
 }
 
+// Only the fields an options block's size covers are read (a block from
+// an older header): a closeFds past it is not seen.  ZV_LINE_NONE asks for
+// no send queue, so a byte goes out at once; by default it waits queued.
+TEST(CLine, OptionsAsSizedAndNone) {
+    int s[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, s), 0);
+    ZvLineOptions options{};
+    options.size = offsetof(ZvLineOptions, closeFds);
+    options.closeFds = 1;
+    ZvLineClose(ZvLineOpen(s[0], s[0], &options));
+    EXPECT_NE(fcntl(s[0], F_GETFL), -1) << "closed by a field past the block's size";
+
+    for (const std::size_t sendQueue : {std::size_t{0}, ZV_LINE_NONE}) {
+        options = ZvLineOptions{};
+        options.size = sizeof options;
+        options.sendQueue = sendQueue;
+        ZvLine *line = ZvLineOpen(s[0], s[0], &options);
+        XferPort *port = ZvLinePort(line, "", XFER_EXISTING_OVERWRITE);
+        ASSERT_NE(port, nullptr);
+        EXPECT_EQ(port->Ops.WriteChar(port, 'q'), 0);
+        EXPECT_EQ(ZvLineQueued(line), sendQueue == 0 ? 1u : 0u);
+        EXPECT_EQ(ZvLineBytesOut(line), sendQueue == 0 ? 0u : 1u);
+        port->Ops.PortClose(port);
+        ZvLineClose(line);
+        char c = 0;
+        EXPECT_EQ(read(s[1], &c, 1), 1);
+        EXPECT_EQ(c, 'q');
+    }
+    close(s[0]);
+    close(s[1]);
+}
+
 std::string gTrace;
 void KeepTrace(const char *text) {
     gTrace += text;
 }
 
 // What ZvLineOpen refuses, with errno and a trace saying why; the
-// descriptors stay open and as they were, whatever closeFds says.
+// descriptors stay open and as they were, whatever closeFds says.  A close
+// on the wrong thread is traced.
 TEST(CLine, OpenRefusals) {
     int p[2];
     ASSERT_EQ(pipe(p), 0);
@@ -223,10 +257,19 @@ TEST(CLine, OpenRefusals) {
         EXPECT_EQ(errno, r.error);
     }
     EXPECT_NE(gTrace.find("sizeof(ZvLineOptions)"), std::string::npos) << gTrace;
-    ZvSetDebugOutput(nullptr);
     EXPECT_EQ(fcntl(p[0], F_GETFL), flags);
     EXPECT_NE(fcntl(p[1], F_GETFL), -1);
     EXPECT_EQ(ZvLinePort(nullptr, "", 0), nullptr);
+
+    // A line closed on a thread that did not open it is closed, and said so.
+    gTrace.clear();
+    ZvLine *line = nullptr;
+    std::thread([&] { line = ZvLineOpen(p[0], p[1], nullptr); }).join();
+    ASSERT_NE(line, nullptr);
+    ZvLineClose(line);
+    EXPECT_NE(gTrace.find("did not open the line"), std::string::npos) << gTrace;
+    EXPECT_EQ(fcntl(p[0], F_GETFL), flags);
+    ZvSetDebugOutput(nullptr);
     close(p[0]);
     close(p[1]);
 }
