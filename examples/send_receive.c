@@ -192,14 +192,6 @@ static char *quoted_names(char **files, int count) {
     return list;
 }
 
-/* A receiver's file name is written to in place: under the rename policy
-   "a.txt" may become "a(1).txt".  So it lives in a buffer with room. */
-static char *name_buffer(const char *folder, const char *name) {
-    char *buffer = malloc(XFER_PATH_MAX);
-    if (buffer != NULL) snprintf(buffer, XFER_PATH_MAX, "%s%s", folder, name);
-    return buffer;
-}
-
 /* Received names are glued to the folder as it is ("in" + "x" would be
    "inx"), so the folder must end in '/'.  The port keeps this pointer, not
    a copy: it must outlive the port. */
@@ -293,13 +285,13 @@ static void *run_end(void *arg) {
     const char *target = job->sending ? "." : job->files[0];
     char *folder = folder_with_separator(p->namesOnLine ? target : ".");
     char *names = job->sending ? quoted_names(job->files, job->count) : NULL;
-    char *name = !job->sending && !p->namesOnLine ? name_buffer("", target) : NULL;
+    /* XMODEM and ASCII carry no name: the receiver is told the file. */
+    char *name = !job->sending && !p->namesOnLine ? job->files[0] : NULL;
     if (e.line == NULL) {
         perror("ZvLineOpen");
         goto out;
     }
-    if (folder == NULL || (job->sending && names == NULL) ||
-        (!job->sending && !p->namesOnLine && name == NULL)) {
+    if (folder == NULL || (job->sending && names == NULL)) {
         fprintf(stderr, "%s: a name holds '\"', or no memory\n", e.label);
         job->result = PortInvalidParameter;
         goto out;
@@ -343,7 +335,6 @@ out:
     if (e.line != NULL) ZvLineClose(e.line); /* puts out what is queued, restores the fds */
     free(folder);
     free(names);
-    free(name);
     t_end = NULL;
     return NULL;
 }

@@ -197,7 +197,7 @@ def case_send_receive_ymodem_and_xmodem_with_lrzsz(c: Case):
                  c.work, cwd_b=c.out)
     c.delivered(runs, files)
     # XMODEM into a file that exists: the rename policy writes x(1).bin
-    # beside it, in the example's name buffer, and leaves the old one.
+    # beside it and leaves the old one.
     one = make_file(c.src, "x.bin", 5000, 14)
     old = os.path.join(c.out, "x.bin")
     with open(old, "wb") as f:
