@@ -3,6 +3,7 @@
 #include "progress.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fmt/format.h>
@@ -12,12 +13,16 @@
 #include <vector>
 
 #include "i18n.h"
+#include "json_events.h"
 #include "shown_text.h"
 
 namespace zvxfer::cli {
 namespace {
 
 constexpr auto kRedraw = std::chrono::milliseconds(100);
+// Progress events come at most this often per file: a front end redraws
+// from them, and a log of a long transfer stays readable.
+constexpr auto kProgressEvery = std::chrono::milliseconds(250);
 constexpr int kBarMax = 30, kBarMin = 5;
 constexpr std::size_t kNameColumns = 24, kNameMin = 8;
 
@@ -47,9 +52,19 @@ std::string FormatDuration(double seconds) {
     return fmt::format("{}:{:02}", s / 60, s % 60);
 }
 
-Reporter::Reporter(Verbosity verbosity, bool live, std::string label)
-    : verbosity_(verbosity), live_(live && verbosity != Verbosity::Quiet),
-      label_(label.empty() ? std::string() : label + ": ") {}
+std::string_view LibraryResultText(int32_t code) {
+#define ZVXFER_CLI_TEXT(value, name, text)                                                         \
+    if (code == (value)) return text;
+    XFER_RESULT_MAP(ZVXFER_CLI_TEXT)
+    PORT_RESULT_MAP(ZVXFER_CLI_TEXT)
+#undef ZVXFER_CLI_TEXT
+    return "Unknown error code";
+}
+
+Reporter::Reporter(Verbosity verbosity, bool live, std::string label, std::string side)
+    : verbosity_(verbosity), live_(live && verbosity != Verbosity::Quiet && !JsonOn()),
+      label_(label.empty() ? std::string() : label + ": "), json_(JsonOn()),
+      side_(side.empty() ? label : side) {}
 
 Reporter::~Reporter() {
     ClearBar();
@@ -75,6 +90,12 @@ void Reporter::ClearBar() {
 // escaped, like every name.
 void Reporter::Status(const XferRecord &, int32_t level, const char *text) {
     if (!Shows(level)) return;
+    if (json_) {
+        JsonEvent event("notice");
+        if (!side_.empty()) event.Text("side", side_);
+        event.Number("level", level).Text("text", text ? text : "").Emit();
+        return;
+    }
     Line(ShownText(text ? text : ""));
 }
 
@@ -84,6 +105,18 @@ void Reporter::StartFile(const XferRecord &record) {
     file_ = ShownText(name_);
     size_ = record.FileSize;
     fileBegun_ = Clock::now();
+    if (json_) {
+        emitted_ = fileBegun_;
+        JsonEvent event("file_start");
+        if (!side_.empty()) event.Text("side", side_);
+        event.Text("name", name_);
+        if (size_ > 0)
+            event.Number("size", size_);
+        else
+            event.Null("size");
+        event.Emit();
+        return;
+    }
     if (verbosity_ != Verbosity::Quiet && !live_)
         Line(size_ > 0 ? fmt::format("{} ({})", file_, FormatBytes(size_)) : file_);
 }
@@ -102,7 +135,24 @@ void Reporter::Progress(const XferRecord &record) {
     if (shown != name_) StartFile(record);
     current_ = pos;
     if (record.FileSize > size_) size_ = record.FileSize;
+    if (json_) EmitProgress(Clock::now());
     if (live_) Draw(false);
+}
+
+// The rate of the file so far: it waits for a tenth of a second of data.
+void Reporter::EmitProgress(Clock::time_point now) {
+    if (now - emitted_ < kProgressEvery) return;
+    emitted_ = now;
+    const double elapsed = std::chrono::duration<double>(now - fileBegun_).count();
+    JsonEvent event("progress");
+    if (!side_.empty()) event.Text("side", side_);
+    event.Text("name", name_).Number("bytes", current_);
+    if (size_ > 0)
+        event.Number("size", size_);
+    else
+        event.Null("size");
+    event.Real("rate", elapsed > 0.1 ? std::round(static_cast<double>(current_) / elapsed) : 0)
+        .Emit();
 }
 
 int TerminalColumns() {
@@ -175,6 +225,17 @@ void Reporter::Draw(bool force) {
 }
 
 void Reporter::Waiting(double seconds) {
+    if (json_) {
+        // One event for each whole second waited, from the first.
+        const long whole = seconds < 0 ? -1 : static_cast<long>(seconds);
+        if (whole >= 1 && whole != waitedShown_) {
+            JsonEvent event("waiting");
+            if (!side_.empty()) event.Text("side", side_);
+            event.Number("seconds", static_cast<int64_t>(whole)).Emit();
+        }
+        waitedShown_ = whole;
+        return;
+    }
     if (verbosity_ == Verbosity::Quiet) return;
     if (seconds < 0) {
         if (waitedShown_ >= 0 && live_) ClearBar();
@@ -199,8 +260,24 @@ void Reporter::Waiting(double seconds) {
     barShown_ = true;
 }
 
-void Reporter::Finish() {
+void Reporter::Finish(int32_t result, std::string_view reason) {
     if (file_.empty()) return;
+    ++filesEnded_;
+    if (result < 0) ++filesFailed_;
+    if (json_) {
+        JsonEvent event("file_end");
+        if (!side_.empty()) event.Text("side", side_);
+        event.Text("name", name_)
+            .Number("result", result)
+            .Text("text", LibraryResultText(result))
+            .Number("bytes", current_);
+        if (size_ > 0)
+            event.Number("size", size_);
+        else
+            event.Null("size");
+        if (!reason.empty()) event.Text("reason", reason);
+        event.Emit();
+    }
     if (live_) {
         Draw(true);
         std::fputs("\n", stderr);
