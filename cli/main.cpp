@@ -291,13 +291,22 @@ SessionTally Tally(const TransferSettings &s, const Outcome &o, const Reporter &
     SessionTally t;
     t.bytes = o.bytes;
     t.failed = reporter.FilesFailed();
+    t.skipped = reporter.FilesSkipped();
     const bool clean = o.failure.empty() && (o.result >= 0 || o.result == XferErrNoFilesSent);
     if (!clean) {
-        t.done = reporter.FilesEnded() - t.failed;
+        t.done = reporter.FilesEnded() - t.failed - t.skipped;
+        return t;
+    }
+    // A receiver counts what it saw open and close (some entries count a
+    // skipped file as received); a sender the entry's count of files that
+    // went, and as skipped also the files the library passed over without
+    // offering them (too large for the protocol).
+    if (!s.sending) {
+        t.done = reporter.FilesEnded() - t.failed - t.skipped;
         return t;
     }
     t.done = o.result > 0 ? static_cast<uint64_t>(o.result) : 0;
-    if (s.sending && s.files.size() > t.done) t.skipped = s.files.size() - t.done;
+    if (s.files.size() > t.done + t.skipped) t.skipped = s.files.size() - t.done;
     return t;
 }
 

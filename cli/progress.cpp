@@ -127,7 +127,9 @@ void Reporter::Progress(const XferRecord &record) {
     // record counts one (before that the name is the send list or empty).
     const bool open =
         record.Protocol == Kermit ? record.FileCount > 0 : record.File != XFER_INVALID_FILE;
+    if (!open && record.SkipFile == 1 && record.FileName && json_) EmitSkipped(record);
     if (!open || !record.FileName) return;
+    sending_ = record.Sending != 0;
     const std::string_view shown = Shown(record.FileName);
     const uint64_t pos = record.FilePos > 0 ? static_cast<uint64_t>(record.FilePos) : 0;
     // A position that moves back is a restart within the file (ZMODEM
@@ -137,6 +139,31 @@ void Reporter::Progress(const XferRecord &record) {
     if (record.FileSize > size_) size_ = record.FileSize;
     if (json_) EmitProgress(Clock::now());
     if (live_) Draw(false);
+}
+
+// A receiver passes over a file that its existing-file policy keeps out:
+// the file never opens, so it starts and ends in one go, once for each
+// name.
+void Reporter::EmitSkipped(const XferRecord &record) {
+    const std::string_view name = Shown(record.FileName);
+    if (name == skipped_) return;
+    Finish();
+    skipped_ = name;
+    ++filesEnded_;
+    ++filesSkipped_;
+    for (const char *kind : {"file_start", "file_end"}) {
+        JsonEvent event(kind);
+        if (!side_.empty()) event.Text("side", side_);
+        event.Text("name", name);
+        if (kind[5] == 'e') event.Number("result", 0).Text("text", LibraryResultText(0));
+        if (kind[5] == 'e') event.Number("bytes", 0);
+        if (record.FileSize > 0)
+            event.Number("size", record.FileSize);
+        else
+            event.Null("size");
+        if (kind[5] == 'e') event.Flag("skipped", true);
+        event.Emit();
+    }
 }
 
 // The rate of the file so far: it waits for a tenth of a second of data.
@@ -263,7 +290,13 @@ void Reporter::Waiting(double seconds) {
 void Reporter::Finish(int32_t result, std::string_view reason) {
     if (file_.empty()) return;
     ++filesEnded_;
+    // A file a sender ended without error before all its bytes went was
+    // passed over by the receiver.
+    const bool skipped =
+        result >= 0 && sending_ && size_ > 0 && current_ < static_cast<uint64_t>(size_);
     if (result < 0) ++filesFailed_;
+    if (skipped) ++filesSkipped_;
+    skipped_.clear();
     if (json_) {
         JsonEvent event("file_end");
         if (!side_.empty()) event.Text("side", side_);
@@ -275,6 +308,7 @@ void Reporter::Finish(int32_t result, std::string_view reason) {
             event.Number("size", size_);
         else
             event.Null("size");
+        event.Flag("skipped", skipped);
         if (!reason.empty()) event.Text("reason", reason);
         event.Emit();
     }

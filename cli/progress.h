@@ -42,6 +42,7 @@ class Reporter {
     // Files ended so far, and those of them that ended with a failure.
     uint64_t FilesEnded() const { return filesEnded_; }
     uint64_t FilesFailed() const { return filesFailed_; }
+    uint64_t FilesSkipped() const { return filesSkipped_; }
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -50,6 +51,7 @@ class Reporter {
     void ClearBar();
     void Line(const std::string &text);
     void EmitProgress(Clock::time_point now);
+    void EmitSkipped(const XferRecord &record);
 
     Verbosity verbosity_;
     bool live_;
@@ -69,7 +71,9 @@ class Reporter {
     bool json_;
     std::string side_;
     Clock::time_point emitted_{}; // the file's last progress event
-    uint64_t filesEnded_ = 0, filesFailed_ = 0;
+    bool sending_ = false;
+    std::string skipped_; // the name of the receiver's last skipped file
+    uint64_t filesEnded_ = 0, filesFailed_ = 0, filesSkipped_ = 0;
 };
 
 // The library's own (English) text of a result code, as the header's

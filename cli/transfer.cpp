@@ -324,7 +324,11 @@ Outcome RunTransfer(XferPort *port, const TransferSettings &s, Reporter &reporte
     }
     // The file in progress at the end ended with the transfer: its result
     // is the entry's failure, or the program's judgement of it.
-    if (outcome.result < 0)
+    // A sender whose every file the receiver passed over ends with
+    // "no files were sent": its last file was skipped, not failed.
+    const bool allSkipped =
+        s.sending && outcome.result == XferErrNoFilesSent && outcome.failure.empty();
+    if (outcome.result < 0 && !allSkipped)
         reporter.Finish(outcome.result, outcome.failure);
     else if (!outcome.failure.empty())
         reporter.Finish(outcome.failureCode, outcome.failure);
