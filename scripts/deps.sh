@@ -8,6 +8,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev clang-format
   lrzsz ckermit gkermit python3 tmux
   libfmt-dev libcli11-dev
+  groff-base man-db
 )
 
 missing=()
