@@ -29,18 +29,19 @@ bool Same(const fs::path &original, const fs::path &copy, const char *what, cons
           bool reportedGood) {
     const bool exact = fs::exists(copy) && ReadAll(original) == ReadAll(copy);
     const char *verdict = exact ? _("ok") : reportedGood ? _("DAMAGED") : _("failed");
-    // TRANSLATORS: a copy's verdict (ok, DAMAGED, failed), its direction
-    // (download, upload), the file's name and size.
-    if (JsonOn())
+    if (JsonOn()) {
         JsonEvent("verify")
             .Text("side", side)
             .Text("name", original.filename().string())
             .Flag("ok", exact)
             .Number("bytes", static_cast<uint64_t>(fs::file_size(original)))
             .Emit();
-    else
-        fmt::print(stderr, F_("{:<7} {:<8} {}  {} bytes\n"), verdict, what,
-                   original.filename().string(), fs::file_size(original));
+        return exact;
+    }
+    // TRANSLATORS: a copy's verdict (ok, DAMAGED, failed), its direction
+    // (download, upload), the file's name and size.
+    fmt::print(stderr, F_("{:<7} {:<8} {}  {} bytes\n"), verdict, what,
+               original.filename().string(), fs::file_size(original));
     return exact;
 }
 
