@@ -253,7 +253,10 @@ BPlusSessionOutcome RunBPlusSession(XferPort *port, const BPlusTerminalSettings 
                 std::error_code ec;
                 if (session.request->upload && !session.request->localPath.empty()) {
                     const auto size = std::filesystem::file_size(session.request->localPath, ec);
-                    if (!ec && result == 1) session.request->bytes = size;
+                    if (!ec && result == 1) {
+                        session.request->bytes = size;
+                        reporter.SetFileBytes(size);
+                    }
                 }
                 session.request = nullptr;
                 reporter.Finish(result < 0 ? result : 0);

@@ -195,14 +195,11 @@ bool ShowsEcho(const TextOptions &o, const LineChoice &line) {
 // silence Ctrl-C is, and the capture then counts as complete too.  Any
 // other end (a lost line, a file that cannot be written) is a failure.
 std::optional<int> ReportCapture(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
-    const bool noLimit = s.idleMs && *s.idleMs < 0;
-    std::string how;
-    if (o.result == XferErrCharTimeout)
-        how = fmt::format(F_("after {} ms of silence"), s.idleMs.value_or(10000));
-    else if (o.result == XferErrUserAbort && noLimit)
-        how = _("by Ctrl-C");
-    else
-        return std::nullopt;
+    if (!CaptureEndedNormally(s, o.result)) return std::nullopt;
+    const std::string how =
+        o.result == XferErrCharTimeout
+            ? fmt::format(F_("after {} ms of silence"), s.idleMs.value_or(10000))
+            : _("by Ctrl-C");
     if (verbosity != Verbosity::Quiet)
         Note(fmt::format(o.bytes == 1 ? F_("capture ended {}: {} byte captured in {:.1f} s")
                                       : F_("capture ended {}: {} bytes captured in {:.1f} s"),

@@ -29,6 +29,11 @@ class Reporter {
     }
     void Status(const XferRecord &record, int32_t level, const char *text);
     void Progress(const XferRecord &record);
+    // The current file's bytes when the record's position counts more than
+    // the file's bytes (a B+ upload's packets carry a type byte).
+    void SetFileBytes(uint64_t bytes) {
+        if (!file_.empty()) current_ = bytes;
+    }
     // End the current file with the library's result for it (0: it went
     // whole) and, when the program judged it failed, why; called once the
     // transfer has returned.  A file followed by another ended with 0.

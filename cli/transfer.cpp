@@ -165,6 +165,12 @@ void InstallHooks() {
     SetAbortXferFunctionPtr(OnAbortCheck);
 }
 
+bool CaptureEndedNormally(const TransferSettings &s, int32_t result) {
+    if (!s.protocol.text || s.sending) return false;
+    const bool noLimit = s.idleMs && *s.idleMs < 0;
+    return result == XferErrCharTimeout || (result == XferErrUserAbort && noLimit);
+}
+
 std::string DescribeResult(int32_t code) {
 #define ZVXFER_CLI_TEXT(value, name, text)                                                         \
     if (code == (value)) return std::to_string(code) + " " + ResultText(code, text);
@@ -328,7 +334,7 @@ Outcome RunTransfer(XferPort *port, const TransferSettings &s, Reporter &reporte
     // "no files were sent": its last file was skipped, not failed.
     const bool allSkipped =
         s.sending && outcome.result == XferErrNoFilesSent && outcome.failure.empty();
-    if (outcome.result < 0 && !allSkipped)
+    if (outcome.result < 0 && !allSkipped && !CaptureEndedNormally(s, outcome.result))
         reporter.Finish(outcome.result, outcome.failure);
     else if (!outcome.failure.empty())
         reporter.Finish(outcome.failureCode, outcome.failure);

@@ -75,6 +75,10 @@ void InstallHooks();
 Outcome RunTransfer(XferPort *port, const TransferSettings &settings, Reporter &reporter,
                     std::function<bool()> lineLost, ReceivedFiles *files = nullptr);
 
+// A plain-text capture's normal ends: the silence it waits for, and
+// Ctrl-C when it waits with no limit.
+bool CaptureEndedNormally(const TransferSettings &settings, int32_t result);
+
 // "-606 Remote end sent abort code"
 std::string DescribeResult(int32_t code);
 

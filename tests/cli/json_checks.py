@@ -244,6 +244,24 @@ def case_progress_comes_at_most_four_times_a_second(z, work):
         check(len(times) <= 40, "%s: %d progress events" % (side, len(times)))
 
 
+def case_loopback_sides_of_a_capture_and_a_bplus_session(z, work):
+    # A capture ended by its silence and both directions of a B+ session
+    # are whole files: result 0 and the file's own byte count on every side.
+    f = make_file(work, "t.txt", 700, pattern=b"a line of text\n")
+    for protocol, sides, extra in (("ascii", ("send", "receive"), ["--idle", "300"]),
+                                   ("bplus", ("terminal",), [])):
+        r = subprocess.run([z, "loopback", "--json", "-p", protocol] + extra + [f],
+                           capture_output=True, timeout=100, env=ENV)
+        events = events_of(r.stderr, protocol)
+        for side in sides:
+            ends = files_of([e for e in events if e.get("side") == side], side)
+            check(ends and all(e["result"] == 0 and e["bytes"] == 700 for e in ends),
+                  "%s %s: %r" % (protocol, side, ends))
+        end = events[-1]
+        check(r.returncode == 0 and (end["exit"], end["failed"]) == (0, 0) and end["files"] >= 1,
+              "%s: exit %d, %r" % (protocol, r.returncode, end))
+
+
 def case_messages_and_usage_errors(z, work):
     # Under --json every line after the arguments are read is JSON: a bad
     # name before the session is a message event (no session), and the
