@@ -84,16 +84,17 @@ std::string JsonString(std::string_view bytes, bool *valid) {
     return out;
 }
 
-JsonEvent::JsonEvent(std::string_view kind) : text_("{") {
-    Key("event");
-    text_ += JsonString(kind);
+JsonEvent::JsonEvent(std::string_view kind) : kind_(JsonString(kind)) {}
+
+std::string JsonEvent::Object() const {
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - g_started).count();
-    Real("time", std::floor(seconds * 1000) / 1000);
+    return fmt::format("{{\"event\":{},\"time\":{}{}{}}}", kind_, std::floor(seconds * 1000) / 1000,
+                       text_.empty() ? "" : ",", text_);
 }
 
 void JsonEvent::Key(std::string_view key) {
-    if (text_.size() > 1) text_ += ',';
+    if (!text_.empty()) text_ += ',';
     text_ += JsonString(key);
     text_ += ':';
 }
@@ -148,8 +149,8 @@ JsonEvent &JsonEvent::Null(std::string_view key) {
 }
 
 void JsonEvent::Emit() const {
-    const std::string line = Object() + "\n";
     const std::lock_guard<std::mutex> lock(g_writeMutex);
+    const std::string line = Object() + "\n";
     std::fwrite(line.data(), 1, line.size(), stderr);
     std::fflush(stderr);
 }

@@ -36,15 +36,17 @@ class JsonEvent {
     JsonEvent &Real(std::string_view key, double value);
     JsonEvent &Flag(std::string_view key, bool value);
     JsonEvent &Null(std::string_view key);
-    // The object as written, without its line end.
-    std::string Object() const { return text_ + "}"; }
+    // The object as written now, without its line end.
+    std::string Object() const;
     // Write the line to standard error at once (one write, so the lines of
-    // the two sides of a loopback never mix).
+    // the two sides of a loopback never mix).  Its time is taken under the
+    // same lock, so the times of the lines never go back.
     void Emit() const;
 
   private:
     void Key(std::string_view key);
-    std::string text_;
+    std::string kind_; // as JSON
+    std::string text_; // the fields after "time"
 };
 
 // Turned on once, by --json, before anything else is written.
