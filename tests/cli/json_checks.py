@@ -9,6 +9,7 @@
 # usage: json_checks.py ZVXFER CASE      (CASE "list" prints the case names)
 import json
 import os
+import select
 import subprocess
 import sys
 
@@ -157,6 +158,52 @@ def case_a_failed_transfer_ends_its_file_and_the_session_with_the_code(z, work):
     end = events[-1]
     check((end["files"], end["failed"], end["exit"]) == (0, 1, 1), "session end %r" % end)
     check(ends[0]["bytes"] < 50000, "the failed file claims every byte: %r" % ends[0])
+
+
+def case_a_line_lost_in_the_middle_of_a_file_fails_that_file(z, work):
+    # The sender's line to a peer receiver is cut once 100000 bytes went:
+    # the file in progress ends with a negative result (for Kermit, whose
+    # engine gives none, the program's code for a lost line) and a reason
+    # where the program judged it.
+    f = make_file(work, "big.bin", 3000000, seed=6)
+    for protocol, receiver in (("kermit", [peer("gkermit"), "-r", "-q"]),
+                               ("zmodem", [peer("rz"), "-q"])):
+        out = os.path.join(work, protocol)
+        os.makedirs(out)
+        err_path = os.path.join(work, protocol + ".stderr")
+        with open(err_path, "wb") as err:
+            sender = subprocess.Popen([z, "send", "--json", "-p", protocol, f],
+                                      stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                      stderr=err, env=ENV)
+        far = subprocess.Popen(receiver, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                               stderr=subprocess.DEVNULL, cwd=out)
+        try:
+            relayed = 0
+            while relayed < 100000 and sender.poll() is None:
+                ready, _, _ = select.select([sender.stdout, far.stdout], [], [], 10)
+                check(ready, "%s: the line went quiet before 100000 bytes" % protocol)
+                for source, sink in ((sender.stdout, far.stdin), (far.stdout, sender.stdin)):
+                    if source in ready:
+                        data = os.read(source.fileno(), 65536)
+                        check(data, "%s: a side ended early" % protocol)
+                        sink.write(data)
+                        sink.flush()
+                        relayed += len(data) if source is sender.stdout else 0
+        finally:
+            far.kill()
+            far.wait()
+            sender.stdin.close()
+            sender.stdout.close()
+            rc = sender.wait(timeout=60)
+        with open(err_path, "rb") as err:
+            events = events_of(err.read(), protocol)
+        ends = files_of(events, protocol)
+        check(rc == 1 and len(ends) == 1 and ends[0]["result"] < 0 and
+              ends[0]["bytes"] < 3000000, "%s: exit %d, file ends %r" % (protocol, rc, ends))
+        check(protocol != "kermit" or ends[0].get("reason"), "kermit: no reason: %r" % ends[0])
+        end = events[-1]
+        check((end["files"], end["failed"], end["exit"]) == (0, 1, 1),
+              "%s: session end %r" % (protocol, end))
 
 
 def case_files_the_receiver_skips_are_marked_on_both_sides(z, work):
