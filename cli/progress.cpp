@@ -61,6 +61,21 @@ std::string_view LibraryResultText(int32_t code) {
     return "Unknown error code";
 }
 
+namespace {
+
+// A file's size in an event: null while it is unknown.
+JsonEvent &Size(JsonEvent &event, int32_t size) {
+    return size > 0 ? event.Number("size", size) : event.Null("size");
+}
+
+} // namespace
+
+JsonEvent Reporter::Event(std::string_view kind) const {
+    JsonEvent event(kind);
+    if (!side_.empty()) event.Text("side", side_);
+    return event;
+}
+
 Reporter::Reporter(Verbosity verbosity, bool live, std::string label, std::string side)
     : verbosity_(verbosity), live_(live && verbosity != Verbosity::Quiet && !JsonOn()),
       label_(label.empty() ? std::string() : label + ": "), json_(JsonOn()),
@@ -91,9 +106,7 @@ void Reporter::ClearBar() {
 void Reporter::Status(const XferRecord &, int32_t level, const char *text) {
     if (!Shows(level)) return;
     if (json_) {
-        JsonEvent event("notice");
-        if (!side_.empty()) event.Text("side", side_);
-        event.Number("level", level).Text("text", text ? text : "").Emit();
+        Event("notice").Number("level", level).Text("text", text ? text : "").Emit();
         return;
     }
     Line(ShownText(text ? text : ""));
@@ -107,14 +120,7 @@ void Reporter::StartFile(const XferRecord &record) {
     fileBegun_ = Clock::now();
     if (json_) {
         emitted_ = fileBegun_;
-        JsonEvent event("file_start");
-        if (!side_.empty()) event.Text("side", side_);
-        event.Text("name", name_);
-        if (size_ > 0)
-            event.Number("size", size_);
-        else
-            event.Null("size");
-        event.Emit();
+        Size(Event("file_start").Text("name", name_), size_).Emit();
         return;
     }
     if (verbosity_ != Verbosity::Quiet && !live_)
@@ -151,19 +157,13 @@ void Reporter::EmitSkipped(const XferRecord &record) {
     skipped_ = name;
     ++filesEnded_;
     ++filesSkipped_;
-    for (const char *kind : {"file_start", "file_end"}) {
-        JsonEvent event(kind);
-        if (!side_.empty()) event.Text("side", side_);
-        event.Text("name", name);
-        if (kind[5] == 'e') event.Number("result", 0).Text("text", LibraryResultText(0));
-        if (kind[5] == 'e') event.Number("bytes", 0);
-        if (record.FileSize > 0)
-            event.Number("size", record.FileSize);
-        else
-            event.Null("size");
-        if (kind[5] == 'e') event.Flag("skipped", true);
-        event.Emit();
-    }
+    Size(Event("file_start").Text("name", name), record.FileSize).Emit();
+    JsonEvent end = Event("file_end");
+    end.Text("name", name)
+        .Number("result", 0)
+        .Text("text", LibraryResultText(0))
+        .Number("bytes", 0);
+    Size(end, record.FileSize).Flag("skipped", true).Emit();
 }
 
 // The rate of the file so far: it waits for a tenth of a second of data.
@@ -171,14 +171,9 @@ void Reporter::EmitProgress(Clock::time_point now) {
     if (now - emitted_ < kProgressEvery) return;
     emitted_ = now;
     const double elapsed = std::chrono::duration<double>(now - fileBegun_).count();
-    JsonEvent event("progress");
-    if (!side_.empty()) event.Text("side", side_);
-    event.Text("name", name_).Number("bytes", current_);
-    if (size_ > 0)
-        event.Number("size", size_);
-    else
-        event.Null("size");
-    event.Real("rate", elapsed > 0.1 ? std::round(static_cast<double>(current_) / elapsed) : 0)
+    JsonEvent event = Event("progress");
+    Size(event.Text("name", name_).Number("bytes", current_), size_)
+        .Real("rate", elapsed > 0.1 ? std::round(static_cast<double>(current_) / elapsed) : 0)
         .Emit();
 }
 
@@ -256,9 +251,7 @@ void Reporter::Waiting(double seconds) {
         // One event for each whole second waited, from the first.
         const long whole = seconds < 0 ? -1 : static_cast<long>(seconds);
         if (whole >= 1 && whole != waitedShown_) {
-            JsonEvent event("waiting");
-            if (!side_.empty()) event.Text("side", side_);
-            event.Number("seconds", static_cast<int64_t>(whole)).Emit();
+            Event("waiting").Number("seconds", static_cast<int64_t>(whole)).Emit();
         }
         waitedShown_ = whole;
         return;
@@ -298,17 +291,12 @@ void Reporter::Finish(int32_t result, std::string_view reason) {
     if (skipped) ++filesSkipped_;
     skipped_.clear();
     if (json_) {
-        JsonEvent event("file_end");
-        if (!side_.empty()) event.Text("side", side_);
+        JsonEvent event = Event("file_end");
         event.Text("name", name_)
             .Number("result", result)
             .Text("text", LibraryResultText(result))
             .Number("bytes", current_);
-        if (size_ > 0)
-            event.Number("size", size_);
-        else
-            event.Null("size");
-        event.Flag("skipped", skipped);
+        Size(event, size_).Flag("skipped", skipped);
         if (!reason.empty()) event.Text("reason", reason);
         event.Emit();
     }

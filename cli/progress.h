@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "json_events.h"
 #include "zvxfer.h"
 
 namespace zvxfer::cli {
@@ -57,6 +58,8 @@ class Reporter {
     void Line(const std::string &text);
     void EmitProgress(Clock::time_point now);
     void EmitSkipped(const XferRecord &record);
+    // An event of this transfer: its side when it has one.
+    JsonEvent Event(std::string_view kind) const;
 
     Verbosity verbosity_;
     bool live_;
