@@ -9,6 +9,7 @@
 #include "bplus_service.h"
 #include "bplus_terminal.h"
 #include "i18n.h"
+#include "json_events.h"
 #include "link_pair.h"
 
 namespace zvxfer::cli {
@@ -23,9 +24,20 @@ std::vector<char> ReadAll(const fs::path &path) {
 
 // One copy's verdict: "ok" (exact), "failed" (the transfer said it failed)
 // or "DAMAGED" (reported good, yet it differs: a damage the check missed).
-bool Same(const fs::path &original, const fs::path &copy, const char *what, bool reportedGood) {
+// `side` names the direction in the JSON event ("download", "upload").
+bool Same(const fs::path &original, const fs::path &copy, const char *what, const char *side,
+          bool reportedGood) {
     const bool exact = fs::exists(copy) && ReadAll(original) == ReadAll(copy);
     const char *verdict = exact ? _("ok") : reportedGood ? _("DAMAGED") : _("failed");
+    if (JsonOn()) {
+        JsonEvent("verify")
+            .Text("side", side)
+            .Text("name", original.filename().string())
+            .Flag("ok", exact)
+            .Number("bytes", static_cast<uint64_t>(fs::file_size(original)))
+            .Emit();
+        return exact;
+    }
     // TRANSLATORS: a copy's verdict (ok, DAMAGED, failed), its direction
     // (download, upload), the file's name and size.
     fmt::print(stderr, F_("{:<7} {:<8} {}  {} bytes\n"), verdict, what,
@@ -39,7 +51,7 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
     std::vector<fs::path> originals;
     for (const std::string &f : s.files) {
         if (!fs::is_regular_file(f)) {
-            fmt::print(stderr, "zvxfer: {}\n", fmt::format(F_("not a file: {}"), f));
+            Note(fmt::format(F_("not a file: {}"), f));
             return 2;
         }
         originals.emplace_back(f);
@@ -50,7 +62,7 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
     fs::create_directories(down, ec);
     fs::create_directories(up, ec);
     if (folder.empty() || ec) {
-        fmt::print(stderr, "zvxfer: {}\n", _("cannot make the folders for the copies"));
+        Note(_("cannot make the folders for the copies"));
         return 1;
     }
 
@@ -85,7 +97,7 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
 
     std::vector<host::RequestReport> reports;
     BPlusSessionOutcome session;
-    Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0, _("terminal"));
+    Reporter reporter(verbosity, isatty(STDERR_FILENO) != 0, _("terminal"), "terminal");
     host::LinkPair link(config);
     link.Run(
         [&](XferPort *port) {
@@ -100,11 +112,11 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
         });
 
     const int status = ReportBPlusSession(session, terminal, Verbosity::Quiet);
+    g_sessionTally = TallyOf(session);
     bool all = status == 0 && reports.size() == requests.size();
     for (const host::RequestReport &r : reports)
         if (!r.ok) {
-            fmt::print(stderr, "zvxfer: {}\n",
-                       fmt::format(F_("service: {} failed: {}"), r.request.path, r.why));
+            Note(fmt::format(F_("service: {} failed: {}"), r.request.path, r.why));
             all = false;
         }
     for (const fs::path &f : originals) {
@@ -116,8 +128,8 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
         for (const host::RequestReport &r : reports)
             if (r.request.kind == host::ServiceRequest::Upload && r.ok && r.request.path == name)
                 uploadGood = true;
-        all = Same(f, down / name, _("download"), downloadGood) && all;
-        all = Same(f, up / name, _("upload"), uploadGood) && all;
+        all = Same(f, down / name, _("download"), "download", downloadGood) && all;
+        all = Same(f, up / name, _("upload"), "upload", uploadGood) && all;
     }
     // Each request's time and, on a line of limited speed, the share of the
     // line's capacity that was file data.
@@ -133,18 +145,15 @@ int RunBPlusLoopback(const LoopbackSettings &s, int32_t checkMethod, Verbosity v
             s.baud != 0 && capacity > 0
                 ? fmt::format(F_(", file/line {:.3f}"), static_cast<double>(r.bytes) / capacity)
                 : fmt::format(", {}/s", FormatBytes(r.seconds > 0 ? r.bytes / r.seconds : 0)));
-        fmt::print(stderr, "zvxfer: {}\n", text);
+        Note(text);
     }
-    fmt::print(stderr, "zvxfer: {}\n",
-               fmt::format(P_("{} of {} transfer verified in {}; {} in {:.2f} s",
-                              "{} of {} transfers verified in {}; {} in {:.2f} s", requests.size()),
-                           all ? requests.size() : 0, requests.size(), folder,
-                           FormatBytes(static_cast<double>(bytes)), session.seconds));
+    Note(fmt::format(P_("{} of {} transfer verified in {}; {} in {:.2f} s",
+                        "{} of {} transfers verified in {}; {} in {:.2f} s", requests.size()),
+                     all ? requests.size() : 0, requests.size(), folder,
+                     FormatBytes(static_cast<double>(bytes)), session.seconds));
     const uint64_t forward = link.Counters(host::LinkPair::AtoB).offered;
     const uint64_t back = link.Counters(host::LinkPair::BtoA).offered;
-    fmt::print(
-        stderr, "zvxfer: {}\n",
-        fmt::format(F_("line carried {} bytes service to terminal and {} back"), forward, back));
+    Note(fmt::format(F_("line carried {} bytes service to terminal and {} back"), forward, back));
     return all ? 0 : 1;
 }
 

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "i18n.h"
+#include "json_events.h"
 #include "port_tap.h"
 #include "shown_text.h"
 #include "transfer.h"
@@ -252,10 +253,13 @@ BPlusSessionOutcome RunBPlusSession(XferPort *port, const BPlusTerminalSettings 
                 std::error_code ec;
                 if (session.request->upload && !session.request->localPath.empty()) {
                     const auto size = std::filesystem::file_size(session.request->localPath, ec);
-                    if (!ec && result == 1) session.request->bytes = size;
+                    if (!ec && result == 1) {
+                        session.request->bytes = size;
+                        reporter.SetFileBytes(size);
+                    }
                 }
                 session.request = nullptr;
-                reporter.Finish();
+                reporter.Finish(result < 0 ? result : 0);
                 Heard();
                 previous = -1;
                 continue;
@@ -267,6 +271,16 @@ BPlusSessionOutcome RunBPlusSession(XferPort *port, const BPlusTerminalSettings 
     return outcome;
 }
 
+SessionTally TallyOf(const BPlusSessionOutcome &outcome) {
+    SessionTally t;
+    for (const BPlusRequestOutcome &r : outcome.requests) {
+        const bool ok = r.refused.empty() && r.result == 1;
+        ++(ok ? t.done : t.failed);
+        t.bytes += ok ? r.bytes : 0;
+    }
+    return t;
+}
+
 int ReportBPlusSession(const BPlusSessionOutcome &o, const BPlusTerminalSettings &s,
                        Verbosity verbosity) {
     bool allOk = !o.requests.empty();
@@ -275,29 +289,26 @@ int ReportBPlusSession(const BPlusSessionOutcome &o, const BPlusTerminalSettings
     for (const BPlusRequestOutcome &r : o.requests) {
         const std::string name = ShownText(r.name);
         if (!r.refused.empty()) {
-            fmt::print(stderr, "zvxfer: {}\n",
-                       fmt::format(F_("refused the service's upload request for {}: {}"), name,
-                                   r.refused));
+            Note(fmt::format(F_("refused the service's upload request for {}: {}"), name,
+                             r.refused));
             allOk = false;
             continue;
         }
         if (r.result != 1) {
             allOk = false;
             const std::string file = name.empty() ? _("(no file)") : name;
-            fmt::print(
-                stderr, "zvxfer: {}\n",
+            Note(
                 r.upload
                     ? fmt::format(F_("upload of {} failed: {}"), file, DescribeResult(r.result))
                     : fmt::format(F_("download of {} failed: {}"), file, DescribeResult(r.result)));
-            if (!r.notice.empty()) fmt::print(stderr, "zvxfer: {}\n", ShownText(r.notice));
+            if (!r.notice.empty()) Note(ShownText(r.notice));
             continue;
         }
         bytes += r.bytes;
         ++(r.upload ? uploads : downloads);
         if (verbosity == Verbosity::Verbose)
-            fmt::print(stderr, "zvxfer: {}\n",
-                       r.upload ? fmt::format(F_("sent {}: {} bytes"), name, r.bytes)
-                                : fmt::format(F_("received {}: {} bytes"), name, r.bytes));
+            Note(r.upload ? fmt::format(F_("sent {}: {} bytes"), name, r.bytes)
+                          : fmt::format(F_("received {}: {} bytes"), name, r.bytes));
     }
     const std::string ended =
         o.ended == "quiet"
@@ -306,18 +317,16 @@ int ReportBPlusSession(const BPlusSessionOutcome &o, const BPlusTerminalSettings
         : o.ended == "interrupted" ? _("interrupted")
                                    : o.ended;
     if (o.requests.empty())
-        fmt::print(stderr, "zvxfer: {}\n",
-                   fmt::format(F_("the service made no request ({})"), ended));
+        Note(fmt::format(F_("the service made no request ({})"), ended));
     else if (!allOk && (o.ended == "lost" || o.ended == "interrupted"))
-        fmt::print(stderr, "zvxfer: {}\n", fmt::format(F_("the session ended: {}"), ended));
+        Note(fmt::format(F_("the session ended: {}"), ended));
     if (allOk && verbosity != Verbosity::Quiet) {
         const double rate = o.seconds > 0 ? static_cast<double>(bytes) / o.seconds : 0;
         // TRANSLATORS: files received, files sent, the bytes, the time, the rate.
-        fmt::print(stderr, "zvxfer: {}\n",
-                   fmt::format(P_("{} file received, {} sent, {} in {:.1f} s ({}/s)",
-                                  "{} files received, {} sent, {} in {:.1f} s ({}/s)", downloads),
-                               downloads, uploads, FormatBytes(static_cast<double>(bytes)),
-                               o.seconds, FormatBytes(rate)));
+        Note(fmt::format(P_("{} file received, {} sent, {} in {:.1f} s ({}/s)",
+                            "{} files received, {} sent, {} in {:.1f} s ({}/s)", downloads),
+                         downloads, uploads, FormatBytes(static_cast<double>(bytes)), o.seconds,
+                         FormatBytes(rate)));
     }
     return allOk ? 0 : 1;
 }

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "json_events.h"
 #include "progress.h"
 #include "zvxfer.h"
 
@@ -64,6 +65,9 @@ std::vector<int32_t> BPlusOptionWords(const BPlusTerminalSettings &settings);
 // the line is gone; `reporter` shows progress and the library's notices.
 BPlusSessionOutcome RunBPlusSession(XferPort *port, const BPlusTerminalSettings &settings,
                                     Reporter &reporter, std::function<bool()> lineLost);
+
+// The session's requests for its last JSON event: done, failed, bytes.
+SessionTally TallyOf(const BPlusSessionOutcome &outcome);
 
 // The program's report and exit status: 0 only when the service made at
 // least one request and every one succeeded.

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "i18n.h"
+#include "json_events.h"
 #include "link_pair.h"
 #include "names.h"
 #include "transfer.h"
@@ -63,8 +64,15 @@ bool Verify(const fs::path &original, const fs::path &copy, const Protocol &prot
         ok = ModTime(original) == ModTime(copy);
         note += ok ? _(", time kept") : _(", time differs");
     }
-    fmt::print(stderr, F_("{} {}  {} bytes{}\n"), ok ? _("ok    ") : _("FAILED"),
-               original.filename().string(), a.size(), note);
+    if (JsonOn())
+        JsonEvent("verify")
+            .Text("name", original.filename().string())
+            .Flag("ok", ok)
+            .Number("bytes", static_cast<uint64_t>(a.size()))
+            .Emit();
+    else
+        fmt::print(stderr, F_("{} {}  {} bytes{}\n"), ok ? _("ok    ") : _("FAILED"),
+                   original.filename().string(), a.size(), note);
     return ok;
 }
 
@@ -81,10 +89,18 @@ bool VerifyCapture(const std::vector<fs::path> &originals, const fs::path &captu
     const bool ok = fs::exists(capture) && ReadAll(capture) == expected;
     const std::string files =
         fmt::format(P_("{} file", "{} files", originals.size()), originals.size());
-    fmt::print(stderr,
-               dropLf ? F_("{} {}  {} bytes, {} in order without LF\n")
-                      : F_("{} {}  {} bytes, {} in order\n"),
-               ok ? _("ok    ") : _("FAILED"), capture.filename().string(), expected.size(), files);
+    if (JsonOn())
+        JsonEvent("verify")
+            .Text("name", capture.filename().string())
+            .Flag("ok", ok)
+            .Number("bytes", static_cast<uint64_t>(expected.size()))
+            .Emit();
+    else
+        fmt::print(stderr,
+                   dropLf ? F_("{} {}  {} bytes, {} in order without LF\n")
+                          : F_("{} {}  {} bytes, {} in order\n"),
+                   ok ? _("ok    ") : _("FAILED"), capture.filename().string(), expected.size(),
+                   files);
     return ok;
 }
 
@@ -140,23 +156,22 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
     // The names are checked and expanded as `send` does it; the files then
     // go to the library by their exact names.
     const CheckedNames checked = CheckSendNames(s.files, s.sendOptions.subfolders);
-    for (const std::string &problem : checked.problems) fmt::print(stderr, "zvxfer: {}\n", problem);
+    for (const std::string &problem : checked.problems) Note(problem);
     if (!checked.problems.empty() || checked.files.empty()) return 1;
     std::vector<fs::path> originals(checked.files.begin(), checked.files.end());
     if (!s.protocol.batch && !s.protocol.text && originals.size() > 1) {
-        fmt::print(stderr, "zvxfer: {}\n",
-                   fmt::format(F_("{} moves one file at a time"), s.protocol.name));
+        Note(fmt::format(F_("{} moves one file at a time"), s.protocol.name));
         return 2;
     }
     ExactNames exact;
     std::string error;
     if (!s.protocol.watched && !exact.Build(checked.files, s.sendOptions.fullPath, error)) {
-        fmt::print(stderr, "zvxfer: {}\n", error);
+        Note(error);
         return 1;
     }
     const std::string folder = s.folder.empty() ? FreshFolder("loopback") : s.folder;
     if (folder.empty()) {
-        fmt::print(stderr, "zvxfer: {}\n", _("cannot make a folder for the received files"));
+        Note(_("cannot make a folder for the received files"));
         return 1;
     }
     FreshFolderRemoval removal{s.folder.empty() && !s.keep ? folder : std::string()};
@@ -194,20 +209,24 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
             return received.result;
         });
 
+    // The session's files are the receiver's.
+    g_sessionTally.bytes = received.bytes;
+    g_sessionTally.failed = std::max(sendReport.FilesFailed(), receiveReport.FilesFailed());
+    g_sessionTally.done = received.result > 0 && received.failure.empty()
+                              ? static_cast<uint64_t>(received.result)
+                              : receiveReport.FilesEnded() - receiveReport.FilesFailed();
     // A capture ends by silence.
     const bool receivedOk =
         received.result >= 0 || (s.protocol.text && received.result == XferErrCharTimeout);
     if (sent.result < 0 || !receivedOk) {
-        fmt::print(stderr, "zvxfer: {}\n",
-                   fmt::format(F_("loopback failed: send {}, receive {}"),
-                               DescribeResult(sent.result), DescribeResult(received.result)));
+        Note(fmt::format(F_("loopback failed: send {}, receive {}"), DescribeResult(sent.result),
+                         DescribeResult(received.result)));
         return 1;
     }
     for (const Outcome *o : {&sent, &received})
         if (!o->failure.empty()) {
-            fmt::print(stderr, "zvxfer: {}\n",
-                       fmt::format(F_("loopback failed: {}: {}"),
-                                   o == &sent ? _("sender") : _("receiver"), o->failure));
+            Note(fmt::format(F_("loopback failed: {}: {}"),
+                             o == &sent ? _("sender") : _("receiver"), o->failure));
             return 1;
         }
     bool all = true;
@@ -233,18 +252,16 @@ int RunLoopback(const LoopbackSettings &s, Verbosity verbosity) {
     const std::string where = removal.folder.empty()
                                   ? fmt::format(F_("in {}"), folder)
                                   : fmt::format(F_("in {} (now removed)"), folder);
-    fmt::print(stderr, "zvxfer: {} {}; {} in {:.2f} s ({}/s)\n", what, where,
-               FormatBytes(static_cast<double>(received.bytes)), received.seconds,
-               FormatBytes(rate));
+    Note(fmt::format("{} {}; {} in {:.2f} s ({}/s)", what, where,
+                     FormatBytes(static_cast<double>(received.bytes)), received.seconds,
+                     FormatBytes(rate)));
     // What the line carried: the share of the forward bytes that were file
     // data is the protocol's wire efficiency.
     const uint64_t forward = link.Counters(host::LinkPair::AtoB).offered;
     const uint64_t back = link.Counters(host::LinkPair::BtoA).offered;
-    fmt::print(
-        stderr, "zvxfer: {}\n",
-        fmt::format(
-            F_("line carried {} bytes forward and {} back; file/line {:.3f}"), forward, back,
-            forward ? static_cast<double>(received.bytes) / static_cast<double>(forward) : 0.0));
+    Note(fmt::format(
+        F_("line carried {} bytes forward and {} back; file/line {:.3f}"), forward, back,
+        forward ? static_cast<double>(received.bytes) / static_cast<double>(forward) : 0.0));
     return all ? 0 : 1;
 }
 

@@ -22,6 +22,7 @@
 #include "bplus_terminal.h"
 #include "file_open.h"
 #include "i18n.h"
+#include "json_events.h"
 #include "line.h"
 #include "loopback.h"
 #include "names.h"
@@ -194,27 +195,22 @@ bool ShowsEcho(const TextOptions &o, const LineChoice &line) {
 // silence Ctrl-C is, and the capture then counts as complete too.  Any
 // other end (a lost line, a file that cannot be written) is a failure.
 std::optional<int> ReportCapture(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
-    const bool noLimit = s.idleMs && *s.idleMs < 0;
-    std::string how;
-    if (o.result == XferErrCharTimeout)
-        how = fmt::format(F_("after {} ms of silence"), s.idleMs.value_or(10000));
-    else if (o.result == XferErrUserAbort && noLimit)
-        how = _("by Ctrl-C");
-    else
-        return std::nullopt;
+    if (!CaptureEndedNormally(s, o.result)) return std::nullopt;
+    const std::string how =
+        o.result == XferErrCharTimeout
+            ? fmt::format(F_("after {} ms of silence"), s.idleMs.value_or(10000))
+            : _("by Ctrl-C");
     if (verbosity != Verbosity::Quiet)
-        fmt::print(stderr, "zvxfer: {}\n",
-                   fmt::format(o.bytes == 1 ? F_("capture ended {}: {} byte captured in {:.1f} s")
-                                            : F_("capture ended {}: {} bytes captured in {:.1f} s"),
-                               how, o.bytes, o.seconds));
+        Note(fmt::format(o.bytes == 1 ? F_("capture ended {}: {} byte captured in {:.1f} s")
+                                      : F_("capture ended {}: {} bytes captured in {:.1f} s"),
+                         how, o.bytes, o.seconds));
     return kExitOk;
 }
 
 void NotAvailable(std::string_view protocol, std::string_view side = {}) {
     const std::string what =
         side.empty() ? std::string(protocol) : fmt::format("{} {}", protocol, side);
-    fmt::print(stderr, "zvxfer: {}\n",
-               fmt::format(F_("an option given is not available for {}"), what));
+    Note(fmt::format(F_("an option given is not available for {}"), what));
 }
 
 // The report after the transfer: a summary, or the result code and its text.
@@ -235,29 +231,27 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
     // receiver that skipped them all.
     if (s.sending && o.result == XferErrNoFilesSent && o.failure.empty()) {
         if (verbosity != Verbosity::Quiet)
-            fmt::print(stderr, "zvxfer: {}\n",
-                       _("the session ended cleanly; the receiver skipped every file"));
+            Note(_("the session ended cleanly; the receiver skipped every file"));
         return kExitOk;
     }
     // The program's own judgement first: it says more than the result.
     if (!o.failure.empty()) {
-        fmt::print(stderr, "zvxfer: {}\n", fmt::format(F_("transfer failed: {}"), o.failure));
+        Note(fmt::format(F_("transfer failed: {}"), o.failure));
         return kExitFailed;
     }
     if (o.result < 0) {
-        fmt::print(stderr, "zvxfer: {}\n",
-                   fmt::format(F_("transfer failed: {}"), DescribeResult(o.result)));
+        Note(fmt::format(F_("transfer failed: {}"), DescribeResult(o.result)));
         return kExitFailed;
     }
     // A sender whose names were all good but that sent nothing had every
     // file passed over (too large for the protocol): that is no success.
     if (o.result == 0 && s.sending) {
-        fmt::print(stderr, "zvxfer: {}\n", _("no file was sent"));
+        Note(_("no file was sent"));
         return kExitFailed;
     }
     if (verbosity == Verbosity::Quiet) return kExitOk;
     if (o.result == 0) {
-        fmt::print(stderr, "zvxfer: {}\n", _("the session ended cleanly; no file was received"));
+        Note(_("the session ended cleanly; no file was received"));
         return kExitOk;
     }
     const double rate = o.seconds > 0 ? static_cast<double>(o.bytes) / o.seconds : 0;
@@ -268,7 +262,7 @@ int Report(const TransferSettings &s, const Outcome &o, Verbosity verbosity) {
                                   : (one ? F_("{} file received, {} in {:.1f} s ({}/s)")
                                          : F_("{} files received, {} in {:.1f} s ({}/s)"));
     const std::string summary = fmt::format(format, o.result, amount, o.seconds, FormatBytes(rate));
-    fmt::print(stderr, "zvxfer: {}\n", summary);
+    Note(summary);
     return kExitOk;
 }
 
@@ -286,6 +280,33 @@ host::LineHostOptions LineOptionsFor(const TransferSettings &s) {
     return options;
 }
 
+// The session's files for its last event.  A file that went whole counts
+// as done (the entry's count where it gives one), the file a failure ended
+// as failed; a sender's files that did not go in a session that ended
+// cleanly were passed over by the receiver (its existing-file policy).
+SessionTally Tally(const TransferSettings &s, const Outcome &o, const Reporter &reporter) {
+    SessionTally t;
+    t.bytes = o.bytes;
+    t.failed = reporter.FilesFailed();
+    t.skipped = reporter.FilesSkipped();
+    const bool clean = o.failure.empty() && (o.result >= 0 || o.result == XferErrNoFilesSent);
+    if (!clean) {
+        t.done = reporter.FilesEnded() - t.failed - t.skipped;
+        return t;
+    }
+    // A receiver counts what it saw open and close (some entries count a
+    // skipped file as received); a sender the entry's count of files that
+    // went, and as skipped also the files the library passed over without
+    // offering them (too large for the protocol).
+    if (!s.sending) {
+        t.done = reporter.FilesEnded() - t.failed - t.skipped;
+        return t;
+    }
+    t.done = o.result > 0 ? static_cast<uint64_t>(o.result) : 0;
+    if (s.files.size() > t.done + t.skipped) t.skipped = s.files.size() - t.done;
+    return t;
+}
+
 // A failed receive keeps what arrived: nothing is lost, and a resuming
 // sender or another tool can go on from it.  The summary names the file so
 // that it is not taken for a complete one; on request a partial file this
@@ -299,14 +320,12 @@ void ReportPartial(const ReceivedFiles &files, bool remove) {
     const std::string shown = ShownText(name);
     if (remove && partial->createdHere) {
         if (std::remove(partial->name.c_str()) == 0) {
-            fmt::print(stderr, "zvxfer: {}\n", fmt::format(F_("partial file removed: {}"), shown));
+            Note(fmt::format(F_("partial file removed: {}"), shown));
             return;
         }
-        fmt::print(stderr, "zvxfer: {}\n",
-                   fmt::format(F_("cannot remove the partial file {}"), shown));
+        Note(fmt::format(F_("cannot remove the partial file {}"), shown));
     }
-    fmt::print(stderr, "zvxfer: {}\n",
-               fmt::format(F_("partial file kept: {} ({} bytes)"), shown, partial->bytes));
+    Note(fmt::format(F_("partial file kept: {} ({} bytes)"), shown, partial->bytes));
 }
 
 // Open the line and a port on it with the receive folder `folder` (which
@@ -318,11 +337,11 @@ XferPort *OpenLineAndPort(const TransferSettings &s, const std::string &folder,
     std::string error;
     line = OpenLine(choice, options, error);
     if (!line) {
-        fmt::print(stderr, "zvxfer: {}\n", fmt::format(F_("cannot open the line: {}"), error));
+        Note(fmt::format(F_("cannot open the line: {}"), error));
         return nullptr;
     }
     XferPort *port = line->host->OpenPort(folder.c_str(), s.policy);
-    if (!port) fmt::print(stderr, "zvxfer: {}\n", _("cannot open a port"));
+    if (!port) Note(_("cannot open a port"));
     return port;
 }
 
@@ -344,6 +363,7 @@ int RunOnLine(TransferSettings &s, const LineChoice &choice, Verbosity verbosity
     line.reset();
     const int status = Report(s, outcome, verbosity);
     if (!s.sending && status != kExitOk) ReportPartial(files, removePartial);
+    g_sessionTally = Tally(s, outcome, reporter);
     return status;
 }
 
@@ -375,6 +395,7 @@ int RunBPlusOnLine(const TransferSettings &s, BPlusTerminalSettings b, const Lin
         RunBPlusSession(port, b, reporter, [lineHost] { return lineHost->Lost(); });
     port->Ops.PortClose(port);
     line.reset();
+    g_sessionTally = TallyOf(outcome);
     return ReportBPlusSession(outcome, b, verbosity);
 }
 
@@ -386,22 +407,19 @@ int RunBPlusOnLine(const TransferSettings &s, BPlusTerminalSettings b, const Lin
 std::optional<int> CheckNames(TransferSettings &s, bool skipMissing, ExactNames &exact) {
     const CheckedNames checked = CheckSendNames(s.files, s.subfolders);
     for (const std::string &problem : checked.problems)
-        fmt::print(stderr, "zvxfer: {}\n",
-                   skipMissing ? fmt::format(F_("left out: {}"), ShownText(problem))
-                               : ShownText(problem));
+        Note(skipMissing ? fmt::format(F_("left out: {}"), ShownText(problem))
+                         : ShownText(problem));
     if (!checked.problems.empty() && !skipMissing) {
-        fmt::print(stderr, "zvxfer: {}\n",
-                   _("nothing was sent (--skip-missing sends the files that are there)"));
+        Note(_("nothing was sent (--skip-missing sends the files that are there)"));
         return kExitFailed;
     }
     if (checked.files.empty()) {
-        fmt::print(stderr, "zvxfer: {}\n", _("no file to send"));
+        Note(_("no file to send"));
         return kExitFailed;
     }
     if (!s.protocol.batch && !s.protocol.text && checked.files.size() > 1) {
-        fmt::print(stderr, "zvxfer: {}\n",
-                   fmt::format(F_("{} sends one file at a time, not {}"), s.protocol.name,
-                               checked.files.size()));
+        Note(fmt::format(F_("{} sends one file at a time, not {}"), s.protocol.name,
+                         checked.files.size()));
         return kExitUsage;
     }
     // Kermit and B+ take names as they are; the others' lists expand them.
@@ -411,7 +429,7 @@ std::optional<int> CheckNames(TransferSettings &s, bool skipMissing, ExactNames 
     }
     std::string error;
     if (!exact.Build(checked.files, s.fullPath, error)) {
-        fmt::print(stderr, "zvxfer: {}\n", ShownText(error));
+        Note(ShownText(error));
         return kExitFailed;
     }
     s.files = exact.Names();
@@ -437,9 +455,7 @@ bool ReceiveFolderUsable(const TransferSettings &s) {
     else if (access(folder.c_str(), W_OK | X_OK) != 0)
         error = errno;
     if (error == 0) return true;
-    fmt::print(
-        stderr, "zvxfer: {}\n",
-        fmt::format(F_("cannot receive into {}: {}"), ShownText(folder), std::strerror(error)));
+    Note(fmt::format(F_("cannot receive into {}: {}"), ShownText(folder), std::strerror(error)));
     return false;
 }
 
@@ -456,6 +472,19 @@ std::string LibraryVersion() {
         }
     }
     return ZVXFER_BUILT_VERSION;
+}
+
+// The line as the session's first event describes it.
+std::string LineText(const LineChoice &line) {
+    if (!line.tcp.empty()) return "tcp " + line.tcp;
+    if (line.device.empty()) return "stdin/stdout";
+    return line.baud != 0 ? fmt::format("{} {}", line.device, line.baud) : line.device;
+}
+
+// The session's last event, with the exit status it ends with.
+int EndSession(int status) {
+    JsonSessionEnd(g_sessionTally, status);
+    return status;
 }
 
 // Usage errors start with the program's name, like its other messages.
@@ -478,12 +507,17 @@ int Main(int argc, char **argv) {
           "itself is the line: Ctrl-C is then a byte on the line, not a signal.  To "
           "cancel a transfer there, type Ctrl-X five times, as with rz and sz.");
     app.footer(cancelNote);
+    bool json = false;
+    app.add_flag("--json", json,
+                 _("write the transfer's events to standard error as JSON lines instead of "
+                   "the progress display (see zvxfer(1))"));
+    // --json may also follow the subcommand.
+    app.fallthrough();
     if (argc > 1 && argv[1][0] != '-' &&
         std::find(std::begin(kSubcommands), std::end(kSubcommands), argv[1]) ==
             std::end(kSubcommands)) {
-        fmt::print(stderr, "zvxfer: {}\n",
-                   fmt::format(F_("unknown subcommand '{}': use send, receive, loopback or serve"),
-                               ShownText(argv[1])));
+        Note(fmt::format(F_("unknown subcommand '{}': use send, receive, loopback or serve"),
+                         ShownText(argv[1])));
         return kExitUsage;
     }
     const std::map<std::string, int32_t> policies{{"overwrite", XFER_EXISTING_OVERWRITE},
@@ -574,7 +608,11 @@ int Main(int argc, char **argv) {
         const int code = app.exit(e);
         return code == 0 ? kExitOk : kExitUsage;
     }
-    if (serveCommand->parsed()) return RunServe(serve);
+    if (json) EnableJson();
+    if (serveCommand->parsed()) {
+        JsonSessionStart(serve.protocol, "serve", LineText(serve.line), ZVXFER_BUILT_VERSION);
+        return EndSession(RunServe(serve));
+    }
 
     const Protocol protocol = *FindProtocol(common.protocol);
     const Verbosity verbosity = VerbosityOf(common);
@@ -598,20 +636,20 @@ int Main(int argc, char **argv) {
     }
     if (loopback->parsed()) {
         loop.protocol = protocol;
+        JsonSessionStart(protocol.name, "loopback", "simulated", ZVXFER_BUILT_VERSION);
         if (protocol.number == CompuServeBPlus)
-            return RunBPlusLoopback(loop, bplus.checkMethod, verbosity);
-        return RunLoopback(loop, verbosity);
+            return EndSession(RunBPlusLoopback(loop, bplus.checkMethod, verbosity));
+        return EndSession(RunLoopback(loop, verbosity));
     }
     settings.protocol = protocol;
     settings.sending = send->parsed();
     if (settings.sending && protocol.text) settings.echo = ShowsEcho(text, line);
     if (settings.sending && QuotedNames(settings.files).empty()) {
-        fmt::print(stderr, "zvxfer: {}\n", _("a file name cannot hold a double quote"));
+        Note(_("a file name cannot hold a double quote"));
         return kExitUsage;
     }
     if (!settings.sending && !protocol.batch && settings.files.empty()) {
-        fmt::print(stderr, "zvxfer: {}\n",
-                   fmt::format(F_("{} receive needs the FILE to write"), protocol.name));
+        Note(fmt::format(F_("{} receive needs the FILE to write"), protocol.name));
         return kExitUsage;
     }
     ExactNames exact;
@@ -624,8 +662,11 @@ int Main(int argc, char **argv) {
     } else if (!ReceiveFolderUsable(settings)) {
         return kExitFailed;
     }
-    if (protocol.number == CompuServeBPlus) return RunBPlusOnLine(settings, bplus, line, verbosity);
-    return RunOnLine(settings, line, verbosity, common.removePartial);
+    JsonSessionStart(protocol.name, settings.sending ? "send" : "receive", LineText(line),
+                     ZVXFER_BUILT_VERSION);
+    if (protocol.number == CompuServeBPlus)
+        return EndSession(RunBPlusOnLine(settings, bplus, line, verbosity));
+    return EndSession(RunOnLine(settings, line, verbosity, common.removePartial));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "progress.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fmt/format.h>
@@ -12,12 +13,16 @@
 #include <vector>
 
 #include "i18n.h"
+#include "json_events.h"
 #include "shown_text.h"
 
 namespace zvxfer::cli {
 namespace {
 
 constexpr auto kRedraw = std::chrono::milliseconds(100);
+// Progress events come at most this often per file: a front end redraws
+// from them, and a log of a long transfer stays readable.
+constexpr auto kProgressEvery = std::chrono::milliseconds(250);
 constexpr int kBarMax = 30, kBarMin = 5;
 constexpr std::size_t kNameColumns = 24, kNameMin = 8;
 
@@ -47,9 +52,34 @@ std::string FormatDuration(double seconds) {
     return fmt::format("{}:{:02}", s / 60, s % 60);
 }
 
-Reporter::Reporter(Verbosity verbosity, bool live, std::string label)
-    : verbosity_(verbosity), live_(live && verbosity != Verbosity::Quiet),
-      label_(label.empty() ? std::string() : label + ": ") {}
+std::string_view LibraryResultText(int32_t code) {
+#define ZVXFER_CLI_TEXT(value, name, text)                                                         \
+    if (code == (value)) return text;
+    XFER_RESULT_MAP(ZVXFER_CLI_TEXT)
+    PORT_RESULT_MAP(ZVXFER_CLI_TEXT)
+#undef ZVXFER_CLI_TEXT
+    return "Unknown error code";
+}
+
+namespace {
+
+// A file's size in an event: null while it is unknown.
+JsonEvent &Size(JsonEvent &event, int32_t size) {
+    return size > 0 ? event.Number("size", size) : event.Null("size");
+}
+
+} // namespace
+
+JsonEvent Reporter::Event(std::string_view kind) const {
+    JsonEvent event(kind);
+    if (!side_.empty()) event.Text("side", side_);
+    return event;
+}
+
+Reporter::Reporter(Verbosity verbosity, bool live, std::string label, std::string side)
+    : verbosity_(verbosity), live_(live && verbosity != Verbosity::Quiet && !JsonOn()),
+      label_(label.empty() ? std::string() : label + ": "), json_(JsonOn()),
+      side_(side.empty() ? label : side) {}
 
 Reporter::~Reporter() {
     ClearBar();
@@ -75,6 +105,10 @@ void Reporter::ClearBar() {
 // escaped, like every name.
 void Reporter::Status(const XferRecord &, int32_t level, const char *text) {
     if (!Shows(level)) return;
+    if (json_) {
+        Event("notice").Number("level", level).Text("text", text ? text : "").Emit();
+        return;
+    }
     Line(ShownText(text ? text : ""));
 }
 
@@ -84,6 +118,11 @@ void Reporter::StartFile(const XferRecord &record) {
     file_ = ShownText(name_);
     size_ = record.FileSize;
     fileBegun_ = Clock::now();
+    if (json_) {
+        emitted_ = fileBegun_;
+        Size(Event("file_start").Text("name", name_), size_).Emit();
+        return;
+    }
     if (verbosity_ != Verbosity::Quiet && !live_)
         Line(size_ > 0 ? fmt::format("{} ({})", file_, FormatBytes(size_)) : file_);
 }
@@ -94,7 +133,9 @@ void Reporter::Progress(const XferRecord &record) {
     // record counts one (before that the name is the send list or empty).
     const bool open =
         record.Protocol == Kermit ? record.FileCount > 0 : record.File != XFER_INVALID_FILE;
+    if (!open && record.SkipFile == 1 && record.FileName && json_) EmitSkipped(record);
     if (!open || !record.FileName) return;
+    sending_ = record.Sending != 0;
     const std::string_view shown = Shown(record.FileName);
     const uint64_t pos = record.FilePos > 0 ? static_cast<uint64_t>(record.FilePos) : 0;
     // A position that moves back is a restart within the file (ZMODEM
@@ -102,7 +143,38 @@ void Reporter::Progress(const XferRecord &record) {
     if (shown != name_) StartFile(record);
     current_ = pos;
     if (record.FileSize > size_) size_ = record.FileSize;
+    if (json_) EmitProgress(Clock::now());
     if (live_) Draw(false);
+}
+
+// A receiver passes over a file that its existing-file policy keeps out:
+// the file never opens, so it starts and ends in one go, once for each
+// name.
+void Reporter::EmitSkipped(const XferRecord &record) {
+    const std::string_view name = Shown(record.FileName);
+    if (name == skipped_) return;
+    Finish();
+    skipped_ = name;
+    ++filesEnded_;
+    ++filesSkipped_;
+    Size(Event("file_start").Text("name", name), record.FileSize).Emit();
+    JsonEvent end = Event("file_end");
+    end.Text("name", name)
+        .Number("result", 0)
+        .Text("text", LibraryResultText(0))
+        .Number("bytes", 0);
+    Size(end, record.FileSize).Flag("skipped", true).Emit();
+}
+
+// The rate of the file so far: it waits for a tenth of a second of data.
+void Reporter::EmitProgress(Clock::time_point now) {
+    if (now - emitted_ < kProgressEvery) return;
+    emitted_ = now;
+    const double elapsed = std::chrono::duration<double>(now - fileBegun_).count();
+    JsonEvent event = Event("progress");
+    Size(event.Text("name", name_).Number("bytes", current_), size_)
+        .Real("rate", elapsed > 0.1 ? std::round(static_cast<double>(current_) / elapsed) : 0)
+        .Emit();
 }
 
 int TerminalColumns() {
@@ -175,6 +247,15 @@ void Reporter::Draw(bool force) {
 }
 
 void Reporter::Waiting(double seconds) {
+    if (json_) {
+        // One event for each whole second waited, from the first.
+        const long whole = seconds < 0 ? -1 : static_cast<long>(seconds);
+        if (whole >= 1 && whole != waitedShown_) {
+            Event("waiting").Number("seconds", static_cast<int64_t>(whole)).Emit();
+        }
+        waitedShown_ = whole;
+        return;
+    }
     if (verbosity_ == Verbosity::Quiet) return;
     if (seconds < 0) {
         if (waitedShown_ >= 0 && live_) ClearBar();
@@ -199,8 +280,26 @@ void Reporter::Waiting(double seconds) {
     barShown_ = true;
 }
 
-void Reporter::Finish() {
+void Reporter::Finish(int32_t result, std::string_view reason) {
     if (file_.empty()) return;
+    ++filesEnded_;
+    // A file a sender ended without error before all its bytes went was
+    // passed over by the receiver.
+    const bool skipped =
+        result >= 0 && sending_ && size_ > 0 && current_ < static_cast<uint64_t>(size_);
+    if (result < 0) ++filesFailed_;
+    if (skipped) ++filesSkipped_;
+    skipped_.clear();
+    if (json_) {
+        JsonEvent event = Event("file_end");
+        event.Text("name", name_)
+            .Number("result", result)
+            .Text("text", LibraryResultText(result))
+            .Number("bytes", current_);
+        Size(event, size_).Flag("skipped", skipped);
+        if (!reason.empty()) event.Text("reason", reason);
+        event.Emit();
+    }
     if (live_) {
         Draw(true);
         std::fputs("\n", stderr);

@@ -7,6 +7,7 @@
 
 #include "bplus_service.h"
 #include "i18n.h"
+#include "json_events.h"
 #include "shown_text.h"
 #include "transfer.h"
 #include "tty.h"
@@ -40,8 +41,7 @@ host::BPlusServiceConfig ConfigOf(const ServeSettings &s) {
         {F::SilentFrom, s.silentFrom},     {F::FailAt, s.failAt}};
     for (const auto &[what, at] : faults)
         if (at > 0) c.faults.push_back({what, at, s.failCode});
-    if (s.verbose)
-        c.log = [](const std::string &line) { fmt::print(stderr, "zvxfer serve: {}\n", line); };
+    if (s.verbose) c.log = [](const std::string &line) { Note(line, "zvxfer serve"); };
     return c;
 }
 
@@ -134,7 +134,7 @@ int RunServe(const ServeSettings &s) {
         requests.push_back(r);
     }
     if (requests.empty()) {
-        fmt::print(stderr, "zvxfer serve: {}\n", _("give at least one --download or --upload"));
+        Note(_("give at least one --download or --upload"), "zvxfer serve");
         return 2;
     }
     std::signal(SIGPIPE, SIG_IGN);
@@ -144,13 +144,12 @@ int RunServe(const ServeSettings &s) {
     std::string error;
     auto line = OpenLine(s.line, {}, error);
     if (!line) {
-        fmt::print(stderr, "zvxfer serve: {}\n",
-                   fmt::format(F_("cannot open the line: {}"), error));
+        Note(fmt::format(F_("cannot open the line: {}"), error), "zvxfer serve");
         return 1;
     }
     XferPort *port = line->host->OpenPort();
     if (!port) {
-        fmt::print(stderr, "zvxfer serve: {}\n", _("cannot open a port"));
+        Note(_("cannot open a port"), "zvxfer serve");
         return 1;
     }
     std::vector<host::RequestReport> reports;
@@ -161,11 +160,13 @@ int RunServe(const ServeSettings &s) {
     }
     port->Ops.PortClose(port);
     line.reset();
-    if (g_interrupted.load()) fmt::print(stderr, "zvxfer serve: {}\n", _("interrupted"));
+    if (g_interrupted.load()) Note(_("interrupted"), "zvxfer serve");
     bool allOk = true;
     for (const host::RequestReport &r : reports) {
         allOk = allOk && r.ok;
-        if (!r.ok || !s.quiet) fmt::print(stderr, "zvxfer serve: {}\n", Describe(r));
+        ++(r.ok ? g_sessionTally.done : g_sessionTally.failed);
+        g_sessionTally.bytes += r.bytes;
+        if (!r.ok || !s.quiet) Note(Describe(r), "zvxfer serve");
     }
     return allOk ? 0 : 1;
 }

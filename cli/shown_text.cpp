@@ -18,9 +18,8 @@ bool Continuation(uint8_t byte) {
     return (byte & 0xC0) == 0x80;
 }
 
-// Length of the valid UTF-8 sequence at the start of `text`, 0 when the
-// bytes there are not one: a stray continuation byte, a truncated
-// sequence, an overlong form, a surrogate or a value past U+10FFFF.
+} // namespace
+
 std::size_t Utf8Length(std::string_view text) {
     const auto b0 = static_cast<uint8_t>(text[0]);
     std::size_t length;
@@ -43,6 +42,8 @@ std::size_t Utf8Length(std::string_view text) {
     if (value < least || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) return 0;
     return length;
 }
+
+namespace {
 
 // Columns and bytes of the unit of shown text at its start: an escape, a
 // UTF-8 sequence or a single byte.

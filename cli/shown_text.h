@@ -15,6 +15,11 @@ namespace zvxfer::cli {
 // it is, so "é" or CJK names read normally.
 std::string ShownText(std::string_view line);
 
+// Length of the valid UTF-8 sequence at the start of `text` (not empty), 0
+// when the bytes there are not one: a stray continuation byte, a truncated
+// sequence, an overlong form, a surrogate or a value past U+10FFFF.
+std::size_t Utf8Length(std::string_view text);
+
 // Columns shown text takes: one per code point (an escape "\xNN" is four,
 // "\\" two).  Wide characters count as one; good enough for a status line.
 std::size_t ShownColumns(std::string_view shown);

@@ -8,6 +8,7 @@
 
 #include "echo_text.h"
 #include "i18n.h"
+#include "json_events.h"
 #include "kermit_watch.h"
 #include "port_tap.h"
 #include "start_watch.h"
@@ -48,6 +49,10 @@ void ShowEcho(bool final) {
         t_echoMidLine = false;
     }
     if (shown.empty()) return;
+    if (JsonOn()) {
+        JsonEvent("echo").Text("text", shown).Emit();
+        return;
+    }
     std::fwrite(shown.data(), 1, shown.size(), stderr);
     std::fflush(stderr);
 }
@@ -160,6 +165,12 @@ void InstallHooks() {
     SetAbortXferFunctionPtr(OnAbortCheck);
 }
 
+bool CaptureEndedNormally(const TransferSettings &s, int32_t result) {
+    if (!s.protocol.text || s.sending) return false;
+    const bool noLimit = s.idleMs && *s.idleMs < 0;
+    return result == XferErrCharTimeout || (result == XferErrUserAbort && noLimit);
+}
+
 std::string DescribeResult(int32_t code) {
 #define ZVXFER_CLI_TEXT(value, name, text)                                                         \
     if (code == (value)) return std::to_string(code) + " " + ResultText(code, text);
@@ -256,12 +267,17 @@ int32_t RunWatched(XferPort *port, const TransferSettings &s, const std::functio
     const KermitWatch::Verdict verdict = watch.Judge(static_cast<int>(s.files.size()));
     if (verdict.ok) return verdict.files;
     outcome.failure = verdict.why;
-    if (cancel.Seen())
+    outcome.failureCode = PortGeneralError;
+    if (cancel.Seen()) {
         outcome.failure = fmt::format(F_("cancelled from the far end ({})"), verdict.why);
-    else if (g_interrupted.load())
+        outcome.failureCode = XferErrRemoteAbort;
+    } else if (g_interrupted.load()) {
         outcome.failure = fmt::format(F_("interrupted ({})"), verdict.why);
-    else if (lost && lost())
+        outcome.failureCode = XferErrUserAbort;
+    } else if (lost && lost()) {
         outcome.failure = fmt::format(F_("the line was lost ({})"), verdict.why);
+        outcome.failureCode = XferErrLostCarrier;
+    }
     return verdict.files;
 }
 
@@ -287,6 +303,7 @@ int32_t RunStartWatched(XferPort *port, const TransferSettings &s, Outcome &outc
     const std::string verdict = watch.Verdict(Now());
     if (result < 0 && !verdict.empty() && !g_interrupted.load()) {
         outcome.failure = verdict;
+        outcome.failureCode = result;
         // The sender never started, so it sent no cancel: the receiver
         // would go on asking until its own time-out.  Two CAN in a row end
         // an XMODEM/YMODEM receiver; a few more survive a lost byte.
@@ -311,7 +328,18 @@ Outcome RunTransfer(XferPort *port, const TransferSettings &s, Reporter &reporte
         else
             outcome.result = RunEntry(port, s, OptionWords(s));
     }
-    reporter.Finish();
+    // The file in progress at the end ended with the transfer: its result
+    // is the entry's failure, or the program's judgement of it.
+    // A sender whose every file the receiver passed over ends with
+    // "no files were sent": its last file was skipped, not failed.
+    const bool allSkipped =
+        s.sending && outcome.result == XferErrNoFilesSent && outcome.failure.empty();
+    if (outcome.result < 0 && !allSkipped && !CaptureEndedNormally(s, outcome.result))
+        reporter.Finish(outcome.result, outcome.failure);
+    else if (!outcome.failure.empty())
+        reporter.Finish(outcome.failureCode, outcome.failure);
+    else
+        reporter.Finish(0);
     outcome.bytes = reporter.Bytes();
     outcome.seconds = reporter.Seconds();
     return outcome;

@@ -48,6 +48,9 @@ struct Outcome {
     // Set when the program judged the transfer failed although the entry's
     // result does not say so (Kermit): why, safe to print.
     std::string failure;
+    // With `failure`: the result code closest to it, for the file's end
+    // (interrupted, line lost, cancelled by the far end; else -1).
+    int32_t failureCode = 0;
     // Kermit receive: the local names the files were written under, in
     // order (the engine converts the names that come from the line).
     std::vector<std::string> written;
@@ -71,6 +74,10 @@ void InstallHooks();
 // given, watches the files a receive writes.
 Outcome RunTransfer(XferPort *port, const TransferSettings &settings, Reporter &reporter,
                     std::function<bool()> lineLost, ReceivedFiles *files = nullptr);
+
+// A plain-text capture's normal ends: the silence it waits for, and
+// Ctrl-C when it waits with no limit.
+bool CaptureEndedNormally(const TransferSettings &settings, int32_t result);
 
 // "-606 Remote end sent abort code"
 std::string DescribeResult(int32_t code);

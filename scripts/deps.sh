@@ -9,6 +9,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev clang-format
   lrzsz ckermit gkermit python3 tmux
   libfmt-dev libcli11-dev gettext
+  groff-base man-db
   "$@"
 )
 
