@@ -2,8 +2,9 @@
 # Build the Debian packages, install them, and take the newcomer's path
 # through them: the program from /usr/bin, pkg-config, a C program built
 # with it (shared and static), find_package(zvxfer) from a scratch CMake
-# project, a file sent to rz and one received from sz through the installed
-# program, and the manual pages.  The packages (and whatever they pulled in)
+# project, a file sent to rz and one received from sz through the example
+# C host (built with pkg-config) and through the installed program, and the
+# manual pages.  The packages (and whatever they pulled in)
 # are purged again at the end, so the machine is as it was (packages of
 # these names that an earlier run left behind go too).
 #   scripts/deb-check.sh [OUTDIR]     (default out/deb)
@@ -105,39 +106,48 @@ scratch() {
 }
 check "find_package(zvxfer) from a scratch CMake project (shared and static)" scratch
 
-# The installed program and lrzsz joined by two named pipes.  Each side
+# The example C host, built with pkg-config as a newcomer would.
+example() {
+    # shellcheck disable=SC2046
+    cc -std=c11 -Wall -Wextra -Werror -pthread "$root/examples/send_receive.c" \
+        $(pkg-config --cflags --libs zvxfer) -o "$work/send_receive"
+}
+check "the example send_receive.c builds with pkg-config" example
+
+# A sender or receiver and lrzsz joined by two named pipes.  Each side
 # opens its pipes in the order that lets the other's opens go through.
-exchange() { # direction: send or receive
-    local dir=$work/$1
+exchange() { # direction (send|receive), our command...
+    local direction=$1 dir
+    shift
+    dir=$(mktemp -d "$work/exchange-XXXXXX")
     mkdir -p "$dir/here" "$dir/there"
     mkfifo "$dir/to-peer" "$dir/to-us"
     head -c 300000 /dev/urandom >"$dir/payload.bin"
-    if [ "$1" = send ]; then
+    if [ "$direction" = send ]; then
         cp "$dir/payload.bin" "$dir/here/"
         (cd "$dir/there" && exec timeout 60 rz -q >"$dir/to-us" <"$dir/to-peer") &
-        (cd "$dir/here" && timeout 60 zvxfer send -p zmodem -q payload.bin \
-            <"$dir/to-us" >"$dir/to-peer") || { wait; return 1; }
+        (cd "$dir/here" && timeout 60 "$@" payload.bin <"$dir/to-us" >"$dir/to-peer") ||
+            { wait; return 1; }
         wait $! || return 1
         cmp "$dir/payload.bin" "$dir/there/payload.bin"
     else
         cp "$dir/payload.bin" "$dir/there/"
         (cd "$dir/there" && exec timeout 60 sz -q payload.bin >"$dir/to-us" <"$dir/to-peer") &
-        (cd "$dir/here" && timeout 60 zvxfer receive -p zmodem -q \
-            <"$dir/to-us" >"$dir/to-peer") || { wait; return 1; }
+        (cd "$dir/here" && timeout 60 "$@" <"$dir/to-us" >"$dir/to-peer") || { wait; return 1; }
         wait $! || return 1
         cmp "$dir/payload.bin" "$dir/here/payload.bin"
     fi
 }
-check "zvxfer sends a file to rz (ZMODEM)" exchange send
-check "zvxfer receives a file from sz (ZMODEM)" exchange receive
+check "the example sends a file to rz (ZMODEM)" exchange send "$work/send_receive" send zmodem
+check "the example receives a file from sz (ZMODEM)" \
+    exchange receive "$work/send_receive" receive zmodem ./
+check "zvxfer sends a file to rz (ZMODEM)" exchange send zvxfer send -p zmodem -q
+check "zvxfer receives a file from sz (ZMODEM)" exchange receive zvxfer receive -p zmodem -q
 
-# The manual pages, for those the tree has.
-for page in 1 3; do
-    if [ -e "$root/man/zvxfer.$page" ]; then
-        manual() { MANWIDTH=80 man -P cat "$1" zvxfer | grep -q zvxfer; }
-        check "man $page zvxfer renders" manual "$page"
-    fi
-done
+# The manual pages.
+manual() { MANWIDTH=80 man -P cat "$1" zvxfer | grep -q zvxfer; }
+check "man zvxfer renders" manual 1
+check "man 3 zvxfer renders" manual 3
 
 echo "deb-check.sh: $(cd "$out" && ls -1 ./*.deb | tr '\n' ' ')"
 printf '  %s\n' "${results[@]}"
