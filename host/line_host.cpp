@@ -2,12 +2,7 @@
 // SIGPIPE-free write the host side's own relays use.
 #include "line_host.h"
 
-#include <cerrno>
-#include <csignal>
-#include <ctime>
-#include <pthread.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include "../platform/posix/fd_io.h"
 
 namespace zvxfer::host {
 
@@ -33,29 +28,9 @@ LineHost::LineHost(int readFd, int writeFd, LineHostOptions options) {
     line_ = ZvLineOpen(readFd, writeFd, &c);
 }
 
-// The library keeps its own copy for the line; the relays between
-// processes write through this one.
+// The relays between processes write through the library's own code.
 long WriteNoSignal(int fd, const void *data, std::size_t length, bool isSocket) {
-    if (isSocket) return send(fd, data, length, MSG_NOSIGNAL);
-    // Block SIGPIPE in this thread for the write; if the write raised one
-    // (EPIPE and none was pending before), take it back before unblocking,
-    // so the process never sees it whatever its disposition.
-    sigset_t pipeSet, old, pending;
-    sigemptyset(&pipeSet);
-    sigaddset(&pipeSet, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipeSet, &old);
-    sigpending(&pending);
-    const bool wasPending = sigismember(&pending, SIGPIPE) == 1;
-    const long n = write(fd, data, length);
-    const int err = errno;
-    if (n < 0 && err == EPIPE && !wasPending) {
-        const timespec zero{};
-        while (sigtimedwait(&pipeSet, nullptr, &zero) < 0 && errno == EINTR) {
-        }
-    }
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    errno = err;
-    return n;
+    return plat::WriteNoSignal(fd, data, length, isSocket);
 }
 
 } // namespace zvxfer::host

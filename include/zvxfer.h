@@ -569,8 +569,8 @@ ZVXFER_EXTERN int32_t ClearRXBuffer(XferPort *port) ZVXFER_NOEXCEPT;
 
 /* Hook setters: one set of hooks serves the whole process, so a setter on
    any thread changes every thread's transfers (a running one at its next
-   use of the hook).  NULL is ignored: the hook in force stays.  To go
-   back to the default, close every port (see below).  Hooks set before the first PortOpen stay; when the last port closes the
+   use of the hook).  NULL is ignored: the hook in force stays.  Hooks
+   set before the first PortOpen stay; when the last port closes, the
    hooks go back to the defaults. */
 ZVXFER_EXTERN void SetPortIdleFunctionPtr(XferIdleFn idle) ZVXFER_NOEXCEPT;
 ZVXFER_EXTERN void SetAbortXferFunctionPtr(XferAbortFn abortFn) ZVXFER_NOEXCEPT;
