@@ -41,6 +41,18 @@ std::vector<char> AsTextCopy(const std::vector<char> &bytes) {
     return text;
 }
 
+// A verdict as a JSON event, when events are asked for; false when the
+// human line is wanted instead.
+bool VerdictEvent(const fs::path &name, bool ok, std::size_t bytes) {
+    if (!JsonOn()) return false;
+    JsonEvent("verify")
+        .Text("name", name.filename().string())
+        .Flag("ok", ok)
+        .Number("bytes", static_cast<uint64_t>(bytes))
+        .Emit();
+    return true;
+}
+
 // One file's verdict: the received copy must hold exactly the original's
 // bytes (XMODEM carries no size: its last block may add zero padding; a
 // Kermit text file gains a CR before each LF), and its time where the
@@ -64,13 +76,7 @@ bool Verify(const fs::path &original, const fs::path &copy, const Protocol &prot
         ok = ModTime(original) == ModTime(copy);
         note += ok ? _(", time kept") : _(", time differs");
     }
-    if (JsonOn())
-        JsonEvent("verify")
-            .Text("name", original.filename().string())
-            .Flag("ok", ok)
-            .Number("bytes", static_cast<uint64_t>(a.size()))
-            .Emit();
-    else
+    if (!VerdictEvent(original, ok, a.size()))
         fmt::print(stderr, F_("{} {}  {} bytes{}\n"), ok ? _("ok    ") : _("FAILED"),
                    original.filename().string(), a.size(), note);
     return ok;
@@ -89,13 +95,7 @@ bool VerifyCapture(const std::vector<fs::path> &originals, const fs::path &captu
     const bool ok = fs::exists(capture) && ReadAll(capture) == expected;
     const std::string files =
         fmt::format(P_("{} file", "{} files", originals.size()), originals.size());
-    if (JsonOn())
-        JsonEvent("verify")
-            .Text("name", capture.filename().string())
-            .Flag("ok", ok)
-            .Number("bytes", static_cast<uint64_t>(expected.size()))
-            .Emit();
-    else
+    if (!VerdictEvent(capture, ok, expected.size()))
         fmt::print(stderr,
                    dropLf ? F_("{} {}  {} bytes, {} in order without LF\n")
                           : F_("{} {}  {} bytes, {} in order\n"),
