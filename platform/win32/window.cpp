@@ -99,7 +99,8 @@ DWORD QueueHolds(DWORD mask) {
 // Handle the messages other threads sent to this one; true when there were
 // any.
 bool HandleSends() {
-    if ((QueueHolds(QS_SENDMESSAGE) & QS_SENDMESSAGE) == 0) return false;
+    const DWORD status = ::GetQueueStatus(QS_SENDMESSAGE);
+    if (((HIWORD(status) | LOWORD(status)) & QS_SENDMESSAGE) == 0) return false;
     MSG msg{};
     ::PeekMessageA(&msg, nullptr, 0, 0, PM_NOREMOVE | PM_QS_SENDMESSAGE);
     ForgetPending();
@@ -136,38 +137,33 @@ enum class Until { AnyInput, NewInput };
 
 // Sleep until input, or until `timeoutMs` of real time has passed.  Sent
 // messages are handled on the way and count as input.  With
-// Until::NewInput, posted messages that the thread has already seen do not
-// end the wait (the system's notion of new input: arrived since the thread
-// last looked at its queue).  With a time passer installed, a limited wait
-// only looks at the queue: when nothing is there it hands the whole time
-// to the passer instead of sleeping.
+// Until::NewInput, messages queued before the call do not end the wait:
+// the queue is looked at first, and the system then wakes the thread only
+// for input that arrives after that look.  With a time passer installed, a
+// limited wait only looks at the queue: when nothing is there it hands the
+// whole time to the passer instead of sleeping.
 bool Wait(DWORD timeoutMs, Until until) {
     const zvxfer::plat::TimePasser passer =
         timeoutMs == INFINITE ? nullptr : zvxfer::plat::CurrentTimePasser();
-    const DWORD start = ::GetTickCount();
-    for (;;) {
-        if (HandleSends()) return true;
-        if (until == Until::AnyInput && QueueHolds(kPostedMask) != 0) return true;
-        RunPrepares();
-        if (passer != nullptr) {
-            passer(timeoutMs);
-            return false;
-        }
-        DWORD waitMs = INFINITE;
-        if (timeoutMs != INFINITE) {
-            const DWORD spent = ::GetTickCount() - start;
-            waitMs = spent >= timeoutMs ? 0 : timeoutMs - spent;
-        }
-        const DWORD flags = until == Until::AnyInput ? MWMO_INPUTAVAILABLE : 0;
-        const DWORD woke = ::MsgWaitForMultipleObjectsEx(0, nullptr, waitMs, kWakeMask, flags);
-        ForgetPending();
-        if (woke == WAIT_TIMEOUT || woke == WAIT_FAILED) return false;
-        if (until == Until::NewInput) {
-            HandleSends();
-            return true;
-        }
-        // Input arrived: look at it again at the top.
+    if (HandleSends()) return true;
+    if (until == Until::AnyInput && QueueHolds(kPostedMask) != 0) return true;
+    // Posted messages count as seen from here on: only what arrives later
+    // ends a wait for new input.
+    if (until == Until::NewInput) QueueHolds(kPostedMask);
+    RunPrepares();
+    if (passer != nullptr) {
+        passer(timeoutMs);
+        return false;
     }
+    const DWORD flags = until == Until::AnyInput ? MWMO_INPUTAVAILABLE : 0;
+    const DWORD woke = ::MsgWaitForMultipleObjectsEx(0, nullptr, timeoutMs, kWakeMask, flags);
+    ForgetPending();
+    if (woke == WAIT_TIMEOUT || woke == WAIT_FAILED) return false;
+    // Input arrived: messages sent from other threads are handled here, a
+    // posted one stays for the caller.
+    MSG msg{};
+    ::PeekMessageA(&msg, nullptr, 0, 0, PM_NOREMOVE | PM_QS_SENDMESSAGE);
+    return true;
 }
 
 bool Peek(ZvMsg &out, bool remove) {
