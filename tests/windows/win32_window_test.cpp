@@ -167,10 +167,11 @@ TEST(Win32Window, CrossedSendsDoNotDeadlock) {
 TEST(Win32Window, WaitForNewInputSleepsPastQueuedMessages) {
     DrainQueue();
     ZvPostMessage(nullptr, kTestMessage, 0, 0);
-    // Any input: the queued message ends the wait at once.
-    EXPECT_TRUE(zvxfer::plat::WaitForInput(UINT32_MAX));
-    // New input only: the same message does not, so the limit runs out.
+    // New input only: a message queued before the call does not end the
+    // wait, so the limit runs out.
     EXPECT_FALSE(zvxfer::plat::WaitForNewInput(30));
+    // Any input: the same message ends the wait at once.
+    EXPECT_TRUE(zvxfer::plat::WaitForInput(UINT32_MAX));
     // A message posted by another thread during the wait ends it (posted
     // until the wait has ended, so that one surely comes after its start).
     const DWORD self = GetCurrentThreadId();
