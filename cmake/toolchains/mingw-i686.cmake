@@ -26,8 +26,9 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT "${_zvxfer_static_runtime}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_zvxfer_static_runtime}")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "${_zvxfer_static_runtime}")
 
-# Tests run the cross-built programs through wine when it is there.
-find_program(ZVXFER_WINE NAMES wine64 wine)
+# Tests run the cross-built programs through wine when it is there (Debian
+# keeps the 64-bit loader out of PATH).
+find_program(ZVXFER_WINE NAMES wine64 wine PATHS /usr/lib/wine)
 if(ZVXFER_WINE AND "i686" STREQUAL "x86_64")
   set(CMAKE_CROSSCOMPILING_EMULATOR ${ZVXFER_WINE})
 endif()
