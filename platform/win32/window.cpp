@@ -59,18 +59,35 @@ HINSTANCE OwnModule() {
     return module;
 }
 
+// The window class, registered on first use.  The system keeps a class
+// after the library that registered it is unloaded, with a procedure that
+// is gone by then: the class goes with the library.
+class HostClass {
+  public:
+    bool Register() {
+        std::call_once(once_, [this] {
+            WNDCLASSA windowClass{};
+            windowClass.lpfnWndProc = &HostWindowProc;
+            windowClass.hInstance = OwnModule();
+            windowClass.lpszClassName = kClassName;
+            registered_ = ::RegisterClassA(&windowClass) != 0 ||
+                          ::GetLastError() == ERROR_CLASS_ALREADY_EXISTS;
+        });
+        return registered_;
+    }
+    ~HostClass() {
+        if (registered_) ::UnregisterClassA(kClassName, OwnModule());
+    }
+
+  private:
+    std::once_flag once_;
+    bool registered_ = false;
+};
+
+HostClass gHostClass;
+
 bool RegisterHostClass() {
-    static std::once_flag once;
-    static bool registered = false;
-    std::call_once(once, [] {
-        WNDCLASSA windowClass{};
-        windowClass.lpfnWndProc = &HostWindowProc;
-        windowClass.hInstance = OwnModule();
-        windowClass.lpszClassName = kClassName;
-        registered =
-            ::RegisterClassA(&windowClass) != 0 || ::GetLastError() == ERROR_CLASS_ALREADY_EXISTS;
-    });
-    return registered;
+    return gHostClass.Register();
 }
 
 constexpr DWORD kPostedMask = QS_POSTMESSAGE | QS_ALLPOSTMESSAGE;
