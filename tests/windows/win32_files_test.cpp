@@ -152,7 +152,8 @@ TEST(Win32Files, TimesAndStatusComeBackAsSet) {
     const XferFile file =
         plat::FileOpen(path.c_str(), plat::FileAccess::Write, plat::FileDisposition::OpenExisting);
     ASSERT_NE(file, XFER_INVALID_FILE);
-    for (const int64_t when : {int64_t{0}, int64_t{1700000000}, int64_t{4102444800}}) {
+    for (const int64_t when :
+         {int64_t{-86400}, int64_t{0}, int64_t{1700000000}, int64_t{4102444800}}) {
         EXPECT_TRUE(plat::FileSetTimes(file, when));
         EXPECT_EQ(plat::FileStat(path.c_str()).modTime, when);
     }
