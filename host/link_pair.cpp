@@ -1,30 +1,68 @@
 // The in-process link pair: one host window and port per end, each on its
-// own thread, joined by two SimLines.  Eventfds wake an end's waits when
-// bytes arrive for it or when a full line has room again.
+// own thread, joined by two SimLines.  Bells (eventfds, or posted messages
+// on Windows) wake an end's waits when bytes arrive for it or when a full
+// line has room again.
 #include "link_pair.h"
 
 #include <chrono>
 #include <condition_variable>
-#include <sys/eventfd.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
+#ifndef _WIN32
+#include <sys/eventfd.h>
+#include <unistd.h>
+#endif
 
 namespace zvxfer::host {
 
 namespace {
 
-void Signal(int fd) {
-    const uint64_t one = 1;
-    [[maybe_unused]] const auto n = write(fd, &one, sizeof one);
-}
-
-void Drain(int fd) {
-    uint64_t value;
-    [[maybe_unused]] const auto n = read(fd, &value, sizeof value);
-}
+#ifdef _WIN32
+// The message that rings a bell: the end's procedure leaves it alone, and
+// the library's waits end when it is posted.
+constexpr uint32_t kBellMessage = ZV_WM_USER + 0x2A1;
+#endif
 
 } // namespace
+
+#ifdef _WIN32
+void LinkPair::Ring(Bell &bell, int listener) {
+    if (bell.rung.exchange(true)) return; // a message is on its way already
+    std::lock_guard lock(windowsMutex_);
+    if (windows_[listener] != nullptr) ZvPostMessage(windows_[listener], kBellMessage, 0, 0);
+}
+
+void LinkPair::Quiet(Bell &bell) {
+    bell.rung.store(false);
+}
+
+// A bell rung before the end had a window wakes it now.
+void LinkPair::Listen(Bell &bell, int listener) {
+    std::lock_guard lock(windowsMutex_);
+    if (bell.rung.load() && windows_[listener] != nullptr)
+        ZvPostMessage(windows_[listener], kBellMessage, 0, 0);
+}
+
+void LinkPair::StopListening(Bell &) {}
+#else
+void LinkPair::Ring(Bell &bell, int) {
+    const uint64_t one = 1;
+    [[maybe_unused]] const auto n = write(bell.fd, &one, sizeof one);
+}
+
+void LinkPair::Quiet(Bell &bell) {
+    uint64_t value;
+    [[maybe_unused]] const auto n = read(bell.fd, &value, sizeof value);
+}
+
+void LinkPair::Listen(Bell &bell, int) {
+    ZvWatchFd(bell.fd, ZV_FD_READ);
+}
+
+void LinkPair::StopListening(Bell &bell) {
+    ZvUnwatchFd(bell.fd);
+}
+#endif
 
 // One end of the link: lives on its thread, answers the port message from
 // the two lines.  Bytes handed over stay in rx_ until the next PORT_READ.
@@ -34,17 +72,19 @@ class LinkEnd {
         : pair_(pair), index_(index), out_(*pair.lines_[index]), in_(*pair.lines_[1 - index]),
           rx_(64 * 1024) {
         window_ = ZvCreateWindow(&LinkEnd::Procedure, this);
-        ZvWatchFd(pair_.dataEvent_[1 - index_], ZV_FD_READ);
-        std::lock_guard lock(pair_.windowsMutex_);
-        pair_.windows_[index_] = window_;
+        {
+            std::lock_guard lock(pair_.windowsMutex_);
+            pair_.windows_[index_] = window_;
+        }
+        pair_.Listen(pair_.dataBell_[1 - index_], index_);
     }
     ~LinkEnd() {
         {
             std::lock_guard lock(pair_.windowsMutex_);
             pair_.windows_[index_] = nullptr;
         }
-        ZvUnwatchFd(pair_.dataEvent_[1 - index_]);
-        ZvUnwatchFd(pair_.spaceEvent_[index_]);
+        pair_.StopListening(pair_.dataBell_[1 - index_]);
+        pair_.StopListening(pair_.spaceBell_[index_]);
         if (window_ != nullptr) ZvDestroyWindow(window_);
     }
     ZvHwnd Window() const { return window_; }
@@ -74,18 +114,18 @@ class LinkEnd {
         if (Cancelled(block)) return;
         std::size_t n;
         {
-            // Drained after taking and under the lock the writer signals
-            // under: a signal never outlives the bytes it announced, so an
+            // Quieted after taking and under the lock the writer rings
+            // under: a ring never outlives the bytes it announced, so an
             // end that has read everything sleeps in its waits.
             std::lock_guard lock(pair_.dataMutex_[1 - index_]);
             n = in_.Take(rx_);
-            Drain(pair_.dataEvent_[1 - index_]);
+            pair_.Quiet(pair_.dataBell_[1 - index_]);
         }
         block.Data = rx_.data();
         block.Length = static_cast<uint32_t>(n);
         block.Error = (n == 0 && in_.ClosedAndDrained()) ? 1 : 0;
         const int from = 1 - index_; // the sender of what we just took
-        if (n != 0 && pair_.senderWaiting_[from].load()) Signal(pair_.spaceEvent_[from]);
+        if (n != 0 && pair_.senderWaiting_[from].load()) pair_.Ring(pair_.spaceBell_[from], from);
     }
 
     void AnswerWrite(PortBlock &block) {
@@ -97,7 +137,7 @@ class LinkEnd {
         {
             std::lock_guard lock(pair_.dataMutex_[index_]);
             n = out_.Offer({block.Data, block.Length});
-            if (n != 0) Signal(pair_.dataEvent_[index_]);
+            if (n != 0) pair_.Ring(pair_.dataBell_[index_], 1 - index_);
         }
         const bool full = n < block.Length;
         block.Length = static_cast<uint32_t>(n);
@@ -106,10 +146,10 @@ class LinkEnd {
         waiting_ = full;
         pair_.senderWaiting_[index_].store(full);
         if (full) {
-            ZvWatchFd(pair_.spaceEvent_[index_], ZV_FD_READ);
+            pair_.Listen(pair_.spaceBell_[index_], index_);
         } else {
-            ZvUnwatchFd(pair_.spaceEvent_[index_]);
-            Drain(pair_.spaceEvent_[index_]);
+            pair_.StopListening(pair_.spaceBell_[index_]);
+            pair_.Quiet(pair_.spaceBell_[index_]);
         }
     }
 
@@ -126,17 +166,21 @@ LinkPair::LinkPair(LinkConfig config) : config_(std::move(config)) {
     lines_[AtoB] = std::make_unique<SimLine>(config_.aToB, config_.seed, config_.clock);
     lines_[BtoA] = std::make_unique<SimLine>(config_.bToA, config_.seed ^ 0x9E3779B97F4A7C15ull,
                                              config_.clock);
+#ifndef _WIN32
     for (int d = 0; d < 2; ++d) {
-        dataEvent_[d] = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-        spaceEvent_[d] = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        dataBell_[d].fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        spaceBell_[d].fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     }
+#endif
 }
 
 LinkPair::~LinkPair() {
+#ifndef _WIN32
     for (int d = 0; d < 2; ++d) {
-        if (dataEvent_[d] >= 0) close(dataEvent_[d]);
-        if (spaceEvent_[d] >= 0) close(spaceEvent_[d]);
+        if (dataBell_[d].fd >= 0) close(dataBell_[d].fd);
+        if (spaceBell_[d].fd >= 0) close(spaceBell_[d].fd);
     }
+#endif
 }
 
 int32_t LinkPair::RunEnd(int index, const EndFunction &function) {
@@ -155,7 +199,7 @@ int32_t LinkPair::RunEnd(int index, const EndFunction &function) {
     }
     if (config_.hangUpOnExit) {
         lines_[index]->Close();
-        Signal(dataEvent_[index]);
+        Ring(dataBell_[index], 1 - index);
     }
     if (config_.onEnd) config_.onEnd(index, false);
     return result;

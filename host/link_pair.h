@@ -84,12 +84,25 @@ class LinkPair {
 
     LinkConfig config_;
     std::array<std::unique_ptr<SimLine>, 2> lines_;
-    // Per direction: signalled when bytes go onto the line (the receiving
-    // end watches it) and when the receiver takes bytes (the sending end
-    // watches it while the line was full).
-    std::array<int, 2> dataEvent_{-1, -1};
+    // Wakes the waits of the end that listens to it: an eventfd that the
+    // end's thread watches, or on Windows, where waits watch no
+    // descriptors, a message posted to the end's window (once until the
+    // end quiets it again).
+    struct Bell {
+        int fd = -1;
+        std::atomic<bool> rung{false};
+    };
+    void Ring(Bell &bell, int listener);
+    void Quiet(Bell &bell);
+    void Listen(Bell &bell, int listener);
+    void StopListening(Bell &bell);
+
+    // Per direction: rung when bytes go onto the line (the receiving end
+    // listens) and when the receiver takes bytes (the sending end listens
+    // while the line was full).
+    std::array<Bell, 2> dataBell_;
     std::array<std::mutex, 2> dataMutex_; // orders a direction's offers and takes
-    std::array<int, 2> spaceEvent_{-1, -1};
+    std::array<Bell, 2> spaceBell_;
     std::array<std::atomic<bool>, 2> senderWaiting_{};
     std::atomic<bool> cancelled_{false};
     std::mutex windowsMutex_;

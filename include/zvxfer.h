@@ -10,7 +10,8 @@
  * 1. Give the library a window that answers the port message.  A host on
  *    file descriptors (tty, socket, pipes, pty) takes the library's own:
  *    ZvLineOpen, then ZvLinePort opens the port on it (see "The line
- *    host").  Any other host creates a window (ZvCreateWindow) whose
+ *    host").  Any other host creates a window (ZvCreateWindow; on
+ *    Windows a window of its own, see "Host windows and messages") whose
  *    procedure answers XferPortMessage (1425): wParam PORT_READ asks for
  *    received bytes, PORT_WRITE hands over bytes to send; lParam points at
  *    the PortBlock to fill or to take.
@@ -73,9 +74,13 @@
  *   pass a writable array, never a string literal.  A read-only list is
  *   refused with -7 (and traced) where the platform can tell.
  * - A received name is joined to the receive folder as it is: end the
- *   folder with '/'.  "dl/" + "a.txt" is "dl/a.txt"; "dl" gives "dla.txt".
- *   A text that names no folder is taken as the one file to write.  A
- *   folder without its '/', or a missing one, is traced.
+ *   folder with a separator.  "dl/" + "a.txt" is "dl/a.txt"; "dl" gives
+ *   "dla.txt".  '/' and '\\' both separate folders, on every system (on
+ *   Linux the library hands '\\' to the system as '/'); a received name is
+ *   reduced to its last component, drive letters included, and so never
+ *   leaves the receive folder.  A text that names no folder is taken as
+ *   the one file to write.  A folder without its separator, or a missing
+ *   one, is traced.
  * - A host that answers PORT_READ from a descriptor must register it with
  *   ZvWatchFd on the transfer's thread.  Otherwise no wait wakes when
  *   bytes arrive: each sleeps its whole round and a transfer runs some 70
@@ -106,12 +111,21 @@
 extern "C" {
 #endif
 
+/* ZVXFER_EXTERN marks the library's 25 exported functions.  On Windows the
+   export table of zvxfer.dll is made from its .def file (those 25 names and
+   nothing else), so the declarations carry no attribute and serve the DLL
+   (through its import library libzvxfer.dll.a) and the static library
+   alike.  ZVXFER_HOST_EXTERN marks the host-side calls: exported by the
+   Linux library, never by the DLL (see "Host windows and messages"). */
 #if defined(_WIN32)
-#define ZVXFER_EXTERN __declspec(dllexport)
+#define ZVXFER_EXTERN
+#define ZVXFER_HOST_EXTERN
 #elif defined(__GNUC__)
 #define ZVXFER_EXTERN __attribute__((visibility("default")))
+#define ZVXFER_HOST_EXTERN __attribute__((visibility("default")))
 #else
 #define ZVXFER_EXTERN
+#define ZVXFER_HOST_EXTERN
 #endif
 
 /* No exported function lets a C++ exception out: for C++ callers they are
@@ -126,8 +140,36 @@ extern "C" {
 /* Host windows and messages (the host side of the platform layer)          */
 /* ------------------------------------------------------------------------ */
 
-/** Opaque host window handle.  NULL is never a valid window. */
+/*
+ * On Windows the host window is a real window and the calls below are not
+ * exported by zvxfer.dll: a Windows host
+ * - creates its own window (RegisterClassA, CreateWindowExA) whose window
+ *   procedure answers XferPortMessage, and passes its HWND to PortOpen; the
+ *   library sends the port message with SendMessageA, so a host window of
+ *   another thread answers while that thread pumps its messages;
+ * - pumps with PeekMessageA/GetMessageA/DispatchMessageA as usual;
+ * - has no ZvWatchFd: the library's waits are MsgWaitForMultipleObjects on
+ *   the calling thread's message queue, so a host wakes a waiting transfer
+ *   by posting (PostMessageA) or sending a message to a window of that
+ *   thread when bytes arrive;
+ * - gets the library's debug lines through OutputDebugStringA, and reads
+ *   the catalogue's texts with LoadStringA on zvui32*.nls (ZvMessageText
+ *   and ZvSetDebugOutput are Linux calls).
+ * The ZvLine host (file descriptors) exists on Linux only.  The other Zv
+ * calls are found in the static library on Windows too, as thin wrappers
+ * over real windows, so that one test host serves both systems.
+ */
+
+/** Host window handle: the system's HWND on Windows (the same type as
+ *  <windows.h> declares, without including it: its macros would rename
+ *  functions such as SendMessage and LoadString in every includer), an
+ *  opaque handle elsewhere.  NULL is never a valid window. */
+#ifdef _WIN32
+struct HWND__;
+typedef struct HWND__ *ZvHwnd;
+#else
 typedef struct ZvWindow *ZvHwnd;
+#endif
 
 /** Window procedure: called on the window's owner thread. */
 typedef intptr_t (*ZvWndProc)(ZvHwnd window, uint32_t message, uintptr_t wParam, intptr_t lParam);
@@ -173,14 +215,14 @@ typedef struct ZvMsg {
  * @param[in] user  value returned by ZvGetWindowUserData
  * @return the window, or NULL when out of memory or proc is NULL.
  */
-ZVXFER_EXTERN ZvHwnd ZvCreateWindow(ZvWndProc proc, void *user) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN ZvHwnd ZvCreateWindow(ZvWndProc proc, void *user) ZVXFER_NOEXCEPT;
 
 /** Destroy a window; its queued messages are dropped.  Owner thread only;
  *  close the ports that use it first. */
-ZVXFER_EXTERN void ZvDestroyWindow(ZvHwnd window) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN void ZvDestroyWindow(ZvHwnd window) ZVXFER_NOEXCEPT;
 
 /** The user value given to ZvCreateWindow. */
-ZVXFER_EXTERN void *ZvGetWindowUserData(ZvHwnd window) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN void *ZvGetWindowUserData(ZvHwnd window) ZVXFER_NOEXCEPT;
 
 /**
  * Send a message and wait for its result.  On the owner thread this calls
@@ -188,15 +230,15 @@ ZVXFER_EXTERN void *ZvGetWindowUserData(ZvHwnd window) ZVXFER_NOEXCEPT;
  * blocks until the owner handles it (in ZvPeekMessage, ZvGetMessage or
  * ZvWaitMessage).  Returns 0 for a NULL window.
  */
-ZVXFER_EXTERN intptr_t ZvSendMessage(ZvHwnd window, uint32_t message, uintptr_t wParam,
-                                     intptr_t lParam) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN intptr_t ZvSendMessage(ZvHwnd window, uint32_t message, uintptr_t wParam,
+                                          intptr_t lParam) ZVXFER_NOEXCEPT;
 
 /** Append a message to the owner thread's queue and wake that thread. 1 = queued. */
-ZVXFER_EXTERN int ZvPostMessage(ZvHwnd window, uint32_t message, uintptr_t wParam,
-                                intptr_t lParam) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN int ZvPostMessage(ZvHwnd window, uint32_t message, uintptr_t wParam,
+                                     intptr_t lParam) ZVXFER_NOEXCEPT;
 
 /** Post WM_QUIT (window NULL, wParam = exitCode) to the calling thread. */
-ZVXFER_EXTERN void ZvPostQuitMessage(int exitCode) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN void ZvPostQuitMessage(int exitCode) ZVXFER_NOEXCEPT;
 
 /**
  * Take the next posted message of the calling thread without waiting.
@@ -205,13 +247,13 @@ ZVXFER_EXTERN void ZvPostQuitMessage(int exitCode) ZVXFER_NOEXCEPT;
  * @param[in]  remove  non-zero: remove it from the queue
  * @return 1 when a message was found, 0 when the queue is empty.
  */
-ZVXFER_EXTERN int ZvPeekMessage(ZvMsg *msg, int remove) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN int ZvPeekMessage(ZvMsg *msg, int remove) ZVXFER_NOEXCEPT;
 
 /** Wait for and remove the next message.  Returns 0 for WM_QUIT, else 1. */
-ZVXFER_EXTERN int ZvGetMessage(ZvMsg *msg) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN int ZvGetMessage(ZvMsg *msg) ZVXFER_NOEXCEPT;
 
 /** Call the message's window procedure (nothing for a NULL window). */
-ZVXFER_EXTERN intptr_t ZvDispatchMessage(const ZvMsg *msg) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN intptr_t ZvDispatchMessage(const ZvMsg *msg) ZVXFER_NOEXCEPT;
 
 /**
  * Wait until the calling thread has input: a posted or sent message, or a
@@ -219,7 +261,7 @@ ZVXFER_EXTERN intptr_t ZvDispatchMessage(const ZvMsg *msg) ZVXFER_NOEXCEPT;
  * @param[in] timeoutMs  milliseconds, or UINT32_MAX for no limit
  * @return 1 when input arrived, 0 on time-out.
  */
-ZVXFER_EXTERN int ZvWaitMessage(uint32_t timeoutMs) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN int ZvWaitMessage(uint32_t timeoutMs) ZVXFER_NOEXCEPT;
 
 /**
  * Make the calling thread's waits wake when fd becomes ready for the given
@@ -229,10 +271,10 @@ ZVXFER_EXTERN int ZvWaitMessage(uint32_t timeoutMs) ZVXFER_NOEXCEPT;
  * thread that runs the transfers, or every wait for bytes sleeps its whole
  * round (see "Traps"); ZvLineOpen does this for its line.
  */
-ZVXFER_EXTERN int ZvWatchFd(int fd, int events) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN int ZvWatchFd(int fd, int events) ZVXFER_NOEXCEPT;
 
 /** Stop watching fd on the calling thread. */
-ZVXFER_EXTERN void ZvUnwatchFd(int fd) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN void ZvUnwatchFd(int fd) ZVXFER_NOEXCEPT;
 
 /** A wait-prepare callback (see ZvAddWaitPrepare). */
 typedef void (*ZvPrepareFn)(void *context);
@@ -244,10 +286,10 @@ typedef void (*ZvPrepareFn)(void *context);
  * that nothing is held back while the thread waits for an answer.
  * @return 0, or -1 when the pair is already registered or 8 are.
  */
-ZVXFER_EXTERN int ZvAddWaitPrepare(ZvPrepareFn fn, void *context) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN int ZvAddWaitPrepare(ZvPrepareFn fn, void *context) ZVXFER_NOEXCEPT;
 
 /** Remove a registration made by ZvAddWaitPrepare on the calling thread. */
-ZVXFER_EXTERN void ZvRemoveWaitPrepare(ZvPrepareFn fn, void *context) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN void ZvRemoveWaitPrepare(ZvPrepareFn fn, void *context) ZVXFER_NOEXCEPT;
 
 /**
  * Install the sink of the library's debugger output: trace lines of the
@@ -257,7 +299,7 @@ ZVXFER_EXTERN void ZvRemoveWaitPrepare(ZvPrepareFn fn, void *context) ZVXFER_NOE
  * is called on whichever thread writes a line (make it thread-safe); the
  * text is valid during the call only.  Any thread, process-wide.
  */
-ZVXFER_EXTERN void ZvSetDebugOutput(void (*sink)(const char *text)) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN void ZvSetDebugOutput(void (*sink)(const char *text)) ZVXFER_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Result codes                                                             */
@@ -396,7 +438,8 @@ typedef enum XferOption {
 /* Records                                                                  */
 /* ------------------------------------------------------------------------ */
 
-/** A local file: a POSIX file descriptor on this platform; -1 is invalid. */
+/** A local file: a file descriptor on Linux, a file HANDLE on Windows;
+ *  -1 (INVALID_HANDLE_VALUE on Windows) is invalid. */
 typedef intptr_t XferFile;
 #define XFER_INVALID_FILE ((XferFile)-1)
 
@@ -546,12 +589,13 @@ typedef struct FileTransferOptions {
  * Open a port on the host's window.
  * @param[in] userData  kept in PortUserData, never used by the library
  * @param[in] window    the host window that answers XferPortMessage
- * @param[in] receiveFolder  folder for received files, ending in '/' (NULL
+ * @param[in] receiveFolder  folder for received files, ending in '/' or
+ *                      '\\' (NULL
  *                      or "": the current folder).  A received name is
  *                      joined to it as it is; a text that names no folder
  *                      is the one file every received file is written to.
  *                      Stored by reference: keep it alive while the port is.
- *                      Traced (not refused) when it lacks its '/' or names
+ *                      Traced (not refused) when it lacks its separator or names
  *                      no folder but ends in one.
  * @param[in] existingFilePolicy  XFER_EXISTING_OVERWRITE, _RENAME or _SKIP
  * @return the port, or NULL when out of memory or no hook record can be had.
@@ -644,8 +688,8 @@ typedef struct ZvLineOptions {
  * thread's tables.  errno says why and a debug trace names it; the
  * descriptors are left as they were (not closed, whatever closeFds says).
  */
-ZVXFER_EXTERN ZvLine *ZvLineOpen(int readFd, int writeFd,
-                                 const ZvLineOptions *options) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN ZvLine *ZvLineOpen(int readFd, int writeFd,
+                                      const ZvLineOptions *options) ZVXFER_NOEXCEPT;
 
 /**
  * Open a port on the line's window: PortOpen(line, window, receiveFolder,
@@ -653,11 +697,11 @@ ZVXFER_EXTERN ZvLine *ZvLineOpen(int readFd, int writeFd,
  * Close it with port->Ops.PortClose(port), before ZvLineClose.
  * @return the port, or NULL (line NULL, or as PortOpen).
  */
-ZVXFER_EXTERN XferPort *ZvLinePort(ZvLine *line, const char *receiveFolder,
-                                   int32_t existingFilePolicy) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN XferPort *ZvLinePort(ZvLine *line, const char *receiveFolder,
+                                        int32_t existingFilePolicy) ZVXFER_NOEXCEPT;
 
 /** The line's window (for PortOpen or a host's own messages); NULL for NULL. */
-ZVXFER_EXTERN ZvHwnd ZvLineWindow(const ZvLine *line) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN ZvHwnd ZvLineWindow(const ZvLine *line) ZVXFER_NOEXCEPT;
 
 /**
  * Put the queued bytes on the line, waiting up to timeoutMs (0: only what
@@ -665,19 +709,19 @@ ZVXFER_EXTERN ZvHwnd ZvLineWindow(const ZvLine *line) ZVXFER_NOEXCEPT;
  * @return 1 when nothing is left queued, 0 when bytes are still queued or
  * the line is lost.
  */
-ZVXFER_EXTERN int ZvLineFlush(ZvLine *line, int timeoutMs) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN int ZvLineFlush(ZvLine *line, int timeoutMs) ZVXFER_NOEXCEPT;
 
 /** Bytes accepted from PORT_WRITE and not yet written. */
-ZVXFER_EXTERN size_t ZvLineQueued(const ZvLine *line) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN size_t ZvLineQueued(const ZvLine *line) ZVXFER_NOEXCEPT;
 
 /** 1 once a read or write found the line gone (EOF, hang-up, EPIPE, EIO). */
-ZVXFER_EXTERN int ZvLineLost(const ZvLine *line) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN int ZvLineLost(const ZvLine *line) ZVXFER_NOEXCEPT;
 
 /** Bytes read from the read descriptor so far. */
-ZVXFER_EXTERN uint64_t ZvLineBytesIn(const ZvLine *line) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN uint64_t ZvLineBytesIn(const ZvLine *line) ZVXFER_NOEXCEPT;
 
 /** Bytes written to the write descriptor so far. */
-ZVXFER_EXTERN uint64_t ZvLineBytesOut(const ZvLine *line) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN uint64_t ZvLineBytesOut(const ZvLine *line) ZVXFER_NOEXCEPT;
 
 /**
  * Close the line: the queue goes out (waiting at most 2 s for a full
@@ -687,7 +731,7 @@ ZVXFER_EXTERN uint64_t ZvLineBytesOut(const ZvLine *line) ZVXFER_NOEXCEPT;
  * that opened the line only (elsewhere it is traced: that thread's waits
  * would go on watching the descriptor).
  */
-ZVXFER_EXTERN void ZvLineClose(ZvLine *line) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN void ZvLineClose(ZvLine *line) ZVXFER_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Transfers                                                                */
@@ -793,7 +837,7 @@ ZVXFER_EXTERN int32_t RegisterXferDLL(void) ZVXFER_NOEXCEPT;
  * @return the length copied, or -1 (and an empty buffer when there is one)
  * when the loaded catalogue has no usable text for that number.
  */
-ZVXFER_EXTERN int32_t ZvMessageText(int32_t number, char *buffer, size_t size) ZVXFER_NOEXCEPT;
+ZVXFER_HOST_EXTERN int32_t ZvMessageText(int32_t number, char *buffer, size_t size) ZVXFER_NOEXCEPT;
 
 /** Release the message catalogue (runs by itself when the library unloads). */
 ZVXFER_EXTERN void UnregisterXferDLL(void) ZVXFER_NOEXCEPT;
