@@ -1,7 +1,8 @@
 // Directory search: first/next/close over one folder with the Windows
 // wildcard rules ('*' any run, '?' one character, "*.*" every name, a
-// trailing ".*" also matching names without a dot).  Matching is
-// case-sensitive, as the local file system is.
+// trailing ".*" also matching names without a dot).  Matching follows the
+// local file system: case-sensitive on POSIX systems, without regard to
+// ASCII case on Windows.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -20,7 +21,8 @@ struct FindSearch; // opaque
 using FindHandle = FindSearch *;
 
 // `pattern` is folder + name pattern; the folder part ends at the last '/'
-// and a pattern without '/' searches the current folder.  "." and ".." are
+// (on Windows at the last '/' or '\') and a pattern without one searches
+// the current folder.  "." and ".." are
 // reported like any entry.  A name part without wildcards looks up that one
 // entry.  Returns nullptr when nothing matches or the folder cannot be read
 // (an empty name part matches nothing).
