@@ -46,12 +46,12 @@ cleanup() {
   rm -rf "$WINEPREFIX"
 }
 trap cleanup EXIT
+# One wineserver for the whole run instead of one per test program.
+wineserver -p
 "$wine64" wineboot --init >/dev/null 2>&1
 # Windows without a display: the null graphics driver lets the tests make
 # real top-level windows (message-only windows need no driver at all).
 "$wine64" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null
-# Keep one wineserver for the whole run instead of one per test program.
-wineserver -p
 
 # --- GoogleTest for the cross compiler, once ---------------------------------
 gtest_root=$build/googletest/install
