@@ -12,6 +12,7 @@
 
 #include "locale/locale.h"
 #include "locale/messages.h"
+#include "temp_tree.h"
 #include "zvxfer.h"
 
 // After the library's headers: <windows.h> makes macros of names they use
@@ -23,10 +24,7 @@ namespace {
 
 // The build's bin folder as a Windows path: ZVXFER_BINARY_DIR holds the
 // build machine's path, which wine reads on the drive of the current folder.
-std::string BinFolder() {
-    const char *binary = std::getenv("ZVXFER_BINARY_DIR");
-    if (binary == nullptr) return {};
-    std::string path = std::string(binary) + "/bin";
+std::string WindowsPath(const std::string &path) {
     char full[MAX_PATH] = "";
     if (GetFullPathNameA(path.c_str(), sizeof full, full, nullptr) == 0) return {};
     std::string windows = full;
@@ -35,9 +33,16 @@ std::string BinFolder() {
     return windows;
 }
 
+std::string BinFolder() {
+    const char *binary = std::getenv("ZVXFER_BINARY_DIR");
+    return binary != nullptr ? WindowsPath(std::string(binary) + "/bin") : std::string();
+}
+
 class Registration : public ::testing::Test {
   protected:
     void SetUp() override {
+        bin_ = BinFolder();
+        ASSERT_FALSE(bin_.empty()) << "run through ctest (ZVXFER_BINARY_DIR)";
         scratch_ = "Software\\zvxfer-tests\\" + std::to_string(GetCurrentProcessId());
         const struct {
             HKEY root;
@@ -55,8 +60,6 @@ class Registration : public ::testing::Test {
         }
         overridden_ = true;
         Restart();
-        bin_ = BinFolder();
-        ASSERT_FALSE(bin_.empty()) << "run through ctest";
     }
     void TearDown() override {
         Restart();
@@ -124,6 +127,35 @@ TEST_F(Registration, TheChosenLanguageIsFoundBesideTheRegisteredDll) {
         EXPECT_STREQ(MessageText(MsgBPlusChecksumError), c.checksum);
         EXPECT_STREQ(MessageText(MsgTransferCancelled), c.cancelled);
     }
+}
+
+TEST_F(Registration, TheCataloguesComeFromTheRegisteredFolder) {
+    // A folder of its own (a blank in its name) whose "German" catalogue
+    // holds the French texts: what is read shows which folder was used.
+    // The library's own folder has the real catalogues of every language.
+    if (GetACP() != 1252) GTEST_SKIP() << "ANSI code page " << GetACP();
+    test::TempTree tree;
+    const std::string folder = WindowsPath(tree.Dir("Zv Lib")) + "\\";
+    ASSERT_GT(folder.size(), 1u);
+    ASSERT_TRUE(
+        CopyFileA((bin_ + "\\zvui32.fra.nls").c_str(), (folder + "zvui32.deu.nls").c_str(), TRUE));
+    ASSERT_TRUE(
+        CopyFileA((bin_ + "\\zvui32.eng.nls").c_str(), (folder + "ZVUI32.nls").c_str(), TRUE));
+    Register(folder.substr(0, folder.size() - 1), "ZvXfer.dll");
+    const struct {
+        const char *code, *cancelled;
+    } cases[] = {
+        {"deu", "Transfert annul\xE9"}, // the folder's zvui32.deu.nls
+        {"fra", "Transfer cancelled"},  // none in the folder: its ZVUI32.nls
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.code);
+        Choose(c.code);
+        Restart();
+        ASSERT_EQ(RegisterXferDLL(), 0);
+        EXPECT_STREQ(MessageText(MsgTransferCancelled), c.cancelled);
+    }
+    Restart(); // lets the folder go
 }
 
 TEST_F(Registration, AComponentPathInCapitalsStillFindsTheCatalogues) {
