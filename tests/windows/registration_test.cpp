@@ -22,8 +22,7 @@
 namespace zvxfer {
 namespace {
 
-// The build's bin folder as a Windows path: ZVXFER_BINARY_DIR holds the
-// build machine's path, which wine reads on the drive of the current folder.
+// A path as Windows writes it: full, with backslashes.
 std::string WindowsPath(const std::string &path) {
     char full[MAX_PATH] = "";
     if (GetFullPathNameA(path.c_str(), sizeof full, full, nullptr) == 0) return {};
@@ -33,16 +32,22 @@ std::string WindowsPath(const std::string &path) {
     return windows;
 }
 
+// The build's bin folder: the test program's own, beside the DLL and the
+// catalogues.
 std::string BinFolder() {
-    const char *binary = std::getenv("ZVXFER_BINARY_DIR");
-    return binary != nullptr ? WindowsPath(std::string(binary) + "/bin") : std::string();
+    char path[MAX_PATH] = "";
+    const DWORD length = GetModuleFileNameA(nullptr, path, sizeof path);
+    if (length == 0 || length >= sizeof path) return {};
+    std::string folder = WindowsPath(path);
+    const auto cut = folder.find_last_of('\\');
+    return cut == std::string::npos ? std::string() : folder.substr(0, cut);
 }
 
 class Registration : public ::testing::Test {
   protected:
     void SetUp() override {
         bin_ = BinFolder();
-        ASSERT_FALSE(bin_.empty()) << "run through ctest (ZVXFER_BINARY_DIR)";
+        ASSERT_FALSE(bin_.empty()) << "error " << GetLastError();
         scratch_ = "Software\\zvxfer-tests\\" + std::to_string(GetCurrentProcessId());
         const struct {
             HKEY root;
