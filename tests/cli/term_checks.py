@@ -1,0 +1,276 @@
+#!/usr/bin/env python3
+# `zvxfer term` driven as a user drives it: in a tmux pane, keys typed with
+# send-keys and the screen read with capture-pane.  The far side is a bash
+# on the session's pty; transfers from the escape menu go to rz and come
+# from sz running in that shell.
+#
+# usage: term_checks.py ZVXFER CASE      (CASE "list" prints the case names)
+import filecmp
+import os
+import re
+import shutil
+import subprocess
+import sys
+import time
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+from case_runner import Failure, check, make_file, run_cases  # noqa: E402
+
+COLUMNS, ROWS = 100, 30
+
+
+class Pane:
+    # A tmux server of its own running `script` (sh) in one window.
+    def __init__(self, work, script_text):
+        self.name = "zvxfer-term-%d" % os.getpid()
+        self.work = work
+        script = os.path.join(work, "run.sh")
+        with open(script, "w") as f:
+            f.write("cd %s\nexport HOME=%s PS1='tst$ '\n%s\necho SCRIPT-DONE\nsleep 60\n"
+                    % (work, work, script_text))
+        self.tmux("-f", "/dev/null", "set", "-g", "window-size", "manual")
+        self.tmux("-f", "/dev/null", "new-session", "-d", "-x", str(COLUMNS), "-y", str(ROWS),
+                  "sh " + script)
+
+    def tmux(self, *args):
+        return subprocess.run(["tmux", "-L", self.name] + list(args), capture_output=True,
+                              text=True, timeout=20).stdout
+
+    def screen(self):
+        return self.tmux("capture-pane", "-p")
+
+    def keys(self, *keys):
+        self.tmux("send-keys", *keys)
+
+    def type(self, text):
+        self.tmux("send-keys", "-l", text)
+        self.tmux("send-keys", "Enter")
+
+    def wait(self, pattern, seconds=20, what=None):
+        # Until the screen matches `pattern` (a regex); the match.
+        end = time.monotonic() + seconds
+        while True:
+            shown = self.screen()
+            found = re.search(pattern, shown)
+            if found:
+                return found
+            if time.monotonic() > end:
+                raise Failure("%s: %r not on the screen:\n%s" % (what or "wait", pattern, shown))
+            time.sleep(0.2)
+
+    def bottom(self):
+        lines = self.screen().split("\n")
+        while lines and lines[-1] == "":
+            lines.pop()
+        return self.screen().split("\n")[ROWS - 1] if len(lines) >= ROWS else ""
+
+    def close(self):
+        self.tmux("kill-server")
+
+
+def session(z, work, cases_text, args=""):
+    # zvxfer term around an inner bash; the terminal's settings before and
+    # after and the exit status land in files of `work`.
+    text = ("stty -a > before.txt\n%s term %s -- bash --norc --noprofile\n"
+            "echo $? > status.txt\nstty -a > after.txt\n" % (z, args))
+    return Pane(work, text)
+
+
+def read(work, name):
+    with open(os.path.join(work, name)) as f:
+        return f.read()
+
+
+def ended(pane, work):
+    # The session is over: its status, and the terminal exactly as before.
+    # (The window's size is the window's, not a setting to restore.)
+    pane.wait("SCRIPT-DONE", what="session end")
+    before, after = (re.sub(r"rows \d+; columns \d+; ", "", read(work, name))
+                     for name in ("before.txt", "after.txt"))
+    check(before == after, "terminal not restored:\n%s\n---\n%s" % (before, after))
+    return int(read(work, "status.txt"))
+
+
+def needs(*programs):
+    for p in programs:
+        if not shutil.which(p):
+            raise Failure("%s is needed (scripts/deps.sh installs it)" % p)
+
+
+def case_shell_output_and_exit_status(z, work):
+    needs("tmux", "bash")
+    pane = session(z, work, "")
+    try:
+        pane.wait(r"tst\$", what="prompt")
+        pane.type("echo sum=$((6*7))")
+        pane.wait(r"sum=42", what="output")
+        # Bytes beyond ASCII and control sequences pass unchanged both ways.
+        pane.type("printf '\\303\\244-\\033[1mbold\\033[0m-end\\n'")
+        pane.wait("ä-bold-end", what="unchanged output")
+        pane.type("exit 7")
+        check(ended(pane, work) == 7, "exit status not passed on: %s" % read(work, "status.txt"))
+    finally:
+        pane.close()
+
+
+def case_window_size_and_resize(z, work):
+    needs("tmux", "bash")
+    pane = session(z, work, "")
+    try:
+        pane.wait(r"tst\$")
+        pane.type("stty size")
+        pane.wait(r"\n%d %d\n" % (ROWS, COLUMNS), what="window size")
+        pane.tmux("resize-window", "-x", "72", "-y", "20")
+        time.sleep(0.5)
+        pane.type("clear; stty size")
+        pane.wait(r"\n?20 72\n", what="size after resize")
+        pane.type("exit")
+        check(ended(pane, work) == 0, "status %s" % read(work, "status.txt"))
+    finally:
+        pane.close()
+
+
+def case_menu_quit_and_escape_twice(z, work):
+    needs("tmux", "bash")
+    pane = session(z, work, "", "--escape ^A")
+    try:
+        pane.wait(r"tst\$")
+        pane.type("echo first")
+        pane.wait(r"\nfirst\n")
+        # Pressed twice, the escape key reaches the shell as one byte.
+        pane.tmux("send-keys", "-l", "read -r x; printf 'got:%q\\n' \"$x\"")
+        pane.keys("Enter")
+        time.sleep(0.3)
+        pane.keys("C-a", "C-a", "Enter")
+        pane.wait(r"got:\$'\\001'", what="escape key sent")
+        # The menu is on the bottom line; the shell's lines stay above it.
+        pane.keys("C-a")
+        pane.wait(r"q quit", what="menu")
+        check("q quit" in pane.bottom(), "menu not on the bottom line: %r" % pane.bottom())
+        check("first" in pane.screen(), "the remote's screen changed")
+        pane.keys("q")
+        check(ended(pane, work) == 0, "quit status %s" % read(work, "status.txt"))
+    finally:
+        pane.close()
+
+
+def case_terminal_restored_after_sigterm(z, work):
+    needs("tmux", "bash")
+    pane = session(z, work, "")
+    try:
+        pane.wait(r"tst\$")
+        pane.type("echo pid=$PPID")
+        pid = int(pane.wait(r"pid=(\d+)").group(1))
+        os.kill(pid, 15)
+        status = ended(pane, work)
+        check(status == 128 + 15, "status after SIGTERM %s" % status)
+    finally:
+        pane.close()
+
+
+def case_capture_to_file(z, work):
+    needs("tmux", "bash")
+    pane = session(z, work, "")
+    try:
+        pane.wait(r"tst\$")
+        pane.type("echo before-capture")
+        pane.keys("C-]")
+        pane.wait("q quit")
+        pane.keys("c")
+        pane.wait("capture the session to file:", what="capture question")
+        pane.type("~/cap.txt")
+        pane.wait("capture on: ", what="capture on")
+        pane.type("echo in-$((20+3))-capture")
+        pane.wait(r"\nin-23-capture")
+        pane.keys("C-]")
+        pane.wait("capture off")
+        pane.keys("c")
+        pane.wait(r"capture off: .*cap\.txt, \d+ bytes", what="capture off")
+        pane.type("echo after-capture")
+        pane.wait(r"\nafter-capture")
+        pane.type("exit")
+        ended(pane, work)
+        captured = read(work, "cap.txt")
+        check("in-23-capture" in captured, "output not captured: %r" % captured)
+        check("before-capture" not in captured and "after-capture\r\n" not in captured,
+              "captured outside the capture: %r" % captured)
+    finally:
+        pane.close()
+
+
+def case_send_from_menu_to_rz(z, work):
+    needs("tmux", "bash", "rz")
+    os.mkdir(os.path.join(work, "in"))
+    src = make_file(work, "payload.bin", 150000, seed=19)
+    pane = session(z, work, "")
+    try:
+        pane.wait(r"tst\$")
+        pane.type("cd in && rz")
+        time.sleep(0.5)
+        pane.keys("C-]")
+        pane.wait("q quit")
+        pane.keys("s")
+        pane.wait("send with protocol: zmodem", what="protocol question")
+        pane.keys("Enter")
+        pane.wait("files to send:", what="files question")
+        pane.type("~/pay*.bin")
+        pane.wait(r"sent: 1 file\(s\)", seconds=60, what="summary")
+        pane.type("echo back=$((2+2))")
+        pane.wait(r"back=4", what="shell after the transfer")
+        check(filecmp.cmp(src, os.path.join(work, "in", "payload.bin"), shallow=False),
+              "the file arrived different")
+        pane.type("exit")
+        check(ended(pane, work) == 0, "status %s" % read(work, "status.txt"))
+    finally:
+        pane.close()
+
+
+def case_receive_from_menu_from_sz(z, work):
+    needs("tmux", "bash", "sz")
+    os.mkdir(os.path.join(work, "down"))
+    src = make_file(work, "remote.bin", 80000, seed=7)
+    pane = session(z, work, "", "-d down")
+    try:
+        pane.wait(r"tst\$")
+        pane.type("sz remote.bin")
+        time.sleep(0.5)
+        pane.keys("C-]")
+        pane.wait("q quit")
+        pane.keys("r")
+        pane.wait("receive with protocol: zmodem")
+        pane.keys("Enter")
+        pane.wait(r"received: 1 file\(s\)", seconds=60, what="summary")
+        check(filecmp.cmp(src, os.path.join(work, "down", "remote.bin"), shallow=False),
+              "the file arrived different")
+        pane.type("exit")
+        ended(pane, work)
+    finally:
+        pane.close()
+
+
+def case_send_refuses_missing_file(z, work):
+    # A name that matches nothing is reported; nothing goes on the line and
+    # the shell still answers.
+    needs("tmux", "bash")
+    pane = session(z, work, "")
+    try:
+        pane.wait(r"tst\$")
+        pane.keys("C-]")
+        pane.wait("q quit")
+        pane.keys("s")
+        pane.wait("send with protocol:")
+        pane.keys("Enter")
+        pane.wait("files to send:")
+        pane.type("nothing-*.here")
+        pane.wait(r"nothing-\*\.here", what="problem named")
+        pane.type("echo still=$((1+1))")
+        pane.wait("still=2")
+        pane.type("exit")
+        ended(pane, work)
+    finally:
+        pane.close()
+
+
+CASES = {n[5:]: f for n, f in sorted(globals().items()) if n.startswith("case_")}
+
+if __name__ == "__main__":
+    sys.exit(run_cases(CASES, "zvxfer-term-", lambda case, z, work: case(z, work)))
