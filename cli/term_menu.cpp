@@ -103,9 +103,11 @@ void TermKeys::Feed(std::string_view typed, const std::function<void(const KeyEv
         }
         case State::Asking:
             if (byte == '\r' || byte == '\n') {
+                // Taken out first: the handler may ask the next question.
                 state_ = State::Typing;
-                on({KeyEvent::Answer, std::move(answer_)});
+                std::string answer = std::move(answer_);
                 answer_.clear();
+                on({KeyEvent::Answer, std::move(answer)});
             } else if (byte == kCtrlC || byte == kEsc || byte == escape_) {
                 state_ = State::Typing;
                 answer_.clear();
