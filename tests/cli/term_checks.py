@@ -96,6 +96,21 @@ def needs(*programs):
             raise Failure("%s is needed (scripts/deps.sh installs it)" % p)
 
 
+def case_command_status_passed_on(z, work):
+    # Without a terminal (input from /dev/null) the session still shows the
+    # command's output and ends with its status; a death by signal N is
+    # 128+N, a command that cannot be started 127.
+    for command, status, output in ((["sh", "-c", "echo out-$((3*3)); exit 3"], 3, "out-9"),
+                                    (["sh", "-c", "kill -TERM $$"], 128 + 15, ""),
+                                    (["sh", "-c", "kill -KILL $$"], 128 + 9, ""),
+                                    (["./no-such-command"], 127, "no-such-command")):
+        p = subprocess.run([z, "term", "--"] + command, stdin=subprocess.DEVNULL,
+                           capture_output=True, timeout=30, cwd=work)
+        shown = (p.stdout + p.stderr).decode(errors="replace")
+        check(p.returncode == status, "%s: status %s, not %s" % (command, p.returncode, status))
+        check(output in shown, "%s: %r not shown: %r" % (command, output, shown))
+
+
 def case_shell_output_and_exit_status(z, work):
     needs("tmux", "bash")
     pane = session(z, work, "")
