@@ -7,11 +7,15 @@
 # usage: term_checks.py ZVXFER CASE      (CASE "list" prints the case names)
 import filecmp
 import os
+import pty
 import re
+import select
 import shutil
+import socket
 import subprocess
 import sys
 import time
+import tty
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 from case_runner import Failure, check, make_file, run_cases  # noqa: E402
 
@@ -109,6 +113,80 @@ def case_command_status_passed_on(z, work):
         shown = (p.stdout + p.stderr).decode(errors="replace")
         check(p.returncode == status, "%s: status %s, not %s" % (command, p.returncode, status))
         check(output in shown, "%s: %r not shown: %r" % (command, output, shown))
+
+
+def both_ways(z, args, far_read, far_write, far_close, work):
+    # zvxfer term on a line whose far end the test plays: bytes typed (on a
+    # pipe) reach the far end, the far end's bytes reach the screen
+    # unchanged, and the session ends cleanly when the far end closes.
+    p = subprocess.Popen([z, "term"] + args, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                         stderr=subprocess.PIPE, cwd=work)
+    try:
+        far = b"from-far\x00\xff\x1b[0m\r\n"
+        far_write(far)
+        shown, end = b"", time.monotonic() + 20
+        while far not in shown and time.monotonic() < end:
+            ready, _, _ = select.select([p.stdout], [], [], 0.5)
+            if ready:
+                shown += os.read(p.stdout.fileno(), 4096)
+        check(far in shown, "far bytes not shown unchanged: %r" % shown)
+        p.stdin.write(b"typed\x1d\x1d-end\n")
+        p.stdin.flush()
+        heard, end = b"", time.monotonic() + 20
+        while b"-end" not in heard and time.monotonic() < end:
+            heard += far_read()
+        check(heard == b"typed\x1d-end\n", "typed bytes arrived as %r" % heard)
+        far_close()
+        p.wait(timeout=20)
+        err = p.stderr.read().decode(errors="replace")
+        check(p.returncode == 0, "status %s: %s" % (p.returncode, err))
+        check("the line closed" in err, "end not said: %r" % err)
+    finally:
+        if p.poll() is None:
+            p.kill()
+            p.wait()
+
+
+def case_serial_pty_line_both_ways(z, work):
+    master, slave = pty.openpty()
+    tty.setraw(slave)
+    name = os.ttyname(slave)
+    os.close(slave)
+
+    def far_read():
+        ready, _, _ = select.select([master], [], [], 0.5)
+        return os.read(master, 4096) if ready else b""
+    try:
+        both_ways(z, ["--line", name, "--baud", "38400"], far_read,
+                  lambda data: os.write(master, data), lambda: os.close(master), work)
+    finally:
+        try:
+            os.close(master)
+        except OSError:
+            pass
+
+
+def case_tcp_line_both_ways(z, work):
+    server = socket.socket()
+    server.bind(("127.0.0.1", 0))
+    server.listen(1)
+    port = server.getsockname()[1]
+    conn = []
+
+    def accepted():
+        if not conn:
+            server.settimeout(20)
+            conn.append(server.accept()[0])
+        return conn[0]
+
+    def far_read():
+        ready, _, _ = select.select([accepted()], [], [], 0.5)
+        return accepted().recv(4096) if ready else b""
+    try:
+        both_ways(z, ["--tcp", "127.0.0.1:%d" % port], far_read,
+                  lambda data: accepted().sendall(data), lambda: accepted().close(), work)
+    finally:
+        server.close()
 
 
 def case_shell_output_and_exit_status(z, work):
