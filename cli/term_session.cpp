@@ -452,7 +452,7 @@ void Session::Send(const std::string &answer) {
         return;
     }
     if (words->empty()) {
-        Say(_("nothing sent"));
+        Say(_("no file to send"));
         return;
     }
     TransferSettings s = SettingsFor(*protocol_, true);
@@ -532,10 +532,15 @@ void Session::Transfer(TransferSettings s) {
     } else {
         const uint64_t count =
             s.sending && outcome.result > 0 ? static_cast<uint64_t>(outcome.result) : filesEnded;
-        summary =
-            fmt::format(s.sending ? F_("sent: {} file(s), {} in {:.1f} s")
-                                  : F_("received: {} file(s), {} in {:.1f} s"),
-                        count, FormatBytes(static_cast<double>(outcome.bytes)), outcome.seconds);
+        const double rate =
+            outcome.seconds > 0 ? static_cast<double>(outcome.bytes) / outcome.seconds : 0;
+        const bool one = count == 1;
+        const auto format = s.sending ? (one ? F_("{} file sent, {} in {:.1f} s ({}/s)")
+                                             : F_("{} files sent, {} in {:.1f} s ({}/s)"))
+                                      : (one ? F_("{} file received, {} in {:.1f} s ({}/s)")
+                                             : F_("{} files received, {} in {:.1f} s ({}/s)"));
+        summary = fmt::format(format, count, FormatBytes(static_cast<double>(outcome.bytes)),
+                              outcome.seconds, FormatBytes(rate));
     }
     if (const std::optional<PartialFile> partial = files.Partial();
         partial && !summary.empty() && outcome.result < 0)
