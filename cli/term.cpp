@@ -169,13 +169,13 @@ int RunTerm(const TermSettings &s) {
         close(line.fd);
         return 1;
     }
-    const int status = RunSession(line, session);
+    const SessionEnd end = RunSession(line, session);
     if (line.serial) host::TtyRestore(line.fd);
     close(line.fd);
     if (line.slave >= 0) close(line.slave);
     if (terminal) host::TtyRestore(STDIN_FILENO);
-    if (s.command.empty()) Note(_("the line closed; the session ended"));
-    return status;
+    if (s.command.empty() && end.lineClosed) Note(_("the line closed; the session ended"));
+    return end.status;
 }
 
 } // namespace zvxfer::cli

@@ -141,7 +141,7 @@ class Session {
     ~Session() {
         if (capture_) std::fclose(capture_);
     }
-    int Run();
+    SessionEnd Run();
 
   private:
     void ReadLine();
@@ -175,6 +175,7 @@ class Session {
     uint64_t captured_ = 0;
     bool done_ = false;
     bool inputEnded_ = false;
+    bool lineClosed_ = false;
     bool childDone_ = false;
     int status_ = 0;
 };
@@ -232,6 +233,7 @@ void Session::EndChild(bool hangUp) {
 void Session::LineClosed() {
     HideBottom();
     done_ = true;
+    lineClosed_ = true;
     EndChild(false);
 }
 
@@ -571,7 +573,7 @@ void Session::Signals() {
     }
 }
 
-int Session::Run() {
+SessionEnd Session::Run() {
     const int flags = fcntl(line_.fd, F_GETFL);
     fcntl(line_.fd, F_SETFL, flags | O_NONBLOCK);
     while (!done_) {
@@ -591,13 +593,13 @@ int Session::Run() {
         if (!done_ && (fds[0].revents & (POLLIN | POLLHUP | POLLERR))) ReadUser();
     }
     fcntl(line_.fd, F_SETFL, flags);
-    return status_;
+    return {status_, lineClosed_};
 }
 
 } // namespace
 
-int RunSession(const SessionLine &line, const SessionSettings &settings) {
-    if (pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) return 1;
+SessionEnd RunSession(const SessionLine &line, const SessionSettings &settings) {
+    if (pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) return {1, false};
     struct sigaction action {};
     action.sa_handler = OnSignal;
     action.sa_flags = SA_RESTART;
@@ -606,12 +608,12 @@ int RunSession(const SessionLine &line, const SessionSettings &settings) {
     sigaction(SIGCHLD, &action, nullptr);
     // The command may have ended before the handler was there.
     OnSignal(SIGCHLD);
-    const int status = Session(line, settings).Run();
+    const SessionEnd end = Session(line, settings).Run();
     std::signal(SIGWINCH, SIG_DFL);
     std::signal(SIGCHLD, SIG_DFL);
     close(g_signalPipe[0]);
     close(g_signalPipe[1]);
-    return status;
+    return end;
 }
 
 } // namespace zvxfer::cli

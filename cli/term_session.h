@@ -24,9 +24,14 @@ struct SessionSettings {
     int32_t policy = 0;
 };
 
-// Run until the line closes, the command exits or the user quits.  Returns
-// the command's exit status (128+N for a death by signal N), otherwise 0
-// (1 when the user's terminal went away).
-int RunSession(const SessionLine &line, const SessionSettings &settings);
+struct SessionEnd {
+    // The command's exit status (128+N for a death by signal N), otherwise
+    // 0 (1 when the user's terminal went away).
+    int status = 0;
+    bool lineClosed = false; // the far end closed the line (not a quit)
+};
+
+// Run until the line closes, the command exits or the user quits.
+SessionEnd RunSession(const SessionLine &line, const SessionSettings &settings);
 
 } // namespace zvxfer::cli

@@ -340,6 +340,34 @@ def case_receive_from_menu_from_sz(z, work):
         pane.close()
 
 
+def case_transfer_cancelled_by_keys(z, work):
+    # A receive from the menu with no sender on the far side waits; Ctrl-C
+    # (and then the escape key) ends it, the session goes on.
+    needs("tmux", "bash")
+    pane = session(z, work, "")
+    try:
+        pane.wait(r"tst\$")
+        pane.type("stty -echo; cat > /dev/null")
+        time.sleep(0.5)
+        for key in ("C-c", "C-]"):
+            pane.keys("C-]")
+            pane.wait("q quit")
+            pane.keys("r")
+            pane.wait("receive with protocol: zmodem")
+            pane.keys("Enter")
+            time.sleep(1.5)
+            check("cancelled" not in pane.bottom(), "an old summary: %r" % pane.bottom())
+            pane.keys(key)
+            pane.wait("transfer cancelled", what="cancel by %s" % key)
+        pane.keys("C-c")
+        pane.type("stty echo; echo alive=$((5*5))")
+        pane.wait("alive=25", what="shell after the cancels")
+        pane.type("exit")
+        check(ended(pane, work) == 0, "status %s" % read(work, "status.txt"))
+    finally:
+        pane.close()
+
+
 def case_send_refuses_missing_file(z, work):
     # A name that matches nothing is reported; nothing goes on the line and
     # the shell still answers.
