@@ -368,6 +368,33 @@ def case_transfer_cancelled_by_keys(z, work):
         pane.close()
 
 
+def case_ascii_upload_from_menu(z, work):
+    # The lines of a text file typed into `cat` on the far side.
+    needs("tmux", "bash")
+    with open(os.path.join(work, "notes.txt"), "w") as f:
+        f.write("first line\nsecond line\nthird: 3\n")
+    pane = session(z, work, "")
+    try:
+        pane.wait(r"tst\$")
+        pane.type("stty -echo; cat > got.txt")
+        time.sleep(0.5)
+        pane.keys("C-]")
+        pane.wait("q quit")
+        pane.keys("a")
+        pane.wait("ASCII upload of the file:")
+        pane.type("'notes.txt'")
+        pane.wait(r"1 file sent, ", seconds=30, what="upload summary")
+        pane.keys("C-d")
+        pane.type("stty echo; echo up=$((4*4))")
+        pane.wait("up=16")
+        got = read(work, "got.txt").replace("\r", "").split("\n")
+        check(got[:3] == ["first line", "second line", "third: 3"], "arrived: %r" % got)
+        pane.type("exit")
+        ended(pane, work)
+    finally:
+        pane.close()
+
+
 def case_send_refuses_missing_file(z, work):
     # A name that matches nothing is reported; nothing goes on the line and
     # the shell still answers.
