@@ -246,18 +246,24 @@ def case_menu_quit_and_escape_twice(z, work):
         pane.close()
 
 
-def case_terminal_restored_after_sigterm(z, work):
+def case_terminal_restored_after_signals(z, work):
+    # Killed by a signal (a crash too), the program gives the terminal back
+    # before it dies of it.
     needs("tmux", "bash")
-    pane = session(z, work, "")
-    try:
-        pane.wait(r"tst\$")
-        pane.type("echo pid=$PPID")
-        pid = int(pane.wait(r"pid=(\d+)").group(1))
-        os.kill(pid, 15)
-        status = ended(pane, work)
-        check(status == 128 + 15, "status after SIGTERM %s" % status)
-    finally:
-        pane.close()
+    for signal in (15, 1, 2, 11):
+        for name in ("before.txt", "after.txt", "status.txt"):
+            if os.path.exists(os.path.join(work, name)):
+                os.remove(os.path.join(work, name))
+        pane = session(z, work, "")
+        try:
+            pane.wait(r"tst\$")
+            pane.type("echo pid=$PPID")
+            pid = int(pane.wait(r"pid=(\d+)").group(1))
+            os.kill(pid, signal)
+            status = ended(pane, work)
+            check(status == 128 + signal, "status after signal %d: %s" % (signal, status))
+        finally:
+            pane.close()
 
 
 def case_capture_to_file(z, work):
