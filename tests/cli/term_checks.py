@@ -115,7 +115,7 @@ def case_command_status_passed_on(z, work):
         check(output in shown, "%s: %r not shown: %r" % (command, output, shown))
 
 
-def both_ways(z, args, far_read, far_write, far_close, work):
+def both_ways(z, args, far_read, far_write, far_close, work, break_said):
     # zvxfer term on a line whose far end the test plays: bytes typed (on a
     # pipe) reach the far end, the far end's bytes reach the screen
     # unchanged, and the session ends cleanly when the far end closes.
@@ -136,6 +136,15 @@ def both_ways(z, args, far_read, far_write, far_close, work):
         while b"-end" not in heard and time.monotonic() < end:
             heard += far_read()
         check(heard == b"typed\x1d-end\n", "typed bytes arrived as %r" % heard)
+        # The menu's break: sent on a serial line, refused elsewhere.
+        p.stdin.write(b"\x1db")
+        p.stdin.flush()
+        end = time.monotonic() + 20
+        while break_said.encode() not in shown and time.monotonic() < end:
+            ready, _, _ = select.select([p.stdout], [], [], 0.5)
+            if ready:
+                shown += os.read(p.stdout.fileno(), 4096)
+        check(break_said.encode() in shown, "no %r: %r" % (break_said, shown[-300:]))
         far_close()
         p.wait(timeout=20)
         err = p.stderr.read().decode(errors="replace")
@@ -158,7 +167,8 @@ def case_serial_pty_line_both_ways(z, work):
         return os.read(master, 4096) if ready else b""
     try:
         both_ways(z, ["--line", name, "--baud", "38400"], far_read,
-                  lambda data: os.write(master, data), lambda: os.close(master), work)
+                  lambda data: os.write(master, data), lambda: os.close(master), work,
+                  "break sent")
     finally:
         try:
             os.close(master)
@@ -184,7 +194,8 @@ def case_tcp_line_both_ways(z, work):
         return accepted().recv(4096) if ready else b""
     try:
         both_ways(z, ["--tcp", "127.0.0.1:%d" % port], far_read,
-                  lambda data: accepted().sendall(data), lambda: accepted().close(), work)
+                  lambda data: accepted().sendall(data), lambda: accepted().close(), work,
+                  "a break is sent on serial lines only")
     finally:
         server.close()
 
