@@ -100,6 +100,22 @@ def needs(*programs):
             raise Failure("%s is needed (scripts/deps.sh installs it)" % p)
 
 
+def case_usage_and_unusable_lines(z, work):
+    # (arguments, status, words on standard error)
+    for args, status, said in (([], 2, "term needs --line"),
+                               (["--escape", "a", "--", "true"], 2, "control key"),
+                               (["--escape", "^1", "--", "true"], 2, "control key"),
+                               (["--line", "/dev/null", "--", "true"], 2, "excludes"),
+                               (["--tcp", "h:1", "--line", "/dev/null"], 2, "excludes"),
+                               (["--line", os.path.join(work, "none")], 1, "cannot open the line"),
+                               (["--baud", "9600", "--", "true"], 2, "requires --line")):
+        p = subprocess.run([z, "term"] + args, stdin=subprocess.DEVNULL, capture_output=True,
+                           timeout=30, cwd=work)
+        err = p.stderr.decode(errors="replace")
+        check(p.returncode == status and said in err,
+              "%s: status %s, %r" % (args, p.returncode, err))
+
+
 def case_command_status_passed_on(z, work):
     # Without a terminal (input from /dev/null) the session still shows the
     # command's output and ends with its status; a death by signal N is
