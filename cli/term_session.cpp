@@ -208,9 +208,10 @@ void Session::PassWindowSize() {
         ioctl(line_.fd, TIOCSWINSZ, &size);
 }
 
-// The command's status once it has ended; a command still running after
-// the line closed (or when the user quits) is hung up, and killed when it
-// outlives that by two seconds.
+// The command's status once it has ended.  A command the user quits is
+// hung up at once and killed a second later; after the line closed the
+// command gets a second to exit by itself before it is hung up, and
+// another before it is killed.
 void Session::EndChild(bool hangUp) {
     if (line_.child <= 0 || childDone_) return;
     int wait = 0;
