@@ -350,6 +350,48 @@ def case_send_from_menu_to_rz(z, work):
         pane.close()
 
 
+def case_kermit_both_ways_with_gkermit(z, work):
+    # Kermit from the menu: a file to `gkermit -r`, and one from `gkermit -s`.
+    needs("tmux", "bash", "gkermit")
+    os.mkdir(os.path.join(work, "in"))
+    os.mkdir(os.path.join(work, "down"))
+    up = make_file(work, "up.bin", 30000, seed=3)
+    remote = make_file(os.path.join(work, "in"), "remote.bin", 20000, seed=4)
+    os.rename(remote, os.path.join(work, "remote.bin"))
+    pane = session(z, work, "", "-d down")
+    try:
+        pane.wait(r"tst\$")
+        pane.type("cd in && gkermit -r")
+        time.sleep(0.5)
+        pane.keys("C-]")
+        pane.wait("q quit")
+        pane.keys("s")
+        pane.wait("send with protocol:")
+        pane.keys("C-u")
+        pane.type("kermit")
+        pane.wait("files to send:")
+        pane.type("up.bin")  # our own folder, not the far shell's
+        pane.wait(r"1 file sent, ", seconds=60, what="send summary")
+        pane.type("cd .. && gkermit -s remote.bin")
+        time.sleep(0.5)
+        pane.keys("C-]")
+        pane.wait("q quit")
+        pane.keys("r")
+        pane.wait("receive with protocol:")
+        pane.keys("C-u")
+        pane.type("kermit")
+        pane.wait(r"1 file received, ", seconds=60, what="receive summary")
+        check(filecmp.cmp(up, os.path.join(work, "in", "up.bin"), shallow=False),
+              "the file sent arrived different")
+        check(filecmp.cmp(os.path.join(work, "remote.bin"),
+                          os.path.join(work, "down", "remote.bin"), shallow=False),
+              "the file received arrived different")
+        pane.type("exit")
+        ended(pane, work)
+    finally:
+        pane.close()
+
+
 def case_receive_from_menu_from_sz(z, work):
     needs("tmux", "bash", "sz")
     os.mkdir(os.path.join(work, "down"))
