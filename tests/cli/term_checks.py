@@ -62,10 +62,9 @@ class Pane:
             time.sleep(0.2)
 
     def bottom(self):
-        lines = self.screen().split("\n")
-        while lines and lines[-1] == "":
-            lines.pop()
-        return self.screen().split("\n")[ROWS - 1] if len(lines) >= ROWS else ""
+        # The last row ("" when it is blank).
+        lines = self.screen().split("\n") + [""] * ROWS
+        return lines[ROWS - 1]
 
     def close(self):
         self.tmux("kill-server")
