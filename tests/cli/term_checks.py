@@ -261,6 +261,16 @@ def case_menu_quit_and_escape_twice(z, work):
         time.sleep(0.3)
         pane.keys("C-a", "C-a", "Enter")
         pane.wait(r"got:\$'\\001'", what="escape key sent")
+        # What the far side writes while the menu is open waits for it to
+        # close, then shows whole.
+        pane.type("sleep 2; echo held-$((1+1))")
+        pane.keys("C-a")
+        pane.wait(r"q quit", what="menu")
+        time.sleep(3)
+        check("held-2" not in pane.screen(), "output drawn over the menu")
+        pane.keys("x")
+        pane.wait(r"\nheld-2\n", what="held output")
+        check("q quit" not in pane.screen(), "menu left on the screen")
         # The menu is on the bottom line; the shell's lines stay above it.
         pane.keys("C-a")
         pane.wait(r"q quit", what="menu")
