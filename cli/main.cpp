@@ -30,6 +30,7 @@
 #include "protocols.h"
 #include "serve.h"
 #include "shown_text.h"
+#include "term.h"
 #include "transfer.h"
 #include "tty.h"
 #include "zmodem_window.h"
@@ -492,7 +493,7 @@ std::string UsageMessage(const CLI::App *, const CLI::Error &e) {
     return fmt::format("zvxfer: {}\n{}\n", e.what(), _("Run with --help for more information."));
 }
 
-constexpr std::string_view kSubcommands[] = {"send", "receive", "loopback", "serve"};
+constexpr std::string_view kSubcommands[] = {"send", "receive", "loopback", "serve", "term"};
 
 int Main(int argc, char **argv) {
     CLI::App app{_("zvxfer: send and receive files over a terminal line")};
@@ -516,7 +517,7 @@ int Main(int argc, char **argv) {
     if (argc > 1 && argv[1][0] != '-' &&
         std::find(std::begin(kSubcommands), std::end(kSubcommands), argv[1]) ==
             std::end(kSubcommands)) {
-        Note(fmt::format(F_("unknown subcommand '{}': use send, receive, loopback or serve"),
+        Note(fmt::format(F_("unknown subcommand '{}': use send, receive, loopback, serve or term"),
                          ShownText(argv[1])));
         return kExitUsage;
     }
@@ -602,6 +603,10 @@ int Main(int argc, char **argv) {
     ServeSettings serve;
     auto *serveCommand = AddServeCommand(app, serve);
 
+    // A terminal session with transfers from its menu.
+    TermSettings term;
+    auto *termCommand = AddTermCommand(app, term);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
@@ -613,6 +618,7 @@ int Main(int argc, char **argv) {
         JsonSessionStart(serve.protocol, "serve", LineText(serve.line), ZVXFER_BUILT_VERSION);
         return EndSession(RunServe(serve));
     }
+    if (termCommand->parsed()) return RunTerm(term);
 
     const Protocol protocol = *FindProtocol(common.protocol);
     const Verbosity verbosity = VerbosityOf(common);

@@ -15,6 +15,7 @@
 #include "i18n.h"
 #include "json_events.h"
 #include "shown_text.h"
+#include "term_screen.h"
 
 namespace zvxfer::cli {
 namespace {
@@ -90,13 +91,29 @@ double Reporter::Seconds() const {
 }
 
 void Reporter::Line(const std::string &text) {
+    if (bottom_) {
+        Put(label_ + text);
+        return;
+    }
     ClearBar();
     std::fputs((label_ + text + "\n").c_str(), stderr);
     if (live_ && !file_.empty()) Draw(true);
 }
 
+void Reporter::Put(const std::string &text) {
+    const std::string shown(
+        CutShown(text, static_cast<std::size_t>(std::max(1, TerminalColumns() - 1))));
+    if (bottom_)
+        std::fputs(BottomLineBytes(shown, TerminalRows()).c_str(), stderr);
+    else
+        fmt::print(stderr, "\r\033[K{}", shown);
+    std::fflush(stderr);
+    barShown_ = true;
+}
+
 void Reporter::ClearBar() {
-    if (!barShown_) return;
+    // The bottom line is replaced by what comes next, never blanked.
+    if (!barShown_ || bottom_) return;
     std::fputs("\r\033[K", stderr);
     barShown_ = false;
 }
@@ -240,10 +257,7 @@ void Reporter::Draw(bool force) {
     const double rate =
         (elapsed > 0.1 || (force && elapsed > 0)) ? static_cast<double>(current_) / elapsed : 0;
     const uint64_t size = size_ > 0 ? static_cast<uint64_t>(size_) : 0;
-    fmt::print(stderr, "\r\033[K{}",
-               BarLine(label_, file_, current_, size, rate, TerminalColumns()));
-    std::fflush(stderr);
-    barShown_ = true;
+    Put(BarLine(label_, file_, current_, size, rate, TerminalColumns()));
 }
 
 void Reporter::Waiting(double seconds) {
@@ -274,10 +288,7 @@ void Reporter::Waiting(double seconds) {
     }
     waitedShown_ = whole;
     const std::string text = label_ + fmt::format(F_("waiting for the receiver ({} s)"), whole);
-    fmt::print(stderr, "\r\033[K{}",
-               CutShown(text, static_cast<std::size_t>(std::max(1, TerminalColumns() - 1))));
-    std::fflush(stderr);
-    barShown_ = true;
+    Put(text);
 }
 
 void Reporter::Finish(int32_t result, std::string_view reason) {
@@ -302,7 +313,7 @@ void Reporter::Finish(int32_t result, std::string_view reason) {
     }
     if (live_) {
         Draw(true);
-        std::fputs("\n", stderr);
+        if (!bottom_) std::fputs("\n", stderr);
         barShown_ = false;
     }
     bytes_ += current_;

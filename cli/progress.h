@@ -43,6 +43,11 @@ class Reporter {
     // the bar's line, or once as a plain line); negative: the wait is over.
     void Waiting(double seconds);
 
+    // Draw the bar, the waits and the notices on the screen's last row,
+    // each replacing the one before, with the cursor put back each time:
+    // a terminal session's screen stays the remote's.
+    void UseBottomLine() { bottom_ = true; }
+
     uint64_t Bytes() const { return bytes_ + current_; }
     double Seconds() const;
     // Files ended so far, and those of them that ended with a failure.
@@ -56,6 +61,7 @@ class Reporter {
     void Draw(bool force);
     void ClearBar();
     void Line(const std::string &text);
+    void Put(const std::string &text); // the live line: the bar, a wait
     void EmitProgress(Clock::time_point now);
     void EmitSkipped(const XferRecord &record);
     // An event of this transfer: its side when it has one.
@@ -63,6 +69,7 @@ class Reporter {
 
     Verbosity verbosity_;
     bool live_;
+    bool bottom_ = false;
     std::string label_;
     std::string name_;     // name of the file in progress as it came (empty: none yet)
     std::string file_;     // the same, escaped for the terminal

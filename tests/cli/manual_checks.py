@@ -17,7 +17,7 @@ from case_runner import Failure, check, run_cases  # noqa: E402
 
 PAGE = os.path.join(HERE, "..", "..", "man", "zvxfer.1")
 ENV = dict(os.environ, LC_ALL="C.UTF-8", LANGUAGE="", MANWIDTH="80")
-SUBCOMMANDS = ["send", "receive", "loopback", "serve"]
+SUBCOMMANDS = ["send", "receive", "loopback", "serve", "term"]
 
 
 def rendered():
