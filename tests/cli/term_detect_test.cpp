@@ -64,6 +64,10 @@ const std::vector<Start> &Starts() {
          "\x01"
          "9 S~' @-#Y3~*!J*0+++J\"U1@O",
          StartKind::KermitSendInit},
+        {"our Kermit S",
+         "\x01"
+         "9 S~' @-#Y3~*!J*0+++B\"U1AH",
+         StartKind::KermitSendInit},
         {"C-Kermit S",
          "\x01"
          "9 S~/ @-#Y3~^>J)0___N\"U1@G",
