@@ -48,6 +48,7 @@ Match HexHeader(const std::vector<uint8_t> &h, bool sender, bool receiver, int &
         }
     }
     if (h.size() < kHexHeaderLength) return Match::Prefix;
+    if (h.size() > kHexHeaderLength) return Match::No; // a whole one ends here
     // Type, four data bytes and the two CRC bytes: the CRC over all seven is 0.
     uint16_t crc = 0;
     for (std::size_t i = 4; i < kHexHeaderLength; i += 2)
@@ -72,6 +73,7 @@ Match KermitInit(const std::vector<uint8_t> &p) {
     for (std::size_t i = 4; i < upto; ++i)
         if (!printable(p[i])) return Match::No;
     if (p.size() < total) return Match::Prefix;
+    if (p.size() > total) return Match::No; // a whole one ends here
     unsigned sum = 0;
     for (std::size_t i = 1; i + 1 < total; ++i) sum += p[i];
     const unsigned check = (sum + ((sum & 192) >> 6)) & 63;

@@ -384,5 +384,39 @@ TEST(TermDetect, RandomChunksOfLongStreams) {
     }
 }
 
+// Random bytes drawn mostly from the starts' own characters: however the
+// stream is cut, the same starts are found and the same bytes shown, and
+// nothing is lost or doubled.
+TEST(TermDetect, RandomBytesAnyCutSameResult) {
+    const std::string alphabet = std::string("**\x18\x01\x05\x10"
+                                             "B0123456789abcdef S~#9 \r\n") +
+                                 Starts()[0].bytes + Starts()[6].bytes;
+    std::mt19937 rng(8);
+    for (int round = 0; round < 300; ++round) {
+        std::string stream;
+        for (int k = 0; k < 400; ++k) {
+            if (rng() % 50 == 0)
+                stream += Starts()[rng() % Starts().size()].bytes;
+            else
+                stream += alphabet[rng() % alphabet.size()];
+        }
+        std::vector<std::string> bytes, chunks;
+        for (char c : stream) bytes.push_back(std::string(1, c));
+        for (std::size_t at = 0; at < stream.size();) {
+            const std::size_t n = std::min<std::size_t>(1 + rng() % 30, stream.size() - at);
+            chunks.push_back(stream.substr(at, n));
+            at += n;
+        }
+        const Seen one = Detect(bytes), cut = Detect(chunks), whole = Detect({stream});
+        ASSERT_EQ(cut.starts, one.starts) << "round " << round;
+        ASSERT_EQ(cut.shown, one.shown) << "round " << round;
+        ASSERT_EQ(whole.starts, one.starts) << "round " << round;
+        ASSERT_EQ(whole.shown, one.shown) << "round " << round;
+        std::size_t total = one.shown.size();
+        for (const std::string &st : one.starts) total += st.size();
+        ASSERT_EQ(total, stream.size()) << "round " << round;
+    }
+}
+
 } // namespace
 } // namespace zvxfer::cli
