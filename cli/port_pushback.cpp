@@ -7,6 +7,14 @@ namespace zvxfer::cli {
 
 PortPushback::PortPushback(XferPort *port, std::vector<uint8_t> bytes)
     : port_(port), host_(port->HostWindow), bytes_(std::move(bytes)) {
+    // Bytes of an earlier read still in the port's received block came
+    // after the put-back ones on the line: they follow them here, so the
+    // order holds (and an engine that reads through a block of its own
+    // sees them too).
+    PortBlock &rx = port_->RxBlock;
+    if (rx.Length != 0 && rx.Data != nullptr)
+        bytes_.insert(bytes_.end(), rx.Data, rx.Data + rx.Length);
+    rx.Length = 0;
     own_ = ZvCreateWindow(&PortPushback::Procedure, this);
     if (own_ != nullptr) port_->HostWindow = own_;
 }

@@ -19,8 +19,9 @@ namespace zvxfer::cli {
 
 class PortPushback {
   public:
-    // Create on the thread that runs the transfer.  Empty `bytes` put
-    // nothing in front: every message goes to the host.
+    // Create on the thread that runs the transfer.  Bytes the port still
+    // holds from an earlier read are moved behind `bytes`.  Nothing to put
+    // back: every message goes to the host.
     PortPushback(XferPort *port, std::vector<uint8_t> bytes);
     // The port's host window is given back.  Put-back bytes the engine was
     // handed but has not taken are dropped from the port's received block

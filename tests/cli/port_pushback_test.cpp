@@ -123,6 +123,15 @@ TEST(PortPushback, UntakenBytesAreToldAndDropped) {
     EXPECT_EQ(line.Read(100, 10), "line");
 }
 
+// Bytes the port still holds from a read made before the pushback came
+// after the put-back ones on the line: they are read after them.
+TEST(PortPushback, BytesLeftInThePortFollow) {
+    ScriptedLine line({"rz\r**", "tail"});
+    EXPECT_EQ(line.Read(3, 3), "rz\r");
+    PortPushback pushback(line.port, B("START"));
+    EXPECT_EQ(line.Read(100, 4), "START**tail");
+}
+
 TEST(PortPushback, WritesReachTheLineAndATapSeesTheBytes) {
     ScriptedLine line({"abc"});
     PortPushback pushback(line.port, B("\x01"
