@@ -3,6 +3,7 @@
 // as the session does, in odd-sized reads through the start detector, and
 // on a start runs the matching engine on the same port with the bytes it
 // needs put back in front of the line.  The file must arrive whole.
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
@@ -10,6 +11,7 @@
 #include <sstream>
 #include <string>
 
+#include "bplus_service.h"
 #include "link_pair.h"
 #include "port_pushback.h"
 #include "port_tap.h"
@@ -50,6 +52,17 @@ TEST(TermHandoff, EngineTakesOverAfterTheStart) {
          [](XferPort *p, char *n) { return KermitSendWithOptions(p, n, nullptr, nullptr, 0); },
          [](XferPort *p, char *) { return KermitReceiveWithOptions(p, nullptr, nullptr, 0); },
          false},
+        {"B+ service download", StartKind::BPlusPacket, false,
+         [](XferPort *p, char *n) {
+             host::PortServiceLine line(p);
+             host::BPlusService service(line, {});
+             host::ServiceRequest download;
+             download.path = std::string(n + 1, std::strlen(n) - 2); // without the quotes
+             const auto reports = service.Run({download});
+             return reports.size() == 1 && reports[0].ok ? 1 : -1;
+         },
+         [](XferPort *p, char *) { return CompuServeBPlusWithOptions(p, nullptr, nullptr, 0); },
+         false},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -69,7 +82,7 @@ TEST(TermHandoff, EngineTakesOverAfterTheStart) {
 
         std::optional<StartKind> found;
         std::string shown, handed, engineRead;
-        std::size_t startSize = 0, handedAfter = 0;
+        std::size_t startSize = 0, handedAfter = 0, enquiries = 0;
         const host::LinkResult r = link.Run(
             [&](XferPort *port) { return c.farEnd(port, names.data()); },
             [&](XferPort *port) -> int32_t {
@@ -79,6 +92,15 @@ TEST(TermHandoff, EngineTakesOverAfterTheStart) {
                     port->Ops.ReadBuffer(port, buffer, sizeof buffer);
                     if (port->Count == 0) continue; // the read waited a little
                     auto out = detector.Feed(buffer, port->Count);
+                    // The B+ service's ENQ is answered in terminal mode; the
+                    // rest of the chunk is output again.
+                    while (out.start == StartKind::BPlusEnquiry) {
+                        shown.append(out.show.begin(), out.show.end());
+                        enquiries += out.startBytes.size();
+                        CompuServeBPlusRespond(port, 1);
+                        const std::vector<uint8_t> rest = out.after;
+                        out = detector.Feed(rest.data(), rest.size());
+                    }
                     shown.append(out.show.begin(), out.show.end());
                     if (!out.start) continue;
                     found = out.start;
@@ -100,12 +122,14 @@ TEST(TermHandoff, EngineTakesOverAfterTheStart) {
         EXPECT_FALSE(r.timedOut);
         ASSERT_TRUE(found);
         EXPECT_EQ(*found, c.kind);
+        // Only the B+ service greets with ENQ, answered before its first packet.
+        EXPECT_EQ(enquiries > 0, c.kind == StartKind::BPlusPacket);
         // The engine read the put-back bytes before anything from the line.
         EXPECT_FALSE(handed.empty());
         EXPECT_EQ(engineRead.substr(0, handed.size()), handed);
         // Every byte our end took from the line was read once: by the
         // session, or by the engine after what was put back.
-        const uint64_t sessionRead = shown.size() + startSize + handedAfter;
+        const uint64_t sessionRead = shown.size() + enquiries + startSize + handedAfter;
         EXPECT_EQ(link.Counters(host::LinkPair::AtoB).delivered,
                   sessionRead + engineRead.size() - handed.size());
         EXPECT_GE(r.a, 0);
