@@ -20,7 +20,7 @@ struct FindSearch; // opaque
 using FindHandle = FindSearch *;
 
 // `pattern` is folder + name pattern; the folder part ends at the last '/'
-// and a pattern without '/' searches the current folder.  "." and ".." are
+// or '\' and a pattern without either searches the current folder.  "." and ".." are
 // reported like any entry.  A name part without wildcards looks up that one
 // entry.  Returns nullptr when nothing matches or the folder cannot be read
 // (an empty name part matches nothing).

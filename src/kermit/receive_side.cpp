@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "kermit/engine.h"
+#include "platform/path.h"
 
 namespace zvxfer::kermit {
 
@@ -20,9 +21,7 @@ int KermitEngine::rcvfil() {
 
     // Only the last part of the name counts: the file stays in the receive
     // folder whatever folders the peer names.
-    const char *slash = std::strrchr(filnam, '/');
-    const char *backslash = std::strrchr(filnam, '\\');
-    const char *cut = slash > backslash ? slash : backslash;
+    const char *cut = plat::LastSeparator(filnam);
     if (cut != nullptr) std::memmove(filnam, cut + 1, std::strlen(cut + 1) + 1);
 
     char local[kNameSize];
