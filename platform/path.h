@@ -30,6 +30,13 @@ inline char *LastSeparator(char *path) {
     return const_cast<char *>(LastSeparator(static_cast<const char *>(path)));
 }
 
+// Whether `path` starts with a drive ("C:"): a letter and a colon.  On
+// Windows "C:name" is a name in drive C's current folder, wherever that is.
+constexpr bool StartsWithDrive(std::string_view path) {
+    return path.size() >= 2 && path[1] == ':' &&
+           ((path[0] >= 'A' && path[0] <= 'Z') || (path[0] >= 'a' && path[0] <= 'z'));
+}
+
 // The separator a path already uses, to join more to it in the same style:
 // its last one, or '/' when it has none.
 inline char SeparatorOf(std::string_view path) {

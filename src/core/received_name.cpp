@@ -28,11 +28,6 @@ void FixFinalName(std::string &name) {
         name.replace(start, name.npos, "__");
 }
 
-bool IsDrive(std::string_view c) {
-    return c.size() >= 2 && c[1] == ':' &&
-           ((c[0] >= 'A' && c[0] <= 'Z') || (c[0] >= 'a' && c[0] <= 'z'));
-}
-
 } // namespace
 
 std::string MapReceivedName(std::string_view received, bool fullPath, std::size_t room) {
@@ -44,10 +39,10 @@ std::string MapReceivedName(std::string_view received, bool fullPath, std::size_
 
     std::string name;
     if (!fullPath) {
-        // A last component that starts with a drive ("x\\C:evil") would
+        // A last component that starts with a drive ("x\C:evil") would
         // name that drive's current folder on Windows: the drive goes.
         std::string_view bare = BareName(text.c_str());
-        if (IsDrive(bare)) bare.remove_prefix(2);
+        if (plat::StartsWithDrive(bare)) bare.remove_prefix(2);
         name = bare;
     } else {
         bool first = true;
@@ -55,7 +50,7 @@ std::string MapReceivedName(std::string_view received, bool fullPath, std::size_
             std::size_t end = at;
             while (end < text.size() && !plat::IsPathSeparator(text[end])) ++end;
             std::string_view part = std::string_view(text).substr(at, end - at);
-            if (first && IsDrive(part)) part.remove_prefix(2);
+            if (first && plat::StartsWithDrive(part)) part.remove_prefix(2);
             first = false;
             if (!part.empty() && part != "." && part != "..") {
                 if (!name.empty()) name += '/';

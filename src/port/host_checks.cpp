@@ -48,7 +48,7 @@ bool SendNamesWritable(char *names) {
 }
 
 // A received name is joined to the folder as it is given: a folder
-// without its final '/' or '\\' gets the name glued on ("/tmp/dl" + "a.txt" is
+// without its final '/' or '\' gets the name glued on ("/tmp/dl" + "a.txt" is
 // "/tmp/dla.txt"), and a text that names no folder is taken as the one
 // file to write.  That stays; a folder text that looks meant otherwise is
 // traced.

@@ -95,7 +95,7 @@ TEST(ReceivedName, TheOpenerPlacesLineNamesBelowTheFolderAndHostNamesInTheirOwn)
         {Xmodem1K, "/r/in/", "x.bin", true, "", "x.bin"},
         {Ascii, "", "/etc/", false, "", ""},
         {Xmodem, "", "/etc/..", false, "", ""},
-        // '\\' separates as '/' does, in the folder text and in the name.
+        // '\' separates as '/' does, in the folder text and in the name.
         {Ymodem, "C:\\r\\in\\", "C:\\r\\in\\x", true, "C:\\r\\in\\", "x"},
         {Zmodem, "C:\\r\\in\\", "C:\\r\\in\\a/b", true, "C:\\r\\in\\", "a/b"},
         {Kermit, "C:\\r/in", "C:\\r/inx", true, "C:\\r/", "inx"},
@@ -247,8 +247,8 @@ TEST_F(Receive, LinksInTheWayAreNeverFollowed) {
     }
 }
 
-// A receive folder written with '\\' (as a Windows host writes it) takes
-// the files, and names with drives, '\\' and ".." from the line stay in it.
+// A receive folder written with '\' (as a Windows host writes it) takes
+// the files, and names with drives, '\' and ".." from the line stay in it.
 TEST_F(Receive, AFolderWrittenWithBackslashesKeepsLineNamesInside) {
     in_.back() = '\\';
     const std::string inside = tree_.Path("in") + "/";

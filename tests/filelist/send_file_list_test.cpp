@@ -105,7 +105,7 @@ TEST_F(SendList, SubfoldersFollowTheFoldersOwnMatchesNineLevelsDeep) {
     std::filesystem::current_path(previous);
 }
 
-// '\\' separates folders as '/' does: the folder part ends at either, and
+// '\' separates folders as '/' does: the folder part ends at either, and
 // subfolders join with the separator the name uses.
 TEST_F(SendList, BackslashesSeparateFoldersAsSlashesDo) {
     for (const char *name : {"w/a.txt", "w/s/b.txt", "w/s/t/c.txt", "w/s/t/skip.bin", "w/s2/d.txt"})

@@ -369,8 +369,8 @@ TEST_F(MessageTextTest, RegistrationLoadsOnceInTheUsersLanguage) {
     EXPECT_EQ(RegisterXferDLL(), 0);
 }
 
-// The registered component path is cut at its last '\\' or '/', whichever
-// comes last, as a Windows registry writes it with '\\'.
+// The registered component path is cut at its last '\' or '/', whichever
+// comes last, as a Windows registry writes it with '\'.
 TEST_F(MessageTextTest, TheRegisteredPathIsCutAtItsLastSeparatorOfEitherKind) {
     reg_.Locale("HKLM avail=deu");
     UseLanguage(reg_.env, "de_DE.UTF-8");
