@@ -1,7 +1,8 @@
 // Directory search: first/next/close over one folder with the Windows
 // wildcard rules ('*' any run, '?' one character, "*.*" every name, a
-// trailing ".*" also matching names without a dot).  Matching is
-// case-sensitive, as the local file system is.
+// trailing ".*" also matching names without a dot).  Matching follows the
+// local file system: case-sensitive on POSIX systems, without regard to
+// ASCII case on Windows.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -22,8 +23,8 @@ using FindHandle = FindSearch *;
 // `pattern` is folder + name pattern; the folder part ends at the last '/'
 // or '\' and a pattern without either searches the current folder.  "."
 // and ".." are reported like any entry.  A name part without wildcards
-// looks up that one entry.  Returns nullptr when nothing matches or the folder cannot be read
-// (an empty name part matches nothing).
+// looks up that one entry.  Returns nullptr when nothing matches or the
+// folder cannot be read (an empty name part matches nothing).
 FindHandle FindFirst(const char *pattern, FindData &out);
 // The next matching entry; false at the end (the handle stays valid until
 // FindClose).

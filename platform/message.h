@@ -30,6 +30,8 @@ bool WaitForNewInput(uint32_t timeoutMs);
 
 // True when the calling thread's waits watch at least one descriptor
 // (ZvWatchFd): then a wait ends as soon as the host's line has bytes.
+// Always true on Windows, where waits end on messages and a host's reader
+// posts or sends one when bytes arrive: there is nothing left to watch.
 bool WatchesAnyFd();
 
 // Keyboard translation has no meaning here; kept so call sites read alike.

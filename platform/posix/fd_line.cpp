@@ -488,4 +488,13 @@ ZVXFER_EXTERN void ZvLineClose(ZvLine *line) ZVXFER_NOEXCEPT try {
 } catch (...) {
 }
 
+// A port on a line host's window; the port's user data is the line, which
+// the host's hooks may use to reach it (the field stays the host's).
+ZVXFER_EXTERN XferPort *ZvLinePort(ZvLine *line, const char *receiveFolder,
+                                   int32_t existingFilePolicy) ZVXFER_NOEXCEPT {
+    const ZvHwnd window = ZvLineWindow(line);
+    if (window == nullptr) return nullptr;
+    return PortOpen(reinterpret_cast<uintptr_t>(line), window, receiveFolder, existingFilePolicy);
+}
+
 } // extern "C"

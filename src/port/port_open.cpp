@@ -85,12 +85,3 @@ extern "C" ZVXFER_EXTERN XferPort *PortOpen(uintptr_t userData, ZvHwnd window,
 } catch (...) {
     return nullptr;
 }
-
-// A port on a line host's window; the port's user data is the line, which
-// the host's hooks may use to reach it (the field stays the host's).
-extern "C" ZVXFER_EXTERN XferPort *ZvLinePort(ZvLine *line, const char *receiveFolder,
-                                              int32_t existingFilePolicy) ZVXFER_NOEXCEPT {
-    const ZvHwnd window = ZvLineWindow(line);
-    if (window == nullptr) return nullptr;
-    return PortOpen(reinterpret_cast<uintptr_t>(line), window, receiveFolder, existingFilePolicy);
-}

@@ -5,9 +5,6 @@
 // with nothing sent.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-
-#include <cerrno>
 #include <cstdlib>
 #include <new>
 #include <stdexcept>
@@ -15,6 +12,7 @@
 #include <vector>
 
 #include "garbage_feed.h"
+#include "system_files.h"
 #include "zvxfer.h"
 
 namespace {
@@ -80,10 +78,6 @@ int32_t CountProgress(XferRecord *) {
     return 0;
 }
 
-bool IsOpen(XferFile file) {
-    return fcntl(static_cast<int>(file), F_GETFD) != -1 || errno != EBADF;
-}
-
 TEST_F(Boundary, AnExceptionInsideATransferEndsItAndBecomesACode) {
     const std::string source = tree.File("source.bin", std::string(300, 'a'));
     const struct {
@@ -109,7 +103,7 @@ TEST_F(Boundary, AnExceptionInsideATransferEndsItAndBecomesACode) {
                 : XmodemReceiveWithOptions(port, target.data(), nullptr, ThrowOnceOpen, XferOptEnd);
         EXPECT_EQ(result, c.expected);
         ASSERT_NE(g_file, XFER_INVALID_FILE) << "the file was opened";
-        EXPECT_FALSE(IsOpen(g_file)) << "and closed again";
+        EXPECT_FALSE(test::HandleIsOpen(g_file)) << "and closed again";
         EXPECT_TRUE(test::EndsWithCancel(host.Written())) << "ended like a failed transfer";
     }
 }

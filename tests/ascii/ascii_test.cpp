@@ -2,7 +2,6 @@
 // (the library's waits pass time at once, so delays and the idle time-out
 // are met to the millisecond), through both entries and the generic ones,
 // and over the link simulator both ways.
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -13,6 +12,7 @@
 #include "fake_clock.h"
 #include "link_files.h"
 #include "link_pair.h"
+#include "system_files.h"
 #include "temp_tree.h"
 #include "test_host.h"
 #include "turns.h"
@@ -183,7 +183,7 @@ TEST_F(AsciiTest, FilesFollowOneAnotherAndNoneMatchingIsRefused) {
     // A file that opens but cannot be read fails the transfer: it is not
     // taken for an empty file with the next one sent after it.
     port_->Hooks->FileOpenFunction = [](XferRecord *, const char *, const char *) -> XferFile {
-        return open("/dev/null", O_WRONLY | O_CLOEXEC);
+        return test::OpenNullDevice(true);
     };
     EXPECT_EQ(Send(names, 0, 0), -607);
     EXPECT_EQ(host_.WrittenString(), "");
@@ -361,7 +361,7 @@ TEST_F(AsciiTest, CaptureFailuresKeepTheOldFile) {
     EXPECT_EQ(FileText(name), "old");
 
     port_->Hooks->FileOpenFunction = [](XferRecord *, const char *, const char *) -> XferFile {
-        return open("/dev/null", O_RDONLY | O_CLOEXEC);
+        return test::OpenNullDevice(false);
     };
     host_.Receive("new");
     EXPECT_EQ(Capture(), -607);

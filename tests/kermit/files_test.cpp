@@ -1,16 +1,16 @@
 // The Kermit engine's local files and names: reading a file to send (text
 // mode's line ends, the position count), the output file beneath the receive
-// folder (created without following links, removed when discarded), the
-// name a file is sent under, the local name of a received one, and the
-// numbered backups that move an older file aside.
+// folder (removed when discarded), the name a file is sent under, the local
+// name of a received one, and the numbered backups that move an older file
+// aside.  Pipes and links: links_and_pipes_test.cpp.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <memory>
 #include <set>
 #include <string>
-#include <sys/stat.h>
 
+#include "files_bench.h"
 #include "kermit/engine.h"
 #include "link_files.h"
 #include "platform/file.h"
@@ -20,21 +20,6 @@ namespace zvxfer::kermit {
 namespace {
 
 namespace fs = std::filesystem;
-
-struct Bench {
-    explicit Bench(std::string folder) : folderText(std::move(folder)) {
-        port.ReceiveFolder = folderText.c_str();
-        record.Port = &port;
-        record.Protocol = Kermit;
-        engine->record = &record;
-    }
-    KermitEngine &operator*() { return *engine; }
-    KermitEngine *operator->() { return engine.get(); }
-    std::string folderText;
-    XferPort port{};
-    XferRecord record{};
-    std::unique_ptr<KermitEngine> engine = std::make_unique<KermitEngine>();
-};
 
 // Every byte zgetc gives for the file, until its end.
 std::string ReadAll(KermitEngine &e) {
@@ -105,26 +90,6 @@ TEST(KermitFiles, AReadErrorIsReportedWhenTheFileIsClosed) {
     }
 }
 
-TEST(KermitFiles, OnlyReadableRegularFilesAreOpenedForSending) {
-    test::TempTree tree;
-    const std::string file = tree.File("f", "12345");
-    const std::string folder = tree.Path("sub");
-    fs::create_directories(folder);
-    const std::string fifo = tree.Path("fifo");
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    Bench b("");
-    EXPECT_EQ(b->zchki(file.c_str()), 5);
-    EXPECT_EQ(b->zchki(folder.c_str()), -2);
-    EXPECT_EQ(b->zchki(fifo.c_str()), -2);
-    EXPECT_EQ(b->zchki(tree.Path("missing").c_str()), -1);
-
-    // A folder given as a file to send is refused without opening anything
-    // (a pipe the same way, so nothing waits for a writer).
-    EXPECT_EQ(b->zopeni(folder.c_str()), -2);
-    EXPECT_EQ(b->zopeni(fifo.c_str()), -2);
-    EXPECT_EQ(b->inputFile, XFER_INVALID_FILE);
-}
-
 // Opens `name` for receiving, writes `content` and closes it.
 int Receive(KermitEngine &e, const char *name, const std::string &content, int discard) {
     if (e.zopeno(name) != 0) return -1;
@@ -166,20 +131,6 @@ TEST(KermitFiles, OutputFilesAreKeptWhenCompleteAndRemovedWhenDiscarded) {
     EXPECT_EQ(b->inputFile, XFER_INVALID_FILE);
     EXPECT_FALSE(fs::exists(tree.Path("in/cut")));
     EXPECT_EQ(b->zputc('x'), -1) << "nothing open";
-}
-
-TEST(KermitFiles, OutputNeverFollowsALinkNorLeavesTheFolder) {
-    test::TempTree tree;
-    fs::create_directories(tree.Path("in"));
-    tree.File("target", "outside");
-    fs::create_symlink(tree.Path("target"), tree.Path("in/link"));
-    Bench b(tree.Path("in/"));
-
-    EXPECT_EQ(b->zopeno("link"), -1);
-    EXPECT_EQ(test::FileText(tree.Path("target")), "outside");
-    for (const char *escape : {"../escaped", "sub/../../escaped", ".", ".."})
-        EXPECT_EQ(b->zopeno(escape), -1) << escape;
-    EXPECT_FALSE(fs::exists(tree.Path("escaped")));
 }
 
 // ---- names ------------------------------------------------------------
@@ -301,32 +252,6 @@ TEST(KermitNames, BackupsTakeTheFirstFreeNumberOnTheBaseName) {
                 EXPECT_EQ(test::FileText(tree.Path("in/" + c.movedTo)), "old " + c.name);
             }
         }
-}
-
-TEST(KermitNames, BackupsStayInTheReceiveFolderAndNeverMoveFoldersOrFollowLinks) {
-    test::TempTree tree;
-    tree.File("in/sub/keep", "folder content");
-    tree.File("target", "outside");
-    fs::create_symlink(tree.Path("target"), tree.Path("in/link"));
-    tree.File("log", "beside the folder");
-    Bench b(tree.Path("in/"));
-
-    EXPECT_EQ(b->zbackup("sub"), 0);
-    EXPECT_TRUE(fs::is_directory(tree.Path("in/sub"))) << "a folder is never moved";
-    EXPECT_EQ(b->zbackup("log"), 0);
-    EXPECT_FALSE(fs::exists(tree.Path("log.~1~"))) << "only the receive folder is looked at";
-
-    // A link is moved as a link; what it points at is left alone.
-    EXPECT_EQ(b->zbackup("link"), 0);
-    EXPECT_TRUE(fs::is_symlink(tree.Path("in/link.~1~")));
-    EXPECT_FALSE(fs::exists(fs::symlink_status(tree.Path("in/link"))));
-    EXPECT_EQ(test::FileText(tree.Path("target")), "outside");
-    EXPECT_FALSE(fs::exists(tree.Path("target.~1~")));
-
-    // A dangling link is in the way like any other entry.
-    fs::create_symlink(tree.Path("nowhere"), tree.Path("in/dangling"));
-    EXPECT_EQ(b->zbackup("dangling"), 0);
-    EXPECT_TRUE(fs::is_symlink(tree.Path("in/dangling.~1~")));
 }
 
 } // namespace

@@ -1,11 +1,10 @@
 // A host's mistakes the library sees cheaply: read-only send names are
 // refused with -7 before anything happens, a receive folder that looks
-// wrong and reads on a thread that watches no descriptor are traced while
-// the behaviour stays as it was.
+// wrong is traced while the behaviour stays as it was.  (Reads on a thread
+// that watches no descriptor: unwatched_reads_test.cpp.)
 #include <gtest/gtest.h>
 
 #include <string>
-#include <unistd.h>
 
 #include "fake_clock.h"
 #include "platform/probe.h"
@@ -119,43 +118,6 @@ TEST_F(ReceiveFolder, LikelyMistakesAreTracedAndKept) {
             EXPECT_EQ(Count(c.traced), 1) << gTrace;
         port->Ops.PortClose(port);
     }
-}
-
-using UnwatchedReads = Traced;
-
-// A receiver that finds nothing to read on a thread that watches no
-// descriptor is traced once per transfer (port reads and Kermit's own);
-// once a descriptor is watched, never.  The sleepless clock passes the
-// receivers' time-outs at once.
-TEST_F(UnwatchedReads, TracedOncePerTransfer) {
-    const char *const note = "no descriptor is watched";
-    test::FakeClock clock(test::FakeClock::kSleepless);
-    test::TempTree tree;
-    test::TestHost host;
-    XferPort *port = PortOpen(0, host.Window(), "", XFER_EXISTING_OVERWRITE);
-    auto receive = [&](int32_t protocol) {
-        char name[XFER_PATH_MAX];
-        snprintf(name, sizeof name, "%s", tree.Path("in.bin").c_str());
-        return CLFileReceive(port, protocol, name, 0, CLSetFileTransferOptions(nullptr), nullptr,
-                             nullptr);
-    };
-    EXPECT_LT(receive(Xmodem), 0);
-    EXPECT_EQ(Count(note), 1);
-    EXPECT_LT(receive(Xmodem), 0);
-    EXPECT_EQ(Count(note), 2);
-    receive(Kermit); // returns 0 whatever the outcome
-    EXPECT_EQ(Count(note), 3);
-
-    int p[2];
-    ASSERT_EQ(pipe(p), 0);
-    ASSERT_EQ(ZvWatchFd(p[0], ZV_FD_READ), 0);
-    EXPECT_LT(receive(Xmodem), 0);
-    receive(Kermit);
-    EXPECT_EQ(Count(note), 3);
-    ZvUnwatchFd(p[0]);
-    close(p[0]);
-    close(p[1]);
-    port->Ops.PortClose(port);
 }
 
 } // namespace

@@ -7,7 +7,6 @@
 // over the link simulator, clean and noisy.
 #include <algorithm>
 #include <climits>
-#include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -20,6 +19,7 @@
 #include "link_files.h"
 #include "link_pair.h"
 #include "status_log.h"
+#include "system_files.h"
 #include "temp_tree.h"
 #include "test_host.h"
 #include "turns.h"
@@ -66,8 +66,7 @@ Bytes ReadFile(const std::string &path) {
 void WriteFile(const std::string &path, const Bytes &data, time_t mtime = 0) {
     std::ofstream(path, std::ios::binary)
         .write(reinterpret_cast<const char *>(data.data()), static_cast<long>(data.size()));
-    const struct timespec times[2] = {{mtime, 0}, {mtime, 0}};
-    if (mtime != 0) utimensat(AT_FDCWD, path.c_str(), times, 0);
+    if (mtime != 0) test::SetModTime(path, mtime);
 }
 
 // CRC-16/XMODEM one bit at a time, without the table the library uses.
@@ -359,7 +358,7 @@ class Scripted : public ::testing::Test {
 using Entry = int32_t (*)(XferPort *, char *, XferStatusFn, XferProgressFn, ...);
 
 XferFile OpenUnwritable(XferRecord *, const char *, const char *) {
-    return open("/dev/null", O_RDONLY | O_CLOEXEC);
+    return test::OpenNullDevice(false);
 }
 
 // Both directions against a scripted peer: the start character by option

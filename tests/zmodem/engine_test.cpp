@@ -7,12 +7,12 @@
 // moves on every tick read, so minutes of such a line pass in a few seconds.
 #include <climits>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sys/stat.h>
 
 #include "garbage_feed.h"
+#include "system_files.h"
 #include "zm_wire.h"
 
 namespace zvxfer::zm {
@@ -152,8 +152,7 @@ class ZmodemSender : public ZmodemScripted {
     void Prepare(std::size_t size, uint8_t flags) {
         const Bytes file = Pattern(size);
         const std::string path = tree_.File("f.bin", std::string(file.begin(), file.end()));
-        const struct timespec times[2] = {{1700000000, 0}, {1700000000, 0}};
-        EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+        EXPECT_TRUE(test::SetModTime(path, 1700000000));
         size_ = static_cast<int32_t>(size);
         flags_ = flags;
         peer_.On(Hex(zm::ZRQINIT), Hex(zm::ZRINIT, flags << 24));

@@ -2,12 +2,12 @@
 // every window mode, and noisy, lossy and stalling lines where every run
 // must end with the exact files or a defined failure, never a wrong file
 // reported good.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include "link_files.h"
 #include "link_pair.h"
+#include "system_files.h"
 #include "temp_tree.h"
 #include "turns.h"
 
@@ -30,8 +30,7 @@ Outcome Transfer(const Batch &batch, host::LinkConfig config, std::vector<int32_
     for (std::size_t i = 0; i < batch.size(); ++i) {
         const std::string path =
             tree.File("out/" + std::to_string(i), std::string(batch[i].begin(), batch[i].end()));
-        const struct timespec times[2] = {{kTime, 0}, {kTime, 0}};
-        utimensat(AT_FDCWD, path.c_str(), times, 0);
+        test::SetModTime(path, kTime);
         names += "\"" + path + "\"";
     }
     config.b.receiveFolder = tree.Dir("in") + "/";
