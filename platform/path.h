@@ -4,7 +4,6 @@
 // Pure text functions: nothing here touches the file system.
 #pragma once
 #include <cstddef>
-#include <cstring>
 #include <string_view>
 
 namespace zvxfer::plat {

@@ -101,8 +101,9 @@ char *BareName(char *name);
 // bare name (BareName) without a leading drive ("x\C:y" gives "y", which
 // on Windows would name drive C's current folder); with it the components
 // between '/' and '\', with a leading drive ("C:") and the components "",
-// "." and ".." dropped, joined with '/'.  A final name that is empty becomes "unnamed", "." becomes
-// "_" and ".." becomes "__".  So the result is never absolute and never climbs.
+// "." and ".." dropped, joined with '/'.  A final name that is empty
+// becomes "unnamed", "." becomes "_" and ".." becomes "__".  So the result
+// is never absolute and never climbs.
 std::string MapReceivedName(std::string_view received, bool fullPath, std::size_t room);
 
 // The local name for a name received from the other side, into `out` (at
