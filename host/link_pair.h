@@ -81,6 +81,18 @@ class LinkPair {
   private:
     friend class LinkEnd;
     int32_t RunEnd(int index, const EndFunction &function);
+    // Wake the end that reads `direction` (bytes went onto it, or it hung
+    // up), the end that sends on it (the receiver made room), and note that
+    // the reader has taken what was there; `end` is about to look at the
+    // line (to read or to write).
+    void WakeReader(int direction);
+    void WakeSender(int direction);
+    void DataTaken(int direction);
+    void Looking(int end);
+#ifdef _WIN32
+    void Wake(int end);
+    std::array<std::atomic<bool>, 2> wakePosted_{}; // per end: a wake message is on its way
+#endif
 
     LinkConfig config_;
     std::array<std::unique_ptr<SimLine>, 2> lines_;

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Cross-build the Windows DLLs and run the x86_64 test suite under wine.
-#   scripts/test-windows.sh            build-win64/ (and build-win32/ when
-#                                      scripts/build-windows.sh builds it)
+#   scripts/test-windows.sh            build-win32/ (the DLL) and build-win64/
+#                                      (the DLL and the suite)
 #   scripts/test-windows.sh -R REGEX   only the tests matching REGEX
 # Installs what it needs (mingw-w64, wine, GoogleTest's source package),
 # cross-builds GoogleTest once into build-win64/googletest, runs every test in
@@ -46,12 +46,12 @@ cleanup() {
   rm -rf "$WINEPREFIX"
 }
 trap cleanup EXIT
+# One wineserver for the whole run instead of one per test program.
+wineserver -p
 "$wine64" wineboot --init >/dev/null 2>&1
 # Windows without a display: the null graphics driver lets the tests make
 # real top-level windows (message-only windows need no driver at all).
 "$wine64" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null
-# Keep one wineserver for the whole run instead of one per test program.
-wineserver -p
 
 # --- GoogleTest for the cross compiler, once ---------------------------------
 gtest_root=$build/googletest/install
@@ -63,15 +63,13 @@ if [ ! -f "$gtest_root/lib/cmake/GTest/GTestConfig.cmake" ]; then
   cmake --install "$build/googletest/build" >/dev/null
 fi
 
-# --- the DLLs, then the test programs in the x86_64 tree --------------------
-if [ -x scripts/build-windows.sh ]; then
-  scripts/build-windows.sh
-fi
-cmake -S . -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
-  -DCMAKE_BUILD_TYPE=Release -DZVXFER_WERROR=ON -DZVXFER_BUILD_CLI=OFF \
+# --- both DLLs (checked by scripts/check-windows-dll.sh), then the x86_64
+# tree again with the test programs; their test lists are read through wine
+# as they are built, hence the prefix first.
+scripts/build-windows.sh i686
+ZVXFER_WIN_TARGETS=all scripts/build-windows.sh x86_64 -- \
   -DZVXFER_BUILD_TESTS=ON -DGTest_DIR="$gtest_root/lib/cmake/GTest" \
-  -DCMAKE_CROSSCOMPILING_EMULATOR="$wine64" >/dev/null
-cmake --build "$build" -j2
+  -DCMAKE_CROSSCOMPILING_EMULATOR="$wine64"
 # The component key names build-win64\bin\zvxfer.dll with backslashes.
 cmake --build "$build" --target zvxfer_register
 

@@ -4,9 +4,6 @@
 // generic entries' option block, the result texts and the protocol table.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -25,6 +22,7 @@
 #include "platform/heap.h"
 #include "port/port.h"
 #include "status_log.h"
+#include "system_files.h"
 #include "temp_tree.h"
 #include "test_host.h"
 
@@ -344,9 +342,8 @@ TEST_F(CoreRecord, ExistingFilePoliciesLoseNothingAndCloseWritesWhatWasGathered)
             // the new one is complete.
             EXPECT_EQ(FileText(name), i == 0 ? old : data.substr(0, 65536));
             XferCloseFile(&record);
-            struct stat st {};
-            EXPECT_TRUE(FileText(name) == data && ::stat(name.c_str(), &st) == 0 &&
-                        st.st_mtime == -86400);
+            int64_t time = 0;
+            EXPECT_TRUE(FileText(name) == data && test::ModTime(name, time) && time == -86400);
         }
         EXPECT_TRUE(record.File == XFER_INVALID_FILE && FileText(path) == (i == 0 ? data : old))
             << "closed; overwrite replaced the old file";

@@ -1,5 +1,8 @@
 #include "system_files.h"
 
+#include <filesystem>
+#include <system_error>
+
 #ifdef _WIN32
 #include <windows.h>
 #else
@@ -36,6 +39,17 @@ bool SetModTime(const std::string &path, int64_t unixSeconds) {
     return ok;
 }
 
+bool ModTime(const std::string &path, int64_t &unixSeconds) {
+    WIN32_FILE_ATTRIBUTE_DATA data;
+    if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data)) return false;
+    const uint64_t ticks = (static_cast<uint64_t>(data.ftLastWriteTime.dwHighDateTime) << 32) |
+                           data.ftLastWriteTime.dwLowDateTime;
+    // Whole seconds, rounded down also before 1970.
+    const int64_t since1601 = static_cast<int64_t>(ticks / 10000000ULL);
+    unixSeconds = since1601 - 11644473600LL;
+    return true;
+}
+
 #else
 
 XferFile OpenNullDevice(bool forWriting) {
@@ -52,6 +66,19 @@ bool SetModTime(const std::string &path, int64_t unixSeconds) {
     return utimensat(AT_FDCWD, path.c_str(), times, 0) == 0;
 }
 
+bool ModTime(const std::string &path, int64_t &unixSeconds) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) return false;
+    unixSeconds = st.st_mtime;
+    return true;
+}
+
 #endif
+
+bool MakeSymlink(const std::string &target, const std::string &link) {
+    std::error_code error;
+    std::filesystem::create_symlink(target, link, error);
+    return !error;
+}
 
 } // namespace zvxfer::test

@@ -21,4 +21,12 @@ bool HandleIsOpen(XferFile file);
 // Set the modification (and access) time of `path` to `unixSeconds`.
 bool SetModTime(const std::string &path, int64_t unixSeconds);
 
+// The modification time of `path` in seconds since 1970 (times before 1970
+// included), or false when it cannot be read.
+bool ModTime(const std::string &path, int64_t &unixSeconds);
+
+// Make `link` a symbolic link to `target`; false where the system lets this
+// process make none (Windows without the privilege, wine).
+bool MakeSymlink(const std::string &target, const std::string &link);
+
 } // namespace zvxfer::test

@@ -56,7 +56,10 @@ class CatalogueResources : public ::testing::Test {
   protected:
     void SetUp() override {
         source_ = FromEnvironment("ZVXFER_SOURCE_DIR") / "catalogues";
-        bin_ = FromEnvironment("ZVXFER_BINARY_DIR") / "bin";
+        // The test program's own folder: bin/, beside the catalogues.
+        char self[MAX_PATH] = "";
+        GetModuleFileNameA(nullptr, self, sizeof self);
+        bin_ = fs::path(self).parent_path();
         ASSERT_TRUE(fs::is_directory(source_)) << "run through ctest";
     }
     fs::path source_, bin_;

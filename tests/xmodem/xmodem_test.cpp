@@ -9,7 +9,6 @@
 #include <climits>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <tuple>
 
 #include "core/crc16.h"
@@ -499,9 +498,9 @@ TEST_F(Scripted, YmodemBatchBothWays) {
     EXPECT_EQ(YmodemReceiveWithOptions(port_, nullptr, nullptr, 0), 1);
     EXPECT_EQ(host_.Written(), answers);
     EXPECT_EQ(ReadFile(tree_.Path("inreport.txt")), data) << "cut to the announced size";
-    struct stat st {};
-    ASSERT_EQ(stat(tree_.Path("inreport.txt").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mtime, 1600000000);
+    int64_t time = 0;
+    ASSERT_TRUE(test::ModTime(tree_.Path("inreport.txt"), time));
+    EXPECT_EQ(time, 1600000000);
 }
 
 constexpr struct Variant {
@@ -528,9 +527,9 @@ host::LinkResult Transfer(const Variant &v, host::LinkConfig config, const Bytes
         [&](XferPort *p) { return CLFileSend(p, v.protocol, names.data(), 0, 0, o(), 0, 0); },
         [&](XferPort *p) { return CLFileReceive(p, v.protocol, name.data(), 0, o(), 0, 0); });
     Bytes copy = ReadFile(target);
-    struct stat st {};
+    int64_t time = 0;
     if (v.protocol == Ymodem)
-        ok = copy == data && stat(target.c_str(), &st) == 0 && st.st_mtime == 1500000000;
+        ok = copy == data && test::ModTime(target, time) && time == 1500000000;
     else
         ok = copy.size() >= data.size() && copy.size() < data.size() + 1024 &&
              copy == Cat({data, Bytes(copy.size() - data.size(), 0)});

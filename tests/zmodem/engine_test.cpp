@@ -9,7 +9,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sys/stat.h>
 
 #include "garbage_feed.h"
 #include "system_files.h"
@@ -32,8 +31,8 @@ class ZmodemReceiver : public ZmodemScripted {
         return Bytes(std::istreambuf_iterator<char>(in), {});
     }
     long Time(const std::string &name) {
-        struct stat st {};
-        return stat(tree_.Path(name).c_str(), &st) == 0 ? st.st_mtime : -1;
+        int64_t time = 0;
+        return test::ModTime(tree_.Path(name), time) ? static_cast<long>(time) : -1;
     }
 };
 

@@ -3,7 +3,6 @@
 // must end with the exact files or a defined failure, never a wrong file
 // reported good.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include "link_files.h"
 #include "link_pair.h"
@@ -44,10 +43,10 @@ Outcome Transfer(const Batch &batch, host::LinkConfig config, std::vector<int32_
         [&](XferPort *port) { return ZmodemReceiveWithOptions(port, nullptr, nullptr, 0); });
     for (std::size_t i = 0; i < batch.size(); ++i) {
         const std::string copy = tree.Path("in/" + std::to_string(i));
-        struct stat st {};
-        if (stat(copy.c_str(), &st) != 0 || ReadFileBytes(copy) != batch[i]) continue;
+        int64_t time = 0;
+        if (!test::ModTime(copy, time) || ReadFileBytes(copy) != batch[i]) continue;
         ++run.exact;
-        run.timesKept += st.st_mtime == kTime;
+        run.timesKept += time == kTime;
     }
     return run;
 }
