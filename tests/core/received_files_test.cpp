@@ -153,7 +153,7 @@ using test::FileText;
 std::vector<std::string> Tree(const std::string &root) {
     std::vector<std::string> names;
     for (const auto &e : fs::recursive_directory_iterator(root))
-        names.push_back(fs::relative(e.path(), root).string());
+        names.push_back(fs::relative(e.path(), root).generic_string());
     std::sort(names.begin(), names.end());
     return names;
 }
