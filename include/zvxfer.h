@@ -152,12 +152,13 @@ extern "C" {
  *   the calling thread's message queue, so a host wakes a waiting transfer
  *   by posting (PostMessageA) or sending a message to a window of that
  *   thread when bytes arrive;
- * - gets the library's debug lines through OutputDebugStringA, and reads
- *   the catalogue's texts with LoadStringA on zvui32*.nls (ZvMessageText
- *   and ZvSetDebugOutput are Linux calls).
+ * - reads the library's debug lines in a debugger (OutputDebugStringA) or
+ *   the file ZVXFER_DEBUG names, and the catalogue's texts with
+ *   LoadStringA on zvui32*.nls.
  * The ZvLine host (file descriptors) exists on Linux only.  The other Zv
- * calls are found in the static library on Windows too, as thin wrappers
- * over real windows, so that one test host serves both systems.
+ * calls are in the static library on Windows too (the windows as thin
+ * wrappers over real ones, ZvWatchFd refused), so that one test host
+ * serves both systems; zvxfer.dll exports none of them.
  */
 
 /** Host window handle: the system's HWND on Windows (the same type as
@@ -269,7 +270,8 @@ ZVXFER_HOST_EXTERN int ZvWaitMessage(uint32_t timeoutMs) ZVXFER_NOEXCEPT;
  * its events.  Returns 0, or -1 when the table is full (64 per thread).
  * A host that answers PORT_READ from a descriptor must watch it on the
  * thread that runs the transfers, or every wait for bytes sleeps its whole
- * round (see "Traps"); ZvLineOpen does this for its line.
+ * round (see "Traps"); ZvLineOpen does this for its line.  On Windows it
+ * returns -1: a host wakes a waiting transfer by posting a message to it.
  */
 ZVXFER_HOST_EXTERN int ZvWatchFd(int fd, int events) ZVXFER_NOEXCEPT;
 
@@ -297,7 +299,9 @@ ZVXFER_HOST_EXTERN void ZvRemoveWaitPrepare(ZvPrepareFn fn, void *context) ZVXFE
  * NULL restores the default: the file named by the environment variable
  * ZVXFER_DEBUG ("stderr" allowed), or nothing when it is unset.  The sink
  * is called on whichever thread writes a line (make it thread-safe); the
- * text is valid during the call only.  Any thread, process-wide.
+ * text is valid during the call only.  Any thread, process-wide.  Not in
+ * zvxfer.dll, which writes its lines to the file ZVXFER_DEBUG names or
+ * else to an attached debugger (OutputDebugStringA).
  */
 ZVXFER_HOST_EXTERN void ZvSetDebugOutput(void (*sink)(const char *text)) ZVXFER_NOEXCEPT;
 
@@ -627,7 +631,7 @@ ZVXFER_EXTERN void SetXferFileOpenFunctionPtr(XferFileOpenFn fileOpen) ZVXFER_NO
 
 /*
  * The library's own host for a connection on file descriptors: a C host
- * needs no window procedure of its own.
+ * needs no window procedure of its own.  Linux only.
  *
  *     ZvLine *line = ZvLineOpen(fd, fd, NULL);
  *     XferPort *port = ZvLinePort(line, "./", XFER_EXISTING_RENAME);
@@ -835,7 +839,9 @@ ZVXFER_EXTERN int32_t RegisterXferDLL(void) ZVXFER_NOEXCEPT;
  * cut to `size` - 1 bytes), so that a host can show the library's words in
  * the same language as its status lines.
  * @return the length copied, or -1 (and an empty buffer when there is one)
- * when the loaded catalogue has no usable text for that number.
+ * when the loaded catalogue has no usable text for that number.  Not in
+ * zvxfer.dll: a Windows host loads zvui32.<code>.nls (LoadLibraryExA with
+ * LOAD_LIBRARY_AS_DATAFILE) and reads the number with LoadStringA.
  */
 ZVXFER_HOST_EXTERN int32_t ZvMessageText(int32_t number, char *buffer, size_t size) ZVXFER_NOEXCEPT;
 

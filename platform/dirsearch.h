@@ -21,11 +21,10 @@ struct FindSearch; // opaque
 using FindHandle = FindSearch *;
 
 // `pattern` is folder + name pattern; the folder part ends at the last '/'
-// (on Windows at the last '/' or '\') and a pattern without one searches
-// the current folder.  "." and ".." are
-// reported like any entry.  A name part without wildcards looks up that one
-// entry.  Returns nullptr when nothing matches or the folder cannot be read
-// (an empty name part matches nothing).
+// or '\' and a pattern without either searches the current folder.  "."
+// and ".." are reported like any entry.  A name part without wildcards
+// looks up that one entry.  Returns nullptr when nothing matches or the
+// folder cannot be read (an empty name part matches nothing).
 FindHandle FindFirst(const char *pattern, FindData &out);
 // The next matching entry; false at the end (the handle stays valid until
 // FindClose).

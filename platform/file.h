@@ -45,8 +45,9 @@ FileFacts FileStat(const char *path);
 enum class EntryKind { Missing, Directory, Symlink, Other };
 EntryKind FileEntryKind(const char *path);
 
-// Create `relative` (components separated by '/') for writing beneath the
-// folder `base` ("" is the current folder; `base` itself may be a link):
+// Create `relative` (components separated by '/' or '\') for writing
+// beneath the folder `base` ("" is the current folder; `base` itself may be
+// a link):
 //   - no symlink below `base` is followed; missing subfolders are created
 //     and each one must be a real folder;
 //   - a missing file is created exclusively (O_EXCL);

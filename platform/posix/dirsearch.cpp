@@ -1,6 +1,7 @@
 // Directory search over POSIX directories (opendir/readdir), with the
 // Windows wildcard rules applied to each entry name.
 #include "platform/dirsearch.h"
+#include "platform/posix/native_path.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -53,8 +54,10 @@ bool ReadMatch(FindSearch &search, FindData &out) {
 
 } // namespace
 
-FindHandle FindFirst(const char *pattern, FindData &out) {
-    if (pattern == nullptr) return nullptr;
+FindHandle FindFirst(const char *patternText, FindData &out) {
+    if (patternText == nullptr) return nullptr;
+    const std::string native = NativePath(patternText);
+    const char *pattern = native.c_str();
     std::string folder, name;
     SplitPattern(pattern, folder, name);
     if (name.empty()) return nullptr;

@@ -3,6 +3,7 @@
 // and status.
 #include "platform/file.h"
 #include "platform/posix/file_internal.h"
+#include "platform/posix/native_path.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -43,7 +44,7 @@ XferFile FileOpen(const char *path, FileAccess access, FileDisposition dispositi
         errno = EINVAL;
         return Fail(XFER_INVALID_FILE);
     }
-    const int fd = open(path, OpenFlags(access, disposition), 0666);
+    const int fd = open(NativePath(path).c_str(), OpenFlags(access, disposition), 0666);
     if (fd < 0) return Fail(XFER_INVALID_FILE);
     if (flock(fd, LOCK_EX | LOCK_NB) != 0 ||
         (disposition == FileDisposition::CreateAlways && ftruncate(fd, 0) != 0)) {
@@ -59,7 +60,7 @@ XferFile FileOpenShared(const char *path) {
         errno = EINVAL;
         return Fail(XFER_INVALID_FILE);
     }
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    const int fd = open(NativePath(path).c_str(), O_RDONLY | O_CLOEXEC);
     return fd < 0 ? Fail(XFER_INVALID_FILE) : fd;
 }
 
@@ -117,7 +118,7 @@ bool FileClose(XferFile file) {
 FileFacts FileStat(const char *path) {
     FileFacts facts;
     struct stat st {};
-    if (path == nullptr || stat(path, &st) != 0) {
+    if (path == nullptr || stat(NativePath(path).c_str(), &st) != 0) {
         if (path != nullptr) tLastError = errno;
         return facts;
     }
@@ -137,7 +138,7 @@ bool FileAccessible(const char *path, FileAccess access) {
     const int mode = access == FileAccess::Read    ? R_OK
                      : access == FileAccess::Write ? W_OK
                                                    : R_OK | W_OK;
-    return ::access(path, mode) == 0 || Fail(false);
+    return ::access(NativePath(path).c_str(), mode) == 0 || Fail(false);
 }
 
 bool FileRemove(const char *path) {
@@ -145,7 +146,7 @@ bool FileRemove(const char *path) {
         errno = EINVAL;
         return Fail(false);
     }
-    return unlink(path) == 0 || Fail(false);
+    return unlink(NativePath(path).c_str()) == 0 || Fail(false);
 }
 
 bool FileRename(const char *from, const char *to) {
@@ -153,7 +154,7 @@ bool FileRename(const char *from, const char *to) {
         errno = EINVAL;
         return Fail(false);
     }
-    return rename(from, to) == 0 || Fail(false);
+    return rename(NativePath(from).c_str(), NativePath(to).c_str()) == 0 || Fail(false);
 }
 
 int LastError() {

@@ -16,6 +16,7 @@
 
 #include "platform/file.h"
 #include "platform/posix/file_internal.h"
+#include "platform/posix/native_path.h"
 
 namespace zvxfer::plat {
 
@@ -167,11 +168,12 @@ void Release(Replacement &r) {
 // its missing subfolders made on the way (none followed through a link),
 // and that last component; -1 when the name is not acceptable or a folder
 // cannot be entered.
-int FolderOfLast(const char *base, const char *relative, std::string &name) {
-    if (base == nullptr || relative == nullptr) {
+int FolderOfLast(const char *baseText, const char *relativeText, std::string &name) {
+    if (baseText == nullptr || relativeText == nullptr) {
         errno = EINVAL;
         return -1;
     }
+    const std::string base = NativePath(baseText), relative = NativePath(relativeText);
     // The whole name is checked before any folder is made for it.
     for (std::string_view rest(relative);;) {
         const std::size_t slash = rest.find('/');
@@ -182,7 +184,7 @@ int FolderOfLast(const char *base, const char *relative, std::string &name) {
         if (slash == rest.npos) break;
         rest.remove_prefix(slash + 1);
     }
-    Fd folder(open(*base ? base : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Fd folder(open(!base.empty() ? base.c_str() : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder.Get() < 0) return -1;
     std::string_view rest(relative);
     for (std::size_t slash = rest.find('/'); slash != rest.npos; slash = rest.find('/')) {
@@ -263,7 +265,8 @@ void DropReplacement(int fd) {
 
 EntryKind FileEntryKind(const char *path) {
     struct stat st {};
-    if (path == nullptr || *path == '\0' || lstat(path, &st) != 0) return EntryKind::Missing;
+    if (path == nullptr || *path == '\0' || lstat(NativePath(path).c_str(), &st) != 0)
+        return EntryKind::Missing;
     if (S_ISLNK(st.st_mode)) return EntryKind::Symlink;
     return S_ISDIR(st.st_mode) ? EntryKind::Directory : EntryKind::Other;
 }

@@ -3,6 +3,7 @@
 // at a time without regard to case, because the localised names are built by
 // lower-casing a whole path.
 #include "platform/module.h"
+#include "platform/posix/native_path.h"
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -96,8 +97,9 @@ std::size_t CutAtCharacter(std::string_view text, std::size_t room) {
 
 } // namespace
 
-ModuleHandle LoadModule(const char *path) {
-    if (path == nullptr || *path == '\0') return nullptr;
+ModuleHandle LoadModule(const char *pathText) {
+    if (pathText == nullptr || *pathText == '\0') return nullptr;
+    const std::string path = NativePath(pathText);
     std::ifstream in(path);
     if (!in) {
         std::string resolved = ResolveIgnoringCase(path);

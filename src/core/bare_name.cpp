@@ -2,14 +2,13 @@
 #include <cstring>
 
 #include "core/core.h"
+#include "platform/path.h"
 
 namespace zvxfer {
 
 const char *BareName(const char *name) {
     if (name == nullptr) return nullptr;
-    const char *slash = std::strrchr(name, '/');
-    const char *backslash = std::strrchr(name, '\\');
-    const char *cut = slash > backslash ? slash : backslash;
+    const char *cut = plat::LastSeparator(name);
     if (cut == nullptr) cut = std::strrchr(name, ':');
     return cut != nullptr ? cut + 1 : name;
 }

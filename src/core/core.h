@@ -98,10 +98,12 @@ char *BareName(char *name);
 // A name from the line as a name relative to the receive folder, at most
 // `room` characters (cut, never inside a UTF-8 sequence).  A NUL ends it;
 // control bytes (0x01-0x1F, 0x7F) become '_'.  Without `fullPath` it is the
-// bare name (BareName); with it the components between '/' and '\', with a
-// leading drive ("C:") and the components "", "." and ".." dropped, joined
-// with '/'.  A final name that is empty becomes "unnamed", "." becomes "_"
-// and ".." becomes "__".  So the result is never absolute and never climbs.
+// bare name (BareName) without a leading drive ("x\C:y" gives "y", which
+// on Windows would name drive C's current folder); with it the components
+// between '/' and '\', with a leading drive ("C:") and the components "",
+// "." and ".." dropped, joined with '/'.  A final name that is empty
+// becomes "unnamed", "." becomes "_" and ".." becomes "__".  So the result
+// is never absolute and never climbs.
 std::string MapReceivedName(std::string_view received, bool fullPath, std::size_t room);
 
 // The local name for a name received from the other side, into `out` (at
@@ -113,7 +115,7 @@ std::string MapReceivedName(std::string_view received, bool fullPath, std::size_
 void XferReceivedName(XferRecord *r, const char *received, char *out, const char *strippedLabel);
 
 // Where the default file opener creates a received file: the folder `base`
-// (up to and including the last '/' of the receive folder text for names
+// (up to and including the last '/' or '\' of the receive folder text for names
 // from the line, of the name itself for names from the host; "" is the
 // current folder) and the part `rest` below it.  A name from the line must
 // start with the receive folder text.  False when it does not, or when

@@ -6,6 +6,7 @@
 #include "core/core.h"
 #include "platform/dirsearch.h"
 #include "platform/file.h"
+#include "platform/path.h"
 
 namespace zvxfer {
 
@@ -39,12 +40,12 @@ bool RaiseCounter(char &counter) {
 
 } // namespace
 
-// The local name's folder part ends at its last '/'; the rest is the file
-// part that gets the counter.
+// The local name's folder part ends at its last '/' or '\'; the rest is
+// the file part that gets the counter.
 bool XferFreeName(char *name, std::size_t size) {
     if (name == nullptr) return false;
     const std::string_view whole(name);
-    const std::size_t slash = whole.rfind('/');
+    const std::size_t slash = plat::LastSeparator(whole);
     const std::size_t fileStart = slash == whole.npos ? 0 : slash + 1;
     const std::string folder(whole.substr(0, fileStart));
     std::string file(whole.substr(fileStart));

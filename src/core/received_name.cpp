@@ -7,16 +7,13 @@
 #include "core/core.h"
 #include "core/protocol.h"
 #include "platform/file.h"
+#include "platform/path.h"
 
 namespace zvxfer {
 
 namespace {
 
 constexpr std::size_t kPathLimit = 255;
-
-bool IsSeparator(char c) {
-    return c == '/' || c == '\\';
-}
 
 // A final name that would name no file or a folder of its own.
 void FixFinalName(std::string &name) {
@@ -31,11 +28,6 @@ void FixFinalName(std::string &name) {
         name.replace(start, name.npos, "__");
 }
 
-bool IsDrive(std::string_view c) {
-    return c.size() >= 2 && c[1] == ':' &&
-           ((c[0] >= 'A' && c[0] <= 'Z') || (c[0] >= 'a' && c[0] <= 'z'));
-}
-
 } // namespace
 
 std::string MapReceivedName(std::string_view received, bool fullPath, std::size_t room) {
@@ -47,14 +39,18 @@ std::string MapReceivedName(std::string_view received, bool fullPath, std::size_
 
     std::string name;
     if (!fullPath) {
-        name = BareName(text.c_str());
+        // A last component that starts with a drive ("x\C:evil") would
+        // name that drive's current folder on Windows: the drive goes.
+        std::string_view bare = BareName(text.c_str());
+        if (plat::StartsWithDrive(bare)) bare.remove_prefix(2);
+        name = bare;
     } else {
         bool first = true;
         for (std::size_t at = 0; at <= text.size();) {
             std::size_t end = at;
-            while (end < text.size() && !IsSeparator(text[end])) ++end;
+            while (end < text.size() && !plat::IsPathSeparator(text[end])) ++end;
             std::string_view part = std::string_view(text).substr(at, end - at);
-            if (first && IsDrive(part)) part.remove_prefix(2);
+            if (first && plat::StartsWithDrive(part)) part.remove_prefix(2);
             first = false;
             if (!part.empty() && part != "." && part != "..") {
                 if (!name.empty()) name += '/';
@@ -107,14 +103,15 @@ bool XferReceivePlace(const XferRecord *r, const char *name, std::string &base, 
     } else {
         folder = whole; // the host named the file: its own folder part is the base
     }
-    const std::size_t slash = folder.rfind('/');
+    const std::size_t slash = plat::LastSeparator(folder);
     const std::size_t baseLength = slash == folder.npos ? 0 : slash + 1;
     base.assign(whole.substr(0, baseLength));
     rest.assign(whole.substr(baseLength));
 
-    if (rest.empty() || rest.front() == '/' || rest.back() == '/') return false;
+    if (rest.empty() || plat::IsPathSeparator(rest.front()) || plat::IsPathSeparator(rest.back()))
+        return false;
     for (std::size_t at = 0; at <= rest.size();) {
-        std::size_t end = rest.find('/', at);
+        std::size_t end = rest.find_first_of("/\\", at);
         if (end == rest.npos) end = rest.size();
         const std::string_view part = std::string_view(rest).substr(at, end - at);
         if (part.empty() || part == "." || part == "..") return false;

@@ -3,7 +3,8 @@
 // The list string holds names separated by double quotes; runs of quotes
 // and commas before a name are skipped, so "\"/a b/x.txt\",\"/d/*.bin\""
 // names two patterns while the unquoted a.txt,b.txt is one name.  Each name
-// is a folder part (up to its last '/') and a wildcard pattern; every file
+// is a folder part (up to its last '/' or '\') and a wildcard pattern
+// (subfolders are joined with the separator the name uses); every file
 // matching it comes out in directory order, then (with the subfolder flag)
 // the matches of each subfolder, depth first, at most 9 levels below the
 // named folder.  Folders, "." and ".." never come out as files.

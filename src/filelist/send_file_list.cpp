@@ -9,6 +9,7 @@
 #include "platform/dirsearch.h"
 #include "platform/file.h"
 #include "platform/heap.h"
+#include "platform/path.h"
 
 namespace zvxfer {
 
@@ -108,7 +109,7 @@ Step ParseName(ListState &s, XferRecord *record) {
     // Only a sending transfer reads on; the string's own NUL is never passed.
     s.position = record != nullptr && record->Sending == 1 && quoted ? p + 1 : p;
 
-    char *slash = std::strrchr(name, '/');
+    char *slash = plat::LastSeparator(name);
     const char *pattern = slash != nullptr ? slash + 1 : name;
     if (*pattern == '\0') return Step::ReturnEnd;
     const std::size_t folderLength = static_cast<std::size_t>(pattern - name);
@@ -189,9 +190,11 @@ Step NextSubfolder(ListState &s) {
 Step CheckSubfolder(ListState &s) {
     const plat::FindData &entry = s.entries[s.level];
     if (IsDots(entry.name) || entry.attributes != plat::kAttrDirectory) return Step::NextSubfolder;
-    // folder + name + "/" must fit the folder field; a deeper path is passed over.
+    // folder + name + separator must fit the folder field; a deeper path is
+    // passed over.  The subfolder joins with the separator the name uses.
     if (!Join(s.work, kListFieldMax, s.folder, entry.name.c_str())) return Step::NextSubfolder;
-    Join(s.folder, sizeof s.folder, s.work, "/");
+    const char separator[2] = {plat::SeparatorOf(s.folder), '\0'};
+    Join(s.folder, sizeof s.folder, s.work, separator);
     ++s.level;
     return Step::FirstMatch;
 }
@@ -200,8 +203,8 @@ Step LevelDone(ListState &s) {
     if (s.level == 0) return Step::ParseName;
     --s.level;
     std::size_t length = std::strlen(s.folder);
-    if (length > 0) s.folder[--length] = '\0'; // the final '/'
-    char *slash = std::strrchr(s.folder, '/');
+    if (length > 0) s.folder[--length] = '\0'; // the final separator
+    char *slash = plat::LastSeparator(s.folder);
     if (slash != nullptr)
         slash[1] = '\0';
     else

@@ -12,6 +12,7 @@
 #include "core/core.h"
 #include "kermit/engine.h"
 #include "platform/file.h"
+#include "platform/path.h"
 
 namespace zvxfer::kermit {
 
@@ -39,9 +40,9 @@ bool KermitEngine::receivePath(const char *name, char *out) {
         std::memcpy(out, folder, folderLength + 1);
         return true;
     }
-    // The name joins the text after the folder's last '/', so both count
-    // against one component.
-    const char *slash = std::strrchr(folder, '/');
+    // The name joins the text after the folder's last separator, so both
+    // count against one component.
+    const char *slash = plat::LastSeparator(folder);
     const std::size_t tail = slash != nullptr ? folderLength - (slash + 1 - folder) : folderLength;
     if (tail >= kComponentMax) return false;
     std::size_t room = kComponentMax - tail;
@@ -86,7 +87,7 @@ int KermitEngine::zchko(const char *name) {
     std::memcpy(tested, path, sizeof tested);
     if (x < 0) {
         // Missing or unreadable: whether the folder takes a new file.
-        char *slash = std::strrchr(tested, '/');
+        char *slash = plat::LastSeparator(tested);
         if (slash == nullptr)
             std::snprintf(tested, sizeof tested, ".");
         else

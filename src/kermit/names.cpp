@@ -7,6 +7,7 @@
 
 #include "kermit/engine.h"
 #include "platform/file.h"
+#include "platform/path.h"
 
 namespace zvxfer::kermit {
 
@@ -36,9 +37,7 @@ void KermitEngine::zltor(const char *name, char *out, int max) {
     if (out == nullptr || max <= 0) return;
 
     // Without its folder, unless it ends with a separator.
-    const char *last = nullptr;
-    for (const char *p = whole; *p; ++p)
-        if (*p == '\\' || *p == '/') last = p;
+    const char *last = plat::LastSeparator(whole);
     const char *np = last != nullptr && last[1] != '\0' ? last + 1 : whole;
     trace("zltor np %s\n", np);
 
@@ -110,7 +109,7 @@ int KermitEngine::zbackup(const char *name) {
 
     // The base is the name without an earlier backup suffix; the name's
     // first character is never taken for the suffix's dot.
-    const char *slash = std::strrchr(path, '/');
+    const char *slash = plat::LastSeparator(path);
     const std::size_t nameStart = slash != nullptr ? static_cast<std::size_t>(slash + 1 - path) : 0;
     char base[kPathSize];
     std::memcpy(base, path, length + 1);

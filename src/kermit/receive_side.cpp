@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "kermit/engine.h"
+#include "platform/path.h"
 
 namespace zvxfer::kermit {
 
@@ -18,12 +19,12 @@ int KermitEngine::rcvfil() {
     memorySink = nullptr;
     memorySinkRoom = 0;
 
-    // Only the last part of the name counts: the file stays in the receive
-    // folder whatever folders the peer names.
-    const char *slash = std::strrchr(filnam, '/');
-    const char *backslash = std::strrchr(filnam, '\\');
-    const char *cut = slash > backslash ? slash : backslash;
+    // Only the last part of the name counts, without a drive: the file stays
+    // in the receive folder whatever folders or drives the peer names.
+    const char *cut = plat::LastSeparator(filnam);
     if (cut != nullptr) std::memmove(filnam, cut + 1, std::strlen(cut + 1) + 1);
+    if (plat::StartsWithDrive(filnam))
+        std::memmove(filnam, filnam + 2, std::strlen(filnam + 2) + 1);
 
     char local[kNameSize];
     if (zlocal(filnam, local, 1, kPathSize) < 0) {

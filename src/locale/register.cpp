@@ -4,6 +4,7 @@
 
 #include "locale/locale.h"
 #include "locale/message_library.h"
+#include "platform/path.h"
 #include "platform/registry.h"
 #include "zvxfer.h"
 
@@ -25,9 +26,12 @@ bool ReadComponentPath(char *path, std::size_t size) {
 }
 
 // The catalogue's path: the registered file's folder plus the unlocalised
-// name; a registered name without a folder leaves the bare name.
+// name.  The folder ends at the last '\' or '/' and keeps it, so the name
+// joins with the separator the registered path uses ("C:\zv\x.dll" gives
+// "C:\zv\ZVUI32.nls"); a registered name without a folder leaves the bare
+// name.
 bool CataloguePath(char *path, std::size_t size) {
-    char *slash = std::strrchr(path, '/');
+    char *slash = plat::LastSeparator(path);
     std::size_t folder = slash != nullptr ? static_cast<std::size_t>(slash - path) + 1 : 0;
     std::size_t name = std::strlen(kCatalogueName);
     if (folder + name >= size) return false;

@@ -10,6 +10,7 @@
 #include "platform/file.h"
 #include "platform/format.h"
 #include "platform/message.h"
+#include "platform/path.h"
 #include "platform/probe.h"
 #include "port/port.h"
 
@@ -47,18 +48,18 @@ bool SendNamesWritable(char *names) {
 }
 
 // A received name is joined to the folder as it is given: a folder
-// without its final '/' gets the name glued on ("/tmp/dl" + "a.txt" is
+// without its final '/' or '\' gets the name glued on ("/tmp/dl" + "a.txt" is
 // "/tmp/dla.txt"), and a text that names no folder is taken as the one
 // file to write.  That stays; a folder text that looks meant otherwise is
 // traced.
 void CheckReceiveFolder(const char *folder) {
     if (folder == nullptr || folder[0] == '\0' || !plat::DebugOutputWanted()) return;
     const std::size_t length = std::strlen(folder);
-    const bool separator = folder[length - 1] == '/';
+    const bool separator = plat::IsPathSeparator(folder[length - 1]);
     const bool isFolder = plat::FileStat(folder).isDirectory;
     if (isFolder && !separator) {
-        Trace("zvxfer: PortOpen: the receive folder \"%.200s\" does not end in '/': received "
-              "names are glued to it (\"%.200sNAME\")\n",
+        Trace("zvxfer: PortOpen: the receive folder \"%.200s\" does not end in '/' or "
+              "'\\': received names are glued to it (\"%.200sNAME\")\n",
               folder, folder);
     } else if (!isFolder && separator) {
         Trace("zvxfer: PortOpen: the receive folder \"%.200s\" does not exist (yet): received "

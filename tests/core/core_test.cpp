@@ -303,6 +303,14 @@ TEST_F(CoreRecord, ExistenceAndFreeNames) {
     EXPECT_EQ(FreeName(d + "report.txt"), d + "report(9).txt");
     EXPECT_EQ(FreeName(d + "report(1).txt"), d + "report(9).txt") << "counts on from its counter";
     EXPECT_EQ(FreeName(d + "other.txt", 3), "<none>") << "no room for (1) and the terminator";
+
+    // '\' ends the folder part as '/' does, and the names found through it
+    // are the files of that folder.
+    EXPECT_EQ(FreeName(d + "v1.2\\readme"), d + "v1.2\\readme(1)");
+    tree.File("v1.2/notes.txt");
+    tree.File("v1.2/notes(1).txt");
+    EXPECT_TRUE(XferFileExists((d + "v1.2\\notes.txt").c_str()));
+    EXPECT_EQ(FreeName(d + "v1.2\\notes.txt"), d + "v1.2\\notes(2).txt");
 }
 
 using test::FileText;

@@ -39,7 +39,12 @@ TEST(ReceivedName, NeverAbsoluteNeverClimbingNoControlBytesAndCut) {
         {"../../x", false, 255, "x"},
         {"C:\\d\\x", false, 255, "x"},
         {"dir/sub\\mixed", false, 255, "mixed"},
-        {"a\\b:c", false, 255, "b:c"}, // a colon counts only without separators
+        {"a\\b:c", false, 255, "c"}, // a last component's drive goes
+        {"x\\C:..\\..\\evil", false, 255, "evil"},
+        {"x/D:evil", false, 255, "evil"},
+        {"x\\z:", false, 255, "unnamed"},
+        {"x\\1:y", false, 255, "1:y"}, // a drive is a letter
+        {"x\\ab:y", false, 255, "ab:y"},
         {"A:FILE.TXT", false, 255, "FILE.TXT"},
         {"dir/", false, 255, "unnamed"},
         {"", false, 255, "unnamed"},
@@ -91,6 +96,15 @@ TEST(ReceivedName, TheOpenerPlacesLineNamesBelowTheFolderAndHostNamesInTheirOwn)
         {Xmodem1K, "/r/in/", "x.bin", true, "", "x.bin"},
         {Ascii, "", "/etc/", false, "", ""},
         {Xmodem, "", "/etc/..", false, "", ""},
+        // '\' separates as '/' does, in the folder text and in the name.
+        {Ymodem, "C:\\r\\in\\", "C:\\r\\in\\x", true, "C:\\r\\in\\", "x"},
+        {Zmodem, "C:\\r\\in\\", "C:\\r\\in\\a/b", true, "C:\\r\\in\\", "a/b"},
+        {Kermit, "C:\\r/in", "C:\\r/inx", true, "C:\\r/", "inx"},
+        {Zmodem, "r\\in\\", "r\\in\\a\\..\\b", false, "", ""},
+        {Zmodem, "r\\in\\", "r\\in\\a\\\\b", false, "", ""},
+        {Zmodem, "r/in/", "r/in/\\x", false, "", ""},
+        {Zmodem, "r/in/", "r/in/x\\", false, "", ""},
+        {Xmodem, "", "C:\\dl\\x.bin", true, "C:\\dl\\", "x.bin"},
     };
     XferPort port{};
     XferRecord record{};
@@ -139,7 +153,7 @@ using test::FileText;
 std::vector<std::string> Tree(const std::string &root) {
     std::vector<std::string> names;
     for (const auto &e : fs::recursive_directory_iterator(root))
-        names.push_back(fs::relative(e.path(), root).string());
+        names.push_back(fs::relative(e.path(), root).generic_string());
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -149,10 +163,14 @@ class Receive : public ::testing::Test {
     void SetUp() override {
         outside_.File("target.txt", "outside");
         in_ = tree_.Dir("in") + "/";
-        if (!test::MakeSymlink(outside_.Path("nothing.txt"), in_ + "dangling"))
-            GTEST_SKIP() << "this system makes no symbolic links for this process";
+    }
+    // Links in the receive folder to a missing file, a file and a folder
+    // outside it; false when this system makes no symbolic links for us.
+    bool MakeLinks() {
+        if (!test::MakeSymlink(outside_.Path("nothing.txt"), in_ + "dangling")) return false;
         fs::create_symlink(outside_.Path("target.txt"), in_ + "tofile");
         fs::create_symlink(outside_.Folder(), in_ + "linkdir");
+        return true;
     }
     ~Receive() override {
         if (port_) port_->Ops.PortClose(port_);
@@ -208,6 +226,7 @@ TEST_F(Receive, LinksInTheWayAreNeverFollowed) {
         {"dangling", XFER_EXISTING_SKIP, 1, nullptr},
         {"tofile", XFER_EXISTING_SKIP, 1, nullptr},
     };
+    if (!MakeLinks()) GTEST_SKIP() << "this system makes no symbolic links for this process";
     const std::vector<std::string> before = Tree(in_);
     for (const Case &c : cases) {
         for (const bool host : {false, true}) {
@@ -233,6 +252,38 @@ TEST_F(Receive, LinksInTheWayAreNeverFollowed) {
         EXPECT_TRUE(OutsideUntouched());
         EXPECT_EQ(Tree(in_), before);
     }
+}
+
+// A receive folder written with '\' (as a Windows host writes it) takes
+// the files, and names with drives, '\' and ".." from the line stay in it.
+TEST_F(Receive, AFolderWrittenWithBackslashesKeepsLineNamesInside) {
+    in_.back() = '\\';
+    const std::string inside = tree_.Path("in") + "/";
+    const std::vector<std::string> before = Tree(tree_.Folder());
+    struct Case {
+        const char *sent;
+        bool fullPath;
+        const char *landed; // below in/
+    } cases[] = {
+        {"C:\\..\\..\\escape.txt", false, "escape.txt"},
+        {"x\\D:drive.txt", false, "drive.txt"},
+        {"..\\..\\up.txt", true, "up.txt"},
+        {"C:\\win\\sub/f.txt", true, "win/sub/f.txt"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.sent);
+        EXPECT_EQ(RunYmodem(Batch(c.sent), XFER_EXISTING_RENAME, c.fullPath), 1);
+        EXPECT_EQ(FileText(inside + c.landed).substr(0, kData.size()),
+                  std::string(kData.begin(), kData.end()));
+        std::vector<std::string> expected = before;
+        for (std::string path = std::string("in/") + c.landed; path != "in";
+             path = fs::path(path).parent_path().string())
+            expected.push_back(path);
+        std::sort(expected.begin(), expected.end());
+        EXPECT_EQ(Tree(tree_.Folder()), expected);
+        fs::remove_all(inside + (c.fullPath ? fs::path(c.landed).begin()->string() : c.landed));
+    }
+    EXPECT_TRUE(OutsideUntouched());
 }
 
 } // namespace

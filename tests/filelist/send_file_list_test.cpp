@@ -104,6 +104,23 @@ TEST_F(SendList, SubfoldersFollowTheFoldersOwnMatchesNineLevelsDeep) {
     std::filesystem::current_path(previous);
 }
 
+// '\' separates folders as '/' does: the folder part ends at either, and
+// subfolders join with the separator the name uses.
+TEST_F(SendList, BackslashesSeparateFoldersAsSlashesDo) {
+    for (const char *name : {"w/a.txt", "w/s/b.txt", "w/s/t/c.txt", "w/s/t/skip.bin", "w/s2/d.txt"})
+        tree.File(name);
+    const std::string root = tree.Folder();
+    const Names all = Run("\"" + root + "w\\*.txt\"", true);
+    ASSERT_FALSE(all.empty());
+    EXPECT_EQ(all[0], "w\\a.txt");
+    EXPECT_EQ(Set(all.begin(), all.end()),
+              (Set{"w\\a.txt", "w\\s\\b.txt", "w\\s\\t\\c.txt", "w\\s2\\d.txt"}))
+        << "back from a deeper folder, the next subfolder is its sibling";
+    EXPECT_EQ(Run("\"" + root + "w/s\\*.txt\""), (Names{"w/s\\b.txt"}));
+    EXPECT_EQ(Run("\"" + root + "w\\s/*.txt\"", true), (Names{"w\\s/b.txt", "w\\s/t/c.txt"}));
+    EXPECT_TRUE(StatusLines().empty());
+}
+
 // Files of 2^31 bytes and more (sparse: they take no disk) cannot be carried
 // in 32-bit sizes: each is passed over with its notice and the list goes on;
 // one exactly at the limit still goes.  When the list ends on one, the

@@ -280,6 +280,22 @@ TEST_F(KermitExchange, DiscardedFileIsRemovedAndFoldersInTheNameAreDropped) {
     EXPECT_EQ(record_.FileCount, 2);
 }
 
+// A drive before the name ("C:", after the folders or alone) goes with the
+// folders: on Windows it would name that drive's current folder.
+TEST_F(KermitExchange, DrivesInReceivedNamesAreDroppedWithTheFolders) {
+    Sender("~* @-#N1 (", 1,
+           {Packet('F', 1, "x\\C:one.txt", 1), Packet('D', 2, "one", 1), Packet('Z', 3, "", 1),
+            Packet('F', 4, "D:two.txt", 1), Packet('D', 5, "two", 1), Packet('Z', 6, "", 1),
+            Packet('B', 7, "", 1)});
+    k_->startev = 'v';
+    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(Types(), "YYYYYYYY");
+    EXPECT_EQ(Content("one.txt"), "one");
+    EXPECT_EQ(Content("two.txt"), "two");
+    EXPECT_FALSE(Exists("C:one.txt") || Exists("D:two.txt"));
+    EXPECT_EQ(record_.FileCount, 2);
+}
+
 // The start that asks a server for files: I with our parameters, R with an
 // empty name under the same number, then a receive.
 TEST_F(KermitExchange, GetStartSendsInitInfoThenTheRequestThenReceives) {

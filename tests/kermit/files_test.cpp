@@ -206,6 +206,24 @@ std::set<std::string> Listing(const std::string &folder) {
     return names;
 }
 
+// A received name joins the folder text after its last separator, '/' or
+// '\': only the text after it shares the name's 255-character component.
+// Here the 259-character path limit cuts first (11 + 248).
+TEST(KermitNames, TheReceivePathCountsTheNameFromTheFoldersLastSeparator) {
+    test::TempTree tree;
+    tree.Dir("ten_chars_");
+    const fs::path previous = fs::current_path();
+    fs::current_path(tree.Folder());
+    const std::string name(250, 'n');
+    for (const char *separator : {"/", "\\"}) {
+        Bench b(std::string("ten_chars_") + separator);
+        char out[kPathSize];
+        ASSERT_TRUE(b->receivePath(name.c_str(), out)) << separator;
+        EXPECT_EQ(std::string(out), b.folderText + name.substr(0, 248)) << separator;
+    }
+    fs::current_path(previous);
+}
+
 TEST(KermitNames, BackupsTakeTheFirstFreeNumberOnTheBaseName) {
     using Set = std::set<std::string>;
     const struct {
@@ -222,16 +240,18 @@ TEST(KermitNames, BackupsTakeTheFirstFreeNumberOnTheBaseName) {
         {{".~1~"}, ".~1~", {".~1~.~1~"}, ".~1~.~1~"}, // the first character is never the dot
         {{"other"}, "log", {"other"}, ""},            // nothing to move
     };
-    for (const auto &c : cases) {
-        test::TempTree tree;
-        for (const std::string &name : c.present) tree.File("in/" + name, "old " + name);
-        Bench b(tree.Path("in/"));
-        EXPECT_EQ(b->zbackup(c.name.c_str()), 0) << c.name;
-        EXPECT_EQ(Listing(tree.Path("in")), c.after) << c.name;
-        if (!c.movedTo.empty()) {
-            EXPECT_EQ(test::FileText(tree.Path("in/" + c.movedTo)), "old " + c.name);
+    // The receive folder may end in '/' or '\': the name starts after either.
+    for (const auto &c : cases)
+        for (const char *separator : {"/", "\\"}) {
+            test::TempTree tree;
+            for (const std::string &name : c.present) tree.File("in/" + name, "old " + name);
+            Bench b(tree.Path("in") + separator);
+            EXPECT_EQ(b->zbackup(c.name.c_str()), 0) << c.name << separator;
+            EXPECT_EQ(Listing(tree.Path("in")), c.after) << c.name << separator;
+            if (!c.movedTo.empty()) {
+                EXPECT_EQ(test::FileText(tree.Path("in/" + c.movedTo)), "old " + c.name);
+            }
         }
-    }
 }
 
 } // namespace

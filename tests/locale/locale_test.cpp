@@ -369,6 +369,33 @@ TEST_F(MessageTextTest, RegistrationLoadsOnceInTheUsersLanguage) {
     EXPECT_EQ(RegisterXferDLL(), 0);
 }
 
+// The registered component path is cut at its last '\' or '/', whichever
+// comes last, as a Windows registry writes it with '\'.
+TEST_F(MessageTextTest, TheRegisteredPathIsCutAtItsLastSeparatorOfEitherKind) {
+    reg_.Locale("HKLM avail=deu");
+    UseLanguage(reg_.env, "de_DE.UTF-8");
+    const std::string root = reg_.dir.Folder();
+    struct Case {
+        std::string registered;
+        const char *folder; // where the catalogue lies
+    } cases[] = {
+        {root + "Zv\\Win\\ZvXfer.dll", "Zv/Win"},
+        {root + "Zv/Mixed\\ZvXfer.dll", "Zv/Mixed"},
+        {root + "Zv\\Mixed/Sub/ZvXfer.dll", "Zv/Mixed/Sub"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.registered);
+        reg_.dir.File(std::string(c.folder) + "/zvui32.deu.nls",
+                      std::string("28258\t") + c.folder + "\n");
+        TestRegistry registry;
+        registry.Locale("HKLM avail=deu");
+        registry.Add("HKCR\t" + std::string(kComponentKey) + "\t\t" + c.registered);
+        Restart();
+        ASSERT_EQ(RegisterXferDLL(), 0);
+        EXPECT_STREQ(MessageText(28258), c.folder);
+    }
+}
+
 TEST(DebugLog, StampedTextToTheSinkOrTheNamedFile) {
     static std::vector<std::string> lines;
     lines.clear();

@@ -87,8 +87,8 @@ TEST_F(SendNames, ReadOnlyListsAreRefused) {
 using ReceiveFolder = Traced;
 
 // The folder stays as given (by reference); only the texts that look
-// meant otherwise are traced: a folder without its '/', and a '/'-ended
-// text that names no folder.  A text without '/' that names no folder is
+// meant otherwise are traced: a folder without its '/' or '\', and a
+// text so ended that names no folder.  A text without '/' that names no folder is
 // the one file to write, and "" is the current folder.
 TEST_F(ReceiveFolder, LikelyMistakesAreTracedAndKept) {
     test::TempTree tree;
@@ -100,7 +100,9 @@ TEST_F(ReceiveFolder, LikelyMistakesAreTracedAndKept) {
     } cases[] = {
         {bare, "\"" + bare + "\" does not end in '/'"},
         {bare + "/", ""},
+        {bare + "\\", ""}, // '\' ends a folder as well
         {missing, "\"" + missing + "\" does not exist"},
+        {missing + "\\", "\"" + missing + "\\\" does not exist"},
         {file, ""},
         {"", ""},
     };
