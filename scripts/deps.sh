@@ -10,6 +10,7 @@ packages=(
   lrzsz ckermit gkermit python3 tmux
   libfmt-dev libcli11-dev gettext
   groff-base man-db
+  gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
   "$@"
 )
 
