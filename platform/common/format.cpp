@@ -1,4 +1,8 @@
-// Bounded formatting over vsnprintf.
+// Bounded formatting over the C runtime's vsnprintf (on Windows the C99
+// one that mingw-w64 supplies for C++: %lld, %zu and %hhd behave as on any
+// C99 system, and a cut result is still NUL-terminated; wsprintfA is no
+// choice there: it stops at 1024 bytes and knows no 64-bit or size_t
+// conversions).
 #include "platform/format.h"
 
 #include <cstdio>
