@@ -11,30 +11,10 @@
 #include "port/port.h"
 #include "temp_tree.h"
 #include "test_host.h"
+#include "traced.h"
 
 namespace zvxfer {
 namespace {
-
-std::string gTrace;
-void KeepTrace(const char *text) {
-    gTrace += text;
-}
-
-// The debugger output gathered for one test.
-struct Traced : ::testing::Test {
-    Traced() {
-        gTrace.clear();
-        ZvSetDebugOutput(&KeepTrace);
-    }
-    ~Traced() override { ZvSetDebugOutput(nullptr); }
-    static int Count(const std::string &text) {
-        int n = 0;
-        for (std::size_t at = gTrace.find(text); at != std::string::npos;
-             at = gTrace.find(text, at + 1))
-            ++n;
-        return n;
-    }
-};
 
 int gStatusLines = 0;
 int32_t CountStatus(XferRecord *, int32_t, const char *) {
@@ -108,14 +88,14 @@ TEST_F(ReceiveFolder, LikelyMistakesAreTracedAndKept) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.text);
-        gTrace.clear();
+        Trace().clear();
         XferPort *port = PortOpen(0, nullptr, c.text.c_str(), XFER_EXISTING_OVERWRITE);
         ASSERT_NE(port, nullptr);
         EXPECT_EQ(port->ReceiveFolder, c.text.c_str());
         if (c.traced.empty())
-            EXPECT_EQ(gTrace, "");
+            EXPECT_EQ(Trace(), "");
         else
-            EXPECT_EQ(Count(c.traced), 1) << gTrace;
+            EXPECT_EQ(Count(c.traced), 1) << Trace();
         port->Ops.PortClose(port);
     }
 }

@@ -10,30 +10,12 @@
 #include "fake_clock.h"
 #include "temp_tree.h"
 #include "test_host.h"
+#include "traced.h"
 
 namespace zvxfer {
 namespace {
 
-std::string gTrace;
-void KeepTrace(const char *text) {
-    gTrace += text;
-}
-
-// The debugger output gathered for one test.
-struct UnwatchedReads : ::testing::Test {
-    UnwatchedReads() {
-        gTrace.clear();
-        ZvSetDebugOutput(&KeepTrace);
-    }
-    ~UnwatchedReads() override { ZvSetDebugOutput(nullptr); }
-    static int Count(const std::string &text) {
-        int n = 0;
-        for (std::size_t at = gTrace.find(text); at != std::string::npos;
-             at = gTrace.find(text, at + 1))
-            ++n;
-        return n;
-    }
-};
+struct UnwatchedReads : Traced {};
 
 // A receiver that finds nothing to read on a thread that watches no
 // descriptor is traced once per transfer (port reads and Kermit's own);
